@@ -1,0 +1,99 @@
+# One module is one folder: its sources make a library, the *_test.cpp beside them one test
+# program, each *_fuzzer.cpp a fuzzer. The folder is the map, so nothing is listed twice.
+
+add_library(orla_options INTERFACE)
+target_compile_options(orla_options INTERFACE -Wall -Wextra -Wshadow -Wformat=2 -Werror)
+target_compile_options(orla_options INTERFACE $<$<CONFIG:Release>:-g1>)
+target_include_directories(orla_options INTERFACE ${PROJECT_SOURCE_DIR}/src)
+if(ORLA_SANITIZE)
+  string(REPLACE ";" "," _sanitizers "${ORLA_SANITIZE}")
+  add_compile_options(-fsanitize=${_sanitizers} -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer -g1)
+  add_link_options(-fsanitize=${_sanitizers})
+endif()
+if(ORLA_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
+# Every test runs in the sandbox: private /var, /home and SysV queues, so that the paths of a
+# device are the ones that are tested and nothing of the machine is touched.
+set(ORLA_SANDBOX ${PROJECT_SOURCE_DIR}/platform/standins/orla-sandbox)
+
+# orla_module(<name> DIR <folder> [SHARED] [DEPENDS …] [PRIVATE_DEPENDS …])
+function(orla_module name)
+  cmake_parse_arguments(ARG "SHARED" "DIR" "DEPENDS;PRIVATE_DEPENDS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${ARG_DIR}/*.cpp ${ARG_DIR}/*.c)
+  file(GLOB tests CONFIGURE_DEPENDS ${ARG_DIR}/*_test.cpp)
+  file(GLOB fuzzers CONFIGURE_DEPENDS ${ARG_DIR}/*_fuzzer.cpp)
+  file(GLOB protos CONFIGURE_DEPENDS ${ARG_DIR}/*.proto)
+  list(FILTER sources EXCLUDE REGEX "_(test|fuzzer)\\.cpp$|/main\\.cpp$")
+
+  set(target orla_${name})
+  if(NOT sources AND NOT protos)
+    add_library(${target} INTERFACE)
+    target_link_libraries(${target} INTERFACE ${ARG_DEPENDS})
+    return()
+  endif()
+  if(ARG_SHARED)
+    add_library(${target} SHARED ${sources})
+  else()
+    add_library(${target} STATIC ${sources})
+  endif()
+  target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} PRIVATE orla_options ${ARG_PRIVATE_DEPENDS})
+  if(protos)
+    # Generated code is not ours to warn about.
+    protobuf_generate(TARGET ${target} LANGUAGE cpp PROTOS ${protos} IMPORT_DIRS ${ARG_DIR}
+                      PROTOC_OUT_DIR ${CMAKE_BINARY_DIR}/generated/${name})
+    set_target_properties(${target} PROPERTIES COMPILE_OPTIONS "-w")
+    target_include_directories(${target} SYSTEM PUBLIC ${CMAKE_BINARY_DIR}/generated/${name})
+  endif()
+
+  if(BUILD_TESTING AND tests)
+    orla_test(${name}_test SOURCES ${tests} DEPENDS ${target} ${ARG_PRIVATE_DEPENDS})
+  endif()
+  foreach(source ${fuzzers})
+    orla_fuzzer(${source} ${target})
+  endforeach()
+endfunction()
+
+# Libraries that a module calls without naming their provider: the platform, last on the line.
+function(orla_link_platform target)
+  target_link_libraries(${target} PRIVATE ${ORLA_PLATFORM_TARGETS} Threads::Threads)
+endfunction()
+
+# orla_program(<name> MAIN <source> DEPENDS …)
+function(orla_program name)
+  cmake_parse_arguments(ARG "" "MAIN" "DEPENDS" ${ARGN})
+  add_executable(${name} ${ARG_MAIN})
+  target_link_libraries(${name} PRIVATE orla_options ${ARG_DEPENDS})
+  orla_link_platform(${name})
+endfunction()
+
+# orla_test(<name> SOURCES … DEPENDS …): one program, one entry of ctest, in the sandbox.
+function(orla_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE orla_options ${ARG_DEPENDS} GTest::gmock GTest::gtest_main)
+  orla_link_platform(${name})
+  add_test(NAME ${name} COMMAND ${ORLA_SANDBOX} --quiet -- $<TARGET_FILE:${name}>)
+  set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+endfunction()
+
+# A fuzzer is LLVMFuzzerTestOneInput in one file. With ORLA_FUZZ it becomes a libFuzzer
+# program; otherwise it replays its corpus, tests/corpus/<name>, as a test.
+function(orla_fuzzer source module)
+  get_filename_component(name ${source} NAME_WE)
+  set(corpus ${PROJECT_SOURCE_DIR}/tests/corpus/${name})
+  if(ORLA_FUZZ)
+    add_executable(${name} ${source})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  elseif(BUILD_TESTING)
+    add_executable(${name} ${source} ${PROJECT_SOURCE_DIR}/tests/fuzz_replay.cpp)
+    add_test(NAME ${name} COMMAND ${ORLA_SANDBOX} --quiet -- $<TARGET_FILE:${name}> ${corpus})
+    set_tests_properties(${name} PROPERTIES TIMEOUT 300)
+  else()
+    return()
+  endif()
+  target_link_libraries(${name} PRIVATE orla_options ${module})
+  orla_link_platform(${name})
+endfunction()
