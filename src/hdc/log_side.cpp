@@ -21,8 +21,8 @@ void Write(Writer writer, const LogSide& side, const char* file, int line, const
     if (side.module == kCoreModule) {
         writer(side.module, "[%s:%d][tid:%d]>>> %s\n", file, line, mmGetTid(), text);
     } else {
-        writer(side.module, "[%s:%d] >>> (tid:%ld) %s\n", file, line,
-               static_cast<long>(mmGetTid()), text);
+        writer(side.module, "[%s:%d] >>> (tid:%ld) %s\n", file, line, static_cast<long>(mmGetTid()),
+               text);
     }
 }
 
@@ -50,6 +50,17 @@ void LogLine(const LogSide& side, LogLevel level, const char* file, int line, co
         case LogLevel::kEvent:
             return Write(DlogEventInner, side, file, line, text);
     }
+}
+
+bool Refuses(const LogSide& side, const char* file, int line,
+             std::initializer_list<ArgumentCheck> checks) {
+    for (const ArgumentCheck& check : checks) {
+        if (check.bad) {
+            LogLine(side, LogLevel::kError, file, line, "%s", check.words);
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace orla

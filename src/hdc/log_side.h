@@ -9,6 +9,8 @@
 #include <device_log.h>
 #include <portability.h>
 
+#include <initializer_list>
+
 namespace orla {
 
 constexpr int kCoreModule = 1;
@@ -23,26 +25,49 @@ struct LogSide {
 extern const LogSide kCoreSide;
 extern const LogSide kProfilingSide;
 
-enum class LogLevel { kDebug = DLOG_DEBUG, kInfo = DLOG_INFO, kWarning = DLOG_WARN, kError, kEvent };
+enum class LogLevel {
+    kDebug = DLOG_DEBUG,
+    kInfo = DLOG_INFO,
+    kWarning = DLOG_WARN,
+    kError,
+    kEvent
+};
 
 // One line of either side, with that side's prefix. Longer text than 1023 bytes is cut.
 void LogLine(const LogSide& side, LogLevel level, const char* file, int line, const char* format,
              ...) __attribute__((format(printf, 5, 6)));
 
+// "[Operation]" on the side that names operations, else nothing.
+inline const char* OperationName(const LogSide& side, const char* bracketed) {
+    return side.namesOperation ? bracketed : "";
+}
+
+// A check of an argument: what must not be, and the words of its log line.
+struct ArgumentCheck {
+    bool bad;
+    const char* words;
+};
+
+// Whether a check found something. The first that did has its words logged as an error.
+[[nodiscard]] bool Refuses(const LogSide& side, const char* file, int line,
+                           std::initializer_list<ArgumentCheck> checks);
+
 }  // namespace orla
 
+// SIDE_REFUSES(side, {session == nullptr, "session is nullptr"}, …)
+#define SIDE_REFUSES(side, ...) ::orla::Refuses(side, __FILE_NAME__, __LINE__, {__VA_ARGS__})
 #define SIDE_LOG(side, level, ...) \
     ::orla::LogLine(side, ::orla::LogLevel::level, __FILE_NAME__, __LINE__, __VA_ARGS__)
 
 // The core: module 1, "[file:line][tid:n]>>> ".
-#define ORLA_CORE_LINE(writer, format, ...)                                                   \
+#define ORLA_CORE_LINE(writer, format, ...)                                                 \
     writer(::orla::kCoreModule, "[%s:%d][tid:%d]>>> " format "\n", __FILE_NAME__, __LINE__, \
            mmGetTid(), ##__VA_ARGS__)
-#define ORLA_CORE_GUARDED(writer, level, ...)                     \
-    do {                                                          \
-        if (CheckLogLevel(::orla::kCoreModule, level) == 1) {     \
-            ORLA_CORE_LINE(writer, __VA_ARGS__);                  \
-        }                                                         \
+#define ORLA_CORE_GUARDED(writer, level, ...)                 \
+    do {                                                      \
+        if (CheckLogLevel(::orla::kCoreModule, level) == 1) { \
+            ORLA_CORE_LINE(writer, __VA_ARGS__);              \
+        }                                                     \
     } while (false)
 #define IDE_LOGE(...) ORLA_CORE_LINE(DlogErrorInner, __VA_ARGS__)
 #define IDE_EVENT(...) ORLA_CORE_LINE(DlogEventInner, __VA_ARGS__)
@@ -51,8 +76,8 @@ void LogLine(const LogSide& side, LogLevel level, const char* file, int line, co
 #define IDE_LOGD(...) ORLA_CORE_GUARDED(DlogDebugInner, DLOG_DEBUG, __VA_ARGS__)
 
 // The profiling agent: module 31, "[file:line] >>> (tid:n) ".
-#define ORLA_PROF_LINE(writer, format, ...)                                                       \
-    writer(::orla::kProfilingModule, "[%s:%d] >>> (tid:%ld) " format "\n", __FILE_NAME__,         \
+#define ORLA_PROF_LINE(writer, format, ...)                                               \
+    writer(::orla::kProfilingModule, "[%s:%d] >>> (tid:%ld) " format "\n", __FILE_NAME__, \
            __LINE__, static_cast<long>(mmGetTid()), ##__VA_ARGS__)
 #define ORLA_PROF_GUARDED(writer, level, ...)                      \
     do {                                                           \

@@ -1,0 +1,231 @@
+// Messages on sessions: the segment loop of a write and of a read, once for all callers.
+#include <algorithm>
+
+#include "hdc/hdc_api.h"
+#include "hdc/memory_utils.h"
+
+using orla::HeapBlock;
+using orla::LogSide;
+using orla::OperationName;
+
+namespace {
+
+constexpr int kMaxReadPauses = 141;  // 1 + 2 + … + 141 ms: 10,011 ms of sleep
+
+// A driver message for one buffer. Free() reports what the destructor would swallow.
+class DriverMessage {
+public:
+    explicit DriverMessage(const LogSide& side) : side_(side) {}
+    ~DriverMessage() { static_cast<void>(Free()); }
+    DriverMessage(const DriverMessage&) = delete;
+    DriverMessage& operator=(const DriverMessage&) = delete;
+
+    drvError_t Alloc(drvHdcSession_t session) { return drvHdcAllocMsg(session, &handle_, 1); }
+
+    [[nodiscard]] int Free() {
+        if (handle_ == nullptr) {
+            return 0;
+        }
+        const drvError_t ret = drvHdcFreeMsg(handle_);
+        handle_ = nullptr;
+        if (ret != DRV_ERROR_NONE) {
+            SIDE_LOG(side_, kError, "Hdc Free Msg, error: %d", ret);
+            return -1;
+        }
+        return 0;
+    }
+
+    [[nodiscard]] int Reuse() {
+        const drvError_t ret = drvHdcReuseMsg(handle_);
+        if (ret != DRV_ERROR_NONE) {
+            SIDE_LOG(side_, kError, "Hdc Reuse Msg, error: %d", ret);
+            return -1;
+        }
+        return 0;
+    }
+
+    drvHdcMsg_t get() const { return handle_; }
+
+private:
+    const LogSide& side_;
+    drvHdcMsg_t handle_ = nullptr;
+};
+
+int SendSegment(drvHdcSession_t session, DriverMessage& message, IdeHdcPacket* segment,
+                uint64_t flag, const LogSide& side) {
+    drvError_t ret = drvHdcAddMsgBuffer(message.get(), reinterpret_cast<char*>(segment),
+                                        static_cast<int>(segment->len + orla::kSegmentOverhead));
+    if (ret != DRV_ERROR_NONE) {
+        SIDE_LOG(side, kError, "Hdc Add Msg Buffer, error: %d", ret);
+        return -1;
+    }
+    ret = halHdcSend(session, message.get(), flag, 0);
+    if (ret != DRV_ERROR_NONE) {
+        SIDE_LOG(side, kError, "Hdc Send, error: %d", ret);
+        return -1;
+    }
+    return message.Reuse();
+}
+
+int HdcSessionWrite(drvHdcSession_t session, const void* buffer, int length, uint64_t flag,
+                    const LogSide& side) {
+    if (SIDE_REFUSES(side, {session == nullptr, "session is nullptr"},
+                     {buffer == nullptr, "buf is nullptr"}, {length < 1, "len is invalid"})) {
+        return -1;
+    }
+    uint32_t maxSegment = 0;
+    int err = HdcGetCapacity(&maxSegment, side);
+    if (err != 0) {
+        SIDE_LOG(side, kError, "Hdc Capacity Failed, err: %d", err);
+        return -1;
+    }
+    DriverMessage message(side);
+    const drvError_t ret = message.Alloc(session);
+    if (ret != DRV_ERROR_NONE || message.get() == nullptr) {
+        SIDE_LOG(side, kError, "Hdc Alloc Msg, error: %d", ret);
+        return -1;
+    }
+    // One segment buffer serves the whole message, and is no larger than a short one needs.
+    const uint32_t limit = maxSegment - orla::kSegmentOverhead;
+    auto remaining = static_cast<uint32_t>(length);
+    const size_t segmentSize = std::min(remaining, limit) + orla::kSegmentOverhead;
+    const HeapBlock segmentBlock(static_cast<char*>(IdeXmalloc(segmentSize)));
+    if (segmentBlock == nullptr) {
+        SIDE_LOG(side, kError, "%sIdeXmalloc %lu Size failed",
+                 OperationName(side, "[HdcSessionWrite]"), segmentSize);
+        return -1;
+    }
+    auto* segment = reinterpret_cast<IdeHdcPacket*>(segmentBlock.get());
+    const char* payload = static_cast<const char*>(buffer);
+    while (remaining > 0) {
+        const uint32_t taken = orla::CutSegment(payload, remaining, limit, segment);
+        if (SendSegment(session, message, segment, flag, side) != 0) {
+            return -1;
+        }
+        payload += taken;
+        remaining -= taken;
+    }
+    return message.Free();
+}
+
+// Takes the buffers of one receive. The message is the driver's until its reuse.
+int StoreBuffers(drvHdcMsg_t message, int count, orla::MessageJoiner& joiner, const LogSide& side) {
+    for (int i = 0; i < count; ++i) {
+        char* buffer = nullptr;
+        int length = 0;
+        const drvError_t ret = drvHdcGetMsgBuffer(message, i, &buffer, &length);
+        if (ret != DRV_ERROR_NONE) {
+            SIDE_LOG(side, kError, "Hdc Get Msg Buffer, error %d", ret);
+            return -1;
+        }
+        if (buffer == nullptr || length <= 0) {
+            continue;
+        }
+        if (!joiner.Add(buffer, static_cast<uint32_t>(length))) {
+            SIDE_LOG(side, kError, "Hdc store package, error");
+            return -1;
+        }
+    }
+    return 0;
+}
+
+// One receive, which for a message that has begun is repeated while nothing is there.
+// `pauses` counts over the whole message, so that a peer that drips is bounded too.
+drvError_t Receive(drvHdcSession_t session, drvHdcMsg_t message, uint64_t flag, bool begun,
+                   int* pauses, int* count) {
+    while (true) {
+        const drvError_t ret = halHdcRecv(session, message, 0, flag, count, 0);
+        if (ret != DRV_ERROR_NON_BLOCK || !begun || *pauses >= kMaxReadPauses) {
+            return ret;
+        }
+        mmSleep(static_cast<uint32_t>(++*pauses));
+    }
+}
+
+int ReceiveFailure(drvError_t ret, bool begun, const LogSide& side) {
+    if (ret == DRV_ERROR_NON_BLOCK && !begun) {
+        return kHdcReadEmpty;
+    }
+    if (ret == DRV_ERROR_SOCKET_CLOSE) {
+        SIDE_LOG(side, kInfo, "%s",
+                 side.namesOperation ? "[HdcSessionRead]Session is closed." : "Session is closed.");
+        return kHdcReadClosed;
+    }
+    SIDE_LOG(side, kError, "Hdc Receive, error %d", ret);
+    return kHdcReadFailed;
+}
+
+void LogListFreed(const LogSide& side) {
+    if (side.module == orla::kCoreModule) {
+        SIDE_LOG(side, kDebug, "iovec list free");
+    } else {
+        SIDE_LOG(side, kDebug, "iovec list free begin");
+        SIDE_LOG(side, kDebug, "iovec list free end");
+    }
+}
+
+int HdcSessionRead(drvHdcSession_t session, void** buffer, uint32_t* length, uint64_t flag,
+                   const LogSide& side) {
+    if (SIDE_REFUSES(side, {session == nullptr, "session is nullptr"},
+                     {buffer == nullptr, "recv_buf is nullptr"},
+                     {length == nullptr, "recv_len is nullptr"})) {
+        return kHdcReadFailed;
+    }
+    *buffer = nullptr;
+    *length = 0;
+    DriverMessage message(side);
+    drvError_t ret = message.Alloc(session);
+    if (ret != DRV_ERROR_NONE || message.get() == nullptr) {
+        SIDE_LOG(side, kError, "Hdc Alloc Msg, error %d", ret);
+        return kHdcReadFailed;
+    }
+    orla::MessageJoiner joiner(side);
+    int pauses = 0;
+    while (true) {
+        int count = 0;
+        ret = Receive(session, message.get(), flag, !joiner.untouched(), &pauses, &count);
+        if (ret != DRV_ERROR_NONE) {
+            return ReceiveFailure(ret, !joiner.untouched(), side);
+        }
+        if (StoreBuffers(message.get(), count, joiner, side) != 0) {
+            SIDE_LOG(side, kError, "%s",
+                     side.namesOperation ? "[HdcSessionRead]Hdc receive package, error"
+                                         : "Hdc receive package error");
+            return kHdcReadFailed;
+        }
+        if (side.namesOperation) {
+            SIDE_LOG(side, kDebug, "iovec list add begin");
+        }
+        if (joiner.finished()) {
+            break;
+        }
+        if (message.Reuse() != 0) {
+            return kHdcReadFailed;
+        }
+    }
+    if (message.Free() != 0) {
+        return kHdcReadFailed;
+    }
+    HeapBlock block = joiner.Take(length);
+    LogListFreed(side);
+    *buffer = block.release();
+    return *buffer == nullptr ? kHdcReadFailed : kHdcReadDone;
+}
+
+}  // namespace
+
+int HdcRead(drvHdcSession_t session, void** buffer, uint32_t* length, const LogSide& side) {
+    return HdcSessionRead(session, buffer, length, HDC_FLAG_WAIT, side);
+}
+
+int HdcReadNb(drvHdcSession_t session, void** buffer, uint32_t* length, const LogSide& side) {
+    return HdcSessionRead(session, buffer, length, HDC_FLAG_NOWAIT, side);
+}
+
+int HdcWrite(drvHdcSession_t session, const void* buffer, int length, const LogSide& side) {
+    return HdcSessionWrite(session, buffer, length, HDC_FLAG_WAIT, side);
+}
+
+int HdcWriteNb(drvHdcSession_t session, const void* buffer, int length, const LogSide& side) {
+    return HdcSessionWrite(session, buffer, length, HDC_FLAG_NOWAIT, side);
+}
