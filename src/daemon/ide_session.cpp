@@ -1,0 +1,155 @@
+#include "daemon/ide_session.h"
+
+#include <portability.h>
+#include <secure_c.h>
+
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "daemon/ide_common_util.h"
+#include "hdc/hdc_api.h"
+#include "hdc/log_side.h"
+#include "hdc/memory_utils.h"
+
+using orla::HeapBlock;
+
+namespace {
+
+constexpr int kMaxReadTimes = 142;
+constexpr const char* kThreadName = "ide_hdc_process";
+
+struct RequestDeleter {
+    void operator()(IdeRequest* request) const { IdeFreeRequest(request); }
+};
+using RequestPtr = std::unique_ptr<IdeRequest, RequestDeleter>;
+
+int PollRead(drvHdcSession_t session, void** buffer, uint32_t* length) {
+    for (uint32_t i = 1; i < kMaxReadTimes; ++i) {
+        const int ret = HdcReadNb(session, buffer, length);
+        if (ret != kHdcReadEmpty) {
+            return ret;
+        }
+        mmSleep(i);
+    }
+    IDE_LOGW("no received request in %d times", kMaxReadTimes);
+    return -1;
+}
+
+bool IsWhole(const IdeRequest* request, uint32_t length) {
+    const uint32_t stated = length >= sizeof(IdeRequest) ? request->len : 0;
+    if (length < sizeof(IdeRequest) || stated != length - sizeof(IdeRequest)) {
+        IDE_LOGE("recv len: %u, req len %d, size %zu", length, static_cast<int>(stated),
+                 sizeof(IdeRequest));
+        return false;
+    }
+    return true;
+}
+
+int CallHandler(uint32_t slot, drvHdcSession_t session, const IdeRequest* request) {
+    const auto handler = IdeComponentHandler(slot);
+    if (handler == nullptr) {
+        IDE_LOGE("req->type: %d, Invalid request or no hdc process func register",
+                 static_cast<int>(request->type));
+        return -1;
+    }
+    const char* name = IdeRequestName(request->type);
+    mmSetCurrentThreadName((std::string(kThreadName) + "_" + name).c_str());
+    const int err = handler(session, request);
+    if (err != 0) {
+        IDE_LOGE("req->type: %d, call %s process func failed, err: %d",
+                 static_cast<int>(request->type), name, err);
+    }
+    return err;
+}
+
+int ProcessSession(const IdeSession& session) {
+    const IdeTransport transport{kTransportHdc, session.session};
+    IdeRequest* received = nullptr;
+    const int ret = IdeHdcReadRequest(&transport, &received);
+    const RequestPtr request(received);
+    if (ret != 0) {
+        IDE_LOGE("Ide Hdc Read Request failed, err: %d", ret);
+        static_cast<void>(HdcSessionClose(session.session));
+        return -1;
+    }
+    IDE_LOGI("received %s request, type %d, req->dev_id=%d, phyDevId=%d.",
+             IdeRequestName(request->type), static_cast<int>(request->type),
+             static_cast<int>(request->dev_id), static_cast<int>(session.phyDevId));
+    request->dev_id = session.phyDevId;
+    const uint32_t slot = IdeRequestSlot(request.get());
+    const bool handedOver = slot == kSlotProfiling && IdeComponentHandler(slot) != nullptr;
+    const int status = CallHandler(slot, session.session, request.get());
+    if (!handedOver) {
+        static_cast<void>(HdcSessionClose(session.session));
+    }
+    return status;
+}
+
+}  // namespace
+
+int IdeRead(const IdeTransport* transport, void** buffer, uint32_t* length, int waitFlag) {
+    if (SIDE_REFUSES(orla::kCoreSide, {transport == nullptr, "transport is nullptr"},
+                     {buffer == nullptr, "recv_buf is nullptr"},
+                     {length == nullptr, "recv_len is nullptr"})) {
+        return -1;
+    }
+    return waitFlag == 0 ? HdcRead(transport->session, buffer, length)
+                         : PollRead(transport->session, buffer, length);
+}
+
+int IdeHdcReadRequest(const IdeTransport* transport, IdeRequest** request) {
+    if (SIDE_REFUSES(orla::kCoreSide, {request == nullptr, "req is nullptr"})) {
+        return -1;
+    }
+    *request = nullptr;
+    void* message = nullptr;
+    uint32_t length = 0;
+    const int ret = IdeRead(transport, &message, &length, 1);
+    const HeapBlock received(static_cast<char*>(message));
+    if (ret != 0) {
+        IDE_LOGW("Ide Read ret: %d", ret);
+        return ret;
+    }
+    if (length == UINT32_MAX) {
+        IDE_LOGE("too long recv_data: %u", length);
+        return -1;
+    }
+    HeapBlock copy(static_cast<char*>(IdeXmalloc(size_t{length} + 1)));
+    if (copy == nullptr) {
+        IDE_LOGE("Ide Xmalloc failed");
+        return -1;
+    }
+    if (memcpy_s(copy.get(), length, received.get(), length) != EOK) {
+        IDE_LOGE("memory copy_s failed");
+        return -1;
+    }
+    if (!IsWhole(reinterpret_cast<const IdeRequest*>(copy.get()), length)) {
+        return -1;
+    }
+    *request = reinterpret_cast<IdeRequest*>(copy.release());
+    return 0;
+}
+
+void IdeFreeRequest(IdeRequest* request) {
+    std::free(request);
+}
+
+void* IdeDaemonHdcProcessEvent(void* argument) {
+    if (SIDE_REFUSES(orla::kCoreSide, {argument == nullptr, "invalid parameter"})) {
+        return nullptr;
+    }
+    const std::unique_ptr<IdeSession> session(static_cast<IdeSession*>(argument));
+    mmSetCurrentThreadName(kThreadName);
+    try {
+        const int err = ProcessSession(*session);
+        if (err != 0) {
+            IDE_LOGE("Daemon Hdc Process Event Process Failed, err: %d", err);
+        }
+    } catch (const std::exception& e) {
+        // A handler that throws costs its own session; whose session it then is, is unknown.
+        IDE_LOGE("Daemon Hdc Process Event Process threw: %s", e.what());
+    }
+    return nullptr;
+}

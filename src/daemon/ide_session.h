@@ -1,0 +1,40 @@
+// One session of service type 4: read one request, find its component, let it be served, close.
+#pragma once
+
+#include <hdc_driver.h>
+
+#include <cstdint>
+
+#include "hdc/hdc_packet.h"
+
+// Where a request is read from.
+struct IdeTransport {
+    int kind;  // kTransportHdc
+    drvHdcSession_t session;
+};
+
+constexpr int kTransportHdc = 1;
+
+// What a session thread is started with; it owns and frees the record.
+struct IdeSession {
+    uint32_t phyDevId;
+    uint32_t logDevId;
+    drvHdcSession_t session;
+};
+
+// Reads one message into a heap block that the caller frees. waitFlag 0 blocks. Otherwise the
+// read polls, for 10,011 ms of sleep at most, and then fails. Answers as HdcRead; -1 for a null
+// argument.
+[[nodiscard]] int IdeRead(const IdeTransport* transport, void** buffer, uint32_t* length,
+                          int waitFlag);
+
+// Reads and checks one request. `*request` gets a record that the caller releases with
+// IdeFreeRequest; a zero byte stands behind its value. On failure `*request` is null and the
+// result is not 0.
+[[nodiscard]] int IdeHdcReadRequest(const IdeTransport* transport, IdeRequest** request);
+void IdeFreeRequest(IdeRequest* request);
+
+// Entry of the session thread "ide_hdc_process". `argument` is a heap-allocated IdeSession.
+// The session is closed at the end, but for one that reached the profiling handler: from that
+// call on it belongs to the profiling component, also when the handler failed.
+void* IdeDaemonHdcProcessEvent(void* argument);
