@@ -22,6 +22,7 @@ set(ORLA_SANDBOX ${PROJECT_SOURCE_DIR}/platform/standins/orla-sandbox)
 # orla_module(<name> DIR <folder> [SHARED] [DEPENDS …] [PRIVATE_DEPENDS …])
 function(orla_module name)
   cmake_parse_arguments(ARG "SHARED" "DIR" "DEPENDS;PRIVATE_DEPENDS" ${ARGN})
+  set(ARG_DIR ${PROJECT_SOURCE_DIR}/${ARG_DIR})
   file(GLOB sources CONFIGURE_DEPENDS ${ARG_DIR}/*.cpp ${ARG_DIR}/*.c)
   file(GLOB tests CONFIGURE_DEPENDS ${ARG_DIR}/*_test.cpp)
   file(GLOB fuzzers CONFIGURE_DEPENDS ${ARG_DIR}/*_fuzzer.cpp)
@@ -41,11 +42,13 @@ function(orla_module name)
   endif()
   target_link_libraries(${target} PUBLIC ${ARG_DEPENDS} PRIVATE orla_options ${ARG_PRIVATE_DEPENDS})
   if(protos)
-    # Generated code is not ours to warn about.
-    protobuf_generate(TARGET ${target} LANGUAGE cpp PROTOS ${protos} IMPORT_DIRS ${ARG_DIR}
-                      PROTOC_OUT_DIR ${CMAKE_BINARY_DIR}/generated/${name})
-    set_target_properties(${target} PROPERTIES COMPILE_OPTIONS "-w")
-    target_include_directories(${target} SYSTEM PUBLIC ${CMAKE_BINARY_DIR}/generated/${name})
+    # Included as "<name>/<proto>.pb.h". Generated code is not ours to warn about.
+    set(generated_dir ${CMAKE_BINARY_DIR}/generated)
+    file(MAKE_DIRECTORY ${generated_dir}/${name})
+    protobuf_generate(TARGET ${target} LANGUAGE cpp PROTOS ${protos} APPEND_PATH
+                      PROTOC_OUT_DIR ${generated_dir}/${name} OUT_VAR generated)
+    set_source_files_properties(${generated} PROPERTIES COMPILE_OPTIONS "-w")
+    target_include_directories(${target} SYSTEM PUBLIC ${generated_dir})
   endif()
 
   if(BUILD_TESTING AND tests)

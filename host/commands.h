@@ -1,0 +1,23 @@
+// The subcommands of orlactl. Each file cmd_*.cpp adds one to the command line; what it runs
+// when it was chosen returns the exit code.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <functional>
+#include <vector>
+
+namespace orla::host {
+
+// Options that every subcommand has.
+struct CommonOptions {
+    std::vector<uint32_t> devices;  // empty: all that the driver knows
+    bool json = false;
+};
+
+using Command = std::function<int()>;
+
+// Adds a subcommand, whose options are stored in what the returned command holds.
+Command AddDevicesCommand(CLI::App& app, const CommonOptions& options);
+
+}  // namespace orla::host

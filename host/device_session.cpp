@@ -1,0 +1,105 @@
+#include "host/device_session.h"
+
+#include "hdc/hdc_api.h"
+#include "hdc/velt_dsmi.h"
+
+namespace orla::host {
+
+std::optional<std::vector<Device>> FindDevices() {
+    std::vector<uint32_t> logicalIds(kMaxDevices, 0);
+    uint32_t count = 0;
+    if (IdeGetDevList(&count, logicalIds.data(), kMaxDevices) != 0) {
+        return std::nullopt;
+    }
+    std::vector<uint32_t> physicalIds(kMaxDevices, 0);
+    if (IdeGetPhyDevList(&count, physicalIds.data(), kMaxDevices) != 0 || count > kMaxDevices) {
+        return std::nullopt;
+    }
+    std::vector<Device> devices;
+    for (uint32_t i = 0; i < count; ++i) {
+        devices.push_back({logicalIds[i], physicalIds[i]});
+    }
+    return devices;
+}
+
+Session::~Session() {
+    Close();
+    static_cast<void>(drvHdcEpollClose(epoll_));
+}
+
+bool Session::Send(std::string_view message) {
+    return message.size() <= INT32_MAX &&
+           HdcWrite(session_, message.data(), static_cast<int>(message.size())) == 0;
+}
+
+bool Session::SendRequest(uint32_t type, std::string_view value) {
+    void* packet = nullptr;
+    uint32_t length = 0;
+    if (value.size() > UINT32_MAX ||
+        IdeCreatePacket(type, value.data(), static_cast<uint32_t>(value.size()), &packet,
+                        &length) != 0) {
+        return false;
+    }
+    const HeapBlock owned(static_cast<char*>(packet));
+    return Send({owned.get(), length});
+}
+
+ReceiveResult Session::Receive(int timeoutMs, std::string* message) {
+    drvHdcEvent event = {};
+    int count = 0;
+    if (drvHdcEpollWait(epoll_, &event, 1, timeoutMs, &count) != DRV_ERROR_NONE) {
+        return ReceiveResult::kFailed;
+    }
+    if (count == 0) {
+        return ReceiveResult::kTimeout;
+    }
+    void* buffer = nullptr;
+    uint32_t length = 0;
+    const int ret = HdcReadNb(session_, &buffer, &length);
+    const HeapBlock received(static_cast<char*>(buffer));
+    switch (ret) {
+        case kHdcReadDone:
+            message->assign(received.get(), length);
+            return ReceiveResult::kMessage;
+        case kHdcReadClosed:
+            return ReceiveResult::kClosed;
+        case kHdcReadEmpty:  // part of a driver buffer: its rest did not come in time
+            return ReceiveResult::kTimeout;
+        default:
+            return ReceiveResult::kFailed;
+    }
+}
+
+void Session::Close() {
+    // Closing twice is refused by the driver, and is no fault here.
+    static_cast<void>(drvHdcSessionClose(session_));
+}
+
+std::unique_ptr<Client> Client::Create(int serviceType) {
+    const drvHdcClient_t client = HdcClientCreate(serviceType);
+    return client != nullptr ? std::unique_ptr<Client>(new Client(client)) : nullptr;
+}
+
+Client::~Client() {
+    static_cast<void>(HdcClientDestroy(client_));
+}
+
+std::unique_ptr<Session> Client::Connect(uint32_t device) const {
+    drvHdcSession_t handle = nullptr;
+    if (HdcSessionConnect(0, static_cast<int>(device), client_, &handle) != 0) {
+        return nullptr;
+    }
+    drvHdcEpoll_t epoll = nullptr;
+    if (drvHdcEpollCreate(1, &epoll) != DRV_ERROR_NONE) {
+        static_cast<void>(HdcSessionClose(handle));
+        return nullptr;
+    }
+    std::unique_ptr<Session> session(new Session(handle, epoll));
+    const drvHdcEvent event{HDC_EPOLL_DATA_IN | HDC_EPOLL_SESSION_CLOSE, 0, 0};
+    if (drvHdcEpollCtl(epoll, HDC_EPOLL_CTL_ADD, handle, &event) != DRV_ERROR_NONE) {
+        return nullptr;
+    }
+    return session;
+}
+
+}  // namespace orla::host
