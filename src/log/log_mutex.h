@@ -1,0 +1,43 @@
+// A mutex of the log side with a life of its own: made by Init, gone after Destroy. Before and
+// after, locking is refused with EINVAL instead of being undefined, because requests may still
+// be in flight when their component ends. Init and Destroy are called by one thread (start and
+// end of the component), the others by any.
+#pragma once
+
+#include <portability.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace orla {
+
+class LogMutex {
+public:
+    // 0 at once when it exists already. -1 with errno on failure.
+    [[nodiscard]] int Init();
+    // A mutex that is held is left alive, with EBUSY: its holder must be able to release it.
+    int Destroy();
+    [[nodiscard]] int Lock();
+    [[nodiscard]] int Unlock();
+
+private:
+    mmMutex_t mutex_{};
+    std::atomic<uint32_t> ready_{0};
+};
+
+// Holds a LogMutex for a scope, or until Release. A failure to lock costs a warning only: a
+// reply that may be mixed up is worth more to the user than none. What was not locked is not
+// released.
+class LogLock {
+public:
+    explicit LogLock(LogMutex& mutex);
+    ~LogLock() { Release(); }
+    LogLock(const LogLock&) = delete;
+    LogLock& operator=(const LogLock&) = delete;
+    void Release();
+
+private:
+    LogMutex* mutex_;  // null when not held
+};
+
+}  // namespace orla
