@@ -28,7 +28,6 @@ constexpr int kServerPauseMs = 5000;
 constexpr auto kAcceptPause = std::chrono::milliseconds(1000);
 constexpr auto kServerThreadsEnd = std::chrono::seconds(1);
 constexpr uint32_t kThreadStackSize = 131072;
-constexpr uint32_t kErrorTextSize = 128;
 
 // One device. The map of the creation loop and the device's server thread each hold a share,
 // so that the record stays as long as the thread runs.
@@ -313,9 +312,7 @@ bool StartServerThread(const std::shared_ptr<DevInfo>& device) {
         ++Ctrl().serverThreads;
     }
     if (StartDetached(IdeDaemonHdcHandleEvent, share.get(), &device->serverThread) != EN_OK) {
-        char text[kErrorTextSize] = {};
-        IDE_LOGE("Thread Create error: %s",
-                 mmGetErrorFormatMessage(mmGetErrorCode(), text, sizeof(text)));
+        IDE_LOGE("Thread Create error: %s", orla::SystemErrorText().c_str());
         const std::lock_guard<std::mutex> lock(Ctrl().threadsMutex);
         --Ctrl().serverThreads;
         return false;

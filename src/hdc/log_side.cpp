@@ -52,6 +52,11 @@ void LogLine(const LogSide& side, LogLevel level, const char* file, int line, co
     }
 }
 
+std::string SystemErrorText() {
+    char text[128] = {};
+    return mmGetErrorFormatMessage(mmGetErrorCode(), text, sizeof(text));
+}
+
 bool Refuses(const LogSide& side, const char* file, int line,
              std::initializer_list<ArgumentCheck> checks) {
     for (const ArgumentCheck& check : checks) {

@@ -10,6 +10,7 @@
 #include <portability.h>
 
 #include <initializer_list>
+#include <string>
 
 namespace orla {
 
@@ -36,6 +37,9 @@ enum class LogLevel {
 // One line of either side, with that side's prefix. Longer text than 1023 bytes is cut.
 void LogLine(const LogSide& side, LogLevel level, const char* file, int line, const char* format,
              ...) __attribute__((format(printf, 5, 6)));
+
+// The system's text for the calling thread's errno.
+[[nodiscard]] std::string SystemErrorText();
 
 // "[Operation]" on the side that names operations, else nothing.
 inline const char* OperationName(const LogSide& side, const char* bracketed) {
