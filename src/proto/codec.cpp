@@ -2,6 +2,8 @@
 
 #include <endian.h>
 #include <google/protobuf/descriptor.h>
+#include <google/protobuf/io/coded_stream.h>
+#include <google/protobuf/io/zero_copy_stream.h>
 #include <google/protobuf/stubs/logging.h>
 
 #include <climits>
@@ -24,24 +26,66 @@ namespace {
 using NameLen = uint32_t;
 constexpr size_t kMaxNameLen = kMaxTypeName + 1;
 
-// Grows `buffer` by the envelope. The body's size is settled first, so that the bytes are
-// written once, where they stay.
-bool GrowByEnvelope(const std::string& name, const Message& message, std::string* buffer) {
+// Appends what protobuf writes to a string. Large fields come as aliases of the message and are
+// appended from there, which spares them the clearing of the bytes that they then overwrite.
+class AppendStream : public google::protobuf::io::ZeroCopyOutputStream {
+public:
+    // `out` must have the capacity for everything that will be written.
+    explicit AppendStream(std::string* out) : out_(*out), start_(out->size()) {}
+    ~AppendStream() override { Flush(); }
+
+    bool Next(void** data, int* size) override {
+        Flush();
+        *data = block_;
+        *size = used_ = sizeof(block_);
+        return true;
+    }
+    void BackUp(int count) override {
+        used_ -= count;
+        Flush();
+    }
+    bool WriteAliasedRaw(const void* data, int size) override {
+        Flush();
+        out_.append(static_cast<const char*>(data), static_cast<size_t>(size));
+        return true;
+    }
+    bool AllowsAliasing() const override { return true; }
+    int64_t ByteCount() const override {
+        return static_cast<int64_t>(out_.size() - start_) + used_;
+    }
+
+private:
+    void Flush() {
+        out_.append(block_, static_cast<size_t>(used_));
+        used_ = 0;
+    }
+
+    std::string& out_;
+    const size_t start_;
+    int used_ = 0;  // bytes of block_ that are written but not yet appended
+    char block_[1024];
+};
+
+// Appends the envelope. The room is settled first: nothing is moved on the way, and nothing can
+// run out of memory inside protobuf.
+bool AppendParts(const std::string& name, const Message& message, std::string* buffer) {
     const size_t bodySize = message.ByteSizeLong();
     if (bodySize > INT_MAX) {
         return false;
     }
-    const size_t start = buffer->size();
     const NameLen nameLen = static_cast<NameLen>(name.size() + 1);
-    buffer->resize(start + sizeof(nameLen) + nameLen + bodySize);
-
-    char* out = buffer->data() + start;
     const NameLen wireLen = htobe32(nameLen);
-    std::memcpy(out, &wireLen, sizeof(wireLen));
-    out += sizeof(wireLen);
-    std::memcpy(out, name.c_str(), nameLen);
-    out += nameLen;
-    message.SerializeWithCachedSizesToArray(reinterpret_cast<uint8_t*>(out));
+    const size_t size = buffer->size() + sizeof(wireLen) + nameLen + bodySize;
+    if (size > buffer->capacity()) {
+        buffer->reserve(size);
+    }
+    buffer->append(reinterpret_cast<const char*>(&wireLen), sizeof(wireLen));
+    buffer->append(name.c_str(), nameLen);
+
+    AppendStream stream(buffer);
+    google::protobuf::io::CodedOutputStream coded(&stream);
+    coded.EnableAliasing(true);
+    message.SerializeWithCachedSizes(&coded);
     return true;
 }
 
@@ -55,7 +99,7 @@ bool AppendEnvelope(const Message& message, std::string* buffer) {
             PROF_LOGE("Type size:%d is invalid", static_cast<int>(name.size()));
             return false;
         }
-        if (GrowByEnvelope(name, message, buffer)) {
+        if (AppendParts(name, message, buffer)) {
             return true;
         }
     } catch (const std::exception&) {
