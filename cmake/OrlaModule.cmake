@@ -76,6 +76,7 @@ endfunction()
 function(orla_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})  # platform/emulation/control.h
   target_link_libraries(${name} PRIVATE orla_options ${ARG_DEPENDS} GTest::gmock GTest::gtest_main)
   orla_link_platform(${name})
   add_test(NAME ${name} COMMAND ${ORLA_SANDBOX} --quiet -- $<TARGET_FILE:${name}>)

@@ -1,0 +1,175 @@
+#include "daemon/ide_daemon_hdc.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "daemon/ide_common_util.h"
+#include "hdc/hdc_api.h"
+#include "platform/emulation/control.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using orla::control::DeviceState;
+using orla::control::Fault;
+
+constexpr uint32_t kPhysical = 1000;
+
+bool WaitForWords(const std::string& words) {
+    return orla::control::WaitForLine(
+        [&](const auto& line) { return line.text.find(words) != std::string::npos; }, 20s);
+}
+
+// Answers with the device id that it saw and the value, as text.
+int32_t Echo(drvHdcSession_t session, const IdeRequest* request) {
+    const std::string answer = std::to_string(request->dev_id) + ":" + request->value;
+    return HdcWrite(session, answer.data(), static_cast<int>(answer.size()));
+}
+
+drvHdcSession_t keptSession = nullptr;
+
+int32_t Keep(drvHdcSession_t session, const IdeRequest* request) {
+    keptSession = session;
+    return Echo(session, request) == 0 ? -1 : -2;  // a failure keeps the session too
+}
+
+// The listener with its creation loop on a thread of its own, as the main thread would run it.
+class RequestLoop : public testing::Test {
+protected:
+    void SetUp() override {
+        orla::control::Reset();
+        ASSERT_EQ(
+            "", orla::control::LoadScenario(R"({"devices": [{"logical": 0, "physical": 1000}]})"));
+        orla::control::StartLogCapture();
+        IdeRegisterComponent(kSlotLog, {nullptr, nullptr, nullptr, Echo});
+        IdeRegisterComponent(kSlotProfiling, {nullptr, nullptr, nullptr, Keep});
+    }
+
+    void Start() {
+        ASSERT_EQ(0, IdeDaemonHdcInit());
+        loop_ = std::thread(IdeDaemonHdcCreateServers);
+    }
+
+    void TearDown() override {
+        orla::control::ClearFaults();
+        IdeDaemonHdcRequestStop();
+        if (loop_.joinable()) {
+            loop_.join();
+        }
+        EXPECT_EQ(0, IdeDaemonHdcDestroy());
+        IdeComponentsDestroy();
+        orla::control::StopLogCapture();
+        orla::control::Reset();
+        EXPECT_EQ(0u, orla::control::CountLiveHandles().servers);
+    }
+
+    static void Inject(const char* call, int result, int64_t count = 1) {
+        Fault fault;
+        fault.call = call;
+        fault.result = result;
+        fault.count = count;
+        ASSERT_TRUE(orla::control::InjectFault(fault));
+    }
+
+    // What the host reads after one request: a text, or "closed".
+    static std::string Ask(uint32_t type, const std::string& value) {
+        const drvHdcClient_t client = HdcClientCreate(kHdcServiceRequests);
+        drvHdcSession_t session = nullptr;
+        if (HdcSessionConnect(0, 0, client, &session) != 0) {
+            HdcClientDestroy(client);
+            return "not connected";
+        }
+        void* packet = nullptr;
+        uint32_t length = 0;
+        EXPECT_EQ(0, IdeCreatePacket(type, value.data(), static_cast<uint32_t>(value.size()),
+                                     &packet, &length));
+        EXPECT_EQ(0, HdcWrite(session, packet, static_cast<int>(length)));
+        IdeFreePacket(packet);
+        void* answer = nullptr;
+        const int ret = HdcRead(session, &answer, &length);
+        const orla::HeapBlock owned(static_cast<char*>(answer));
+        const std::string text = ret == kHdcReadDone ? std::string(owned.get(), length) : "closed";
+        HdcSessionClose(session);
+        HdcClientDestroy(client);
+        return text;
+    }
+
+    std::thread loop_;
+};
+
+TEST_F(RequestLoop, ServesByTypeAndOverwritesTheDevice) {
+    Start();
+    ASSERT_TRUE(WaitForWords("logDevId 0 phyDevId:1000 create HDC server successfully"));
+    EXPECT_EQ("1000:text", Ask(4, "text"));
+    EXPECT_EQ("1000:", Ask(4, ""));
+    EXPECT_EQ("closed", Ask(15, "x"));
+    EXPECT_EQ("closed", Ask(16, "x"));
+    EXPECT_TRUE(WaitForWords("received hook_reg request, type 15, req->dev_id=0, phyDevId=1000."));
+}
+
+TEST_F(RequestLoop, OnlyAProfilingSessionSurvivesItsThread) {
+    Start();
+    ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    EXPECT_EQ("1000:job", Ask(5, "job"));
+    ASSERT_TRUE(WaitForWords("Daemon Hdc Process Event Process Failed, err: -1"));
+    EXPECT_EQ(0, HdcSessionClose(keptSession)) << "the session was closed by the request loop";
+    EXPECT_EQ("1000:log", Ask(4, "log"));
+    // The client's end is gone as well; only the device's may still be on its way out.
+    while (orla::control::CountLiveHandles().sessions != 0) {
+        std::this_thread::yield();
+    }
+}
+
+TEST_F(RequestLoop, ADeviceThatIsNotReadyIsTriedAgainAndAStopDoesNotWait) {
+    ASSERT_TRUE(orla::control::SetDeviceState(0, DeviceState::kNotReady));
+    Start();
+    ASSERT_TRUE(
+        WaitForWords("logDevId 0 phyDevId 1000 hdc not ready, sleep 5000 milliseconds and retry"));
+    const auto start = std::chrono::steady_clock::now();
+    IdeDaemonHdcRequestStop();
+    loop_.join();
+    EXPECT_EQ(0, IdeDaemonHdcDestroy());
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+}
+
+TEST_F(RequestLoop, AFailedAcceptMakesTheServerAnew) {
+    Start();
+    ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    Inject("drvHdcSessionAccept", 7, 3);
+    // The accept that blocks now was called before the fault: a session makes it return.
+    EXPECT_EQ("1000:a", Ask(4, "a"));
+    ASSERT_TRUE(WaitForWords("Hdc Session Accept Error: 7"));
+    const auto servers = [] { return orla::control::CallCount("drvHdcServerCreate"); };
+    while (servers() < 4) {
+        std::this_thread::yield();
+    }
+    std::string answer;
+    while ((answer = Ask(4, "b")) == "not connected") {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ("1000:b", answer);
+}
+
+TEST_F(RequestLoop, NoReferenceIsNoReasonNotToServe) {
+    Start();
+    ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    Fault fault;  // the host's own reference comes first
+    fault.call = "drvHdcSetSessionReference";
+    fault.result = 7;
+    fault.after = 1;
+    ASSERT_TRUE(orla::control::InjectFault(fault));
+    EXPECT_EQ("1000:a", Ask(4, "a"));
+}
+
+TEST_F(RequestLoop, StartFailsWithTheClientAndStopsInOrder) {
+    EXPECT_EQ(0, IdeDaemonHdcDestroy()) << "a destroy without its init";
+    Inject("drvHdcClientCreate", 7);
+    EXPECT_EQ(-1, IdeDaemonHdcInit());
+}
+
+}  // namespace

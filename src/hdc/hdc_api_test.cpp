@@ -1,0 +1,308 @@
+#include "hdc/hdc_api.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <future>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/emulation/control.h"
+
+namespace {
+
+using orla::kCoreSide;
+using orla::kProfilingSide;
+using orla::control::Fault;
+
+constexpr int kService = 4;
+
+std::string Text(size_t size) {
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        text[i] = static_cast<char>(i * 31 + i / 251);
+    }
+    return text;
+}
+
+// Both ends of one session in this process, and a promise that nothing of them stays behind.
+class HdcTest : public testing::Test {
+protected:
+    void SetUp() override {
+        orla::control::Reset();
+        handlesBefore_ = orla::control::CountLiveHandles().Total();
+        server_ = HdcServerCreate(0, kService);
+        ASSERT_NE(nullptr, server_);
+        client_ = HdcClientCreate(kService);
+        ASSERT_NE(nullptr, client_);
+        ASSERT_EQ(0, HdcSessionConnect(0, 0, client_, &host_));
+        device_ = HdcServerAccept(server_);
+        ASSERT_NE(nullptr, device_);
+        orla::control::StartLogCapture();
+    }
+
+    void TearDown() override {
+        orla::control::ClearFaults();
+        Close(&host_);
+        Close(&device_);
+        EXPECT_EQ(0, HdcClientDestroy(client_));
+        EXPECT_EQ(0, HdcServerDestroy(server_));
+        orla::control::StopLogCapture();
+        EXPECT_EQ(handlesBefore_, orla::control::CountLiveHandles().Total());
+    }
+
+    static void Close(drvHdcSession_t* session) {
+        if (*session != nullptr) {
+            HdcSessionClose(*session);
+            *session = nullptr;
+        }
+    }
+
+    static bool Logged(const std::string& words) {
+        const auto lines = orla::control::CapturedLines();
+        return std::any_of(lines.begin(), lines.end(), [&](const auto& line) {
+            return line.text.find(words) != std::string::npos;
+        });
+    }
+
+    static void Inject(const char* call, int result, uint64_t after = 0, int64_t count = 1) {
+        Fault fault;
+        fault.call = call;
+        fault.result = result;
+        fault.after = after;
+        fault.count = count;
+        ASSERT_TRUE(orla::control::InjectFault(fault));
+    }
+
+    // Reads one message at the device's end; what it answered, with the text for kHdcReadDone.
+    struct ReadAnswer {
+        int result;
+        std::string text;
+    };
+    ReadAnswer Read(decltype(HdcRead)* read = HdcRead,
+                    const orla::LogSide& side = kCoreSide) const {
+        void* buffer = &read;
+        uint32_t length = 77;
+        const int result = read(device_, &buffer, &length, side);
+        if (result != kHdcReadDone) {
+            EXPECT_EQ(nullptr, buffer);
+            EXPECT_EQ(0u, length);
+            return {result, ""};
+        }
+        const orla::HeapBlock owned(static_cast<char*>(buffer));
+        return {result, std::string(owned.get(), length)};
+    }
+
+    // Sends bytes as one driver buffer, whatever they are.
+    void SendRaw(const std::string& bytes) const {
+        drvHdcMsg_t message = nullptr;
+        ASSERT_EQ(0, drvHdcAllocMsg(host_, &message, 1));
+        std::string copy = bytes;
+        ASSERT_EQ(0, drvHdcAddMsgBuffer(message, copy.data(), static_cast<int>(copy.size())));
+        ASSERT_EQ(0, halHdcSend(host_, message, HDC_FLAG_WAIT, 0));
+        ASSERT_EQ(0, drvHdcFreeMsg(message));
+    }
+
+    static std::string Segment(const std::string& value, bool last) {
+        std::string bytes(value.size() + orla::kSegmentOverhead, '\0');
+        auto* packet = reinterpret_cast<IdeHdcPacket*>(bytes.data());
+        packet->len = static_cast<uint32_t>(value.size());
+        packet->type = orla::kSegmentType;
+        packet->isLast = last ? 1 : 0;
+        std::memcpy(packet->value, value.data(), value.size());
+        return bytes;
+    }
+
+    size_t handlesBefore_ = 0;
+    drvHdcServer_t server_ = nullptr;
+    drvHdcClient_t client_ = nullptr;
+    drvHdcSession_t host_ = nullptr;
+    drvHdcSession_t device_ = nullptr;
+};
+
+TEST_F(HdcTest, MessagesOfEveryLengthArriveWhole) {
+    uint32_t maxSegment = 0;
+    ASSERT_EQ(0, HdcGetCapacity(&maxSegment));
+    const size_t limit = maxSegment - orla::kSegmentOverhead;
+    for (const size_t length :
+         {size_t{1}, size_t{13}, limit, limit + 1, 3 * limit, 5 * limit + 7}) {
+        SCOPED_TRACE(length);
+        const std::string message = Text(length);
+        const uint64_t sends = orla::control::CallCount("halHdcSend");
+        auto writing = std::async(std::launch::async, [&] {
+            return HdcWrite(host_, message.data(), static_cast<int>(message.size()));
+        });
+        const ReadAnswer answer = Read();
+        EXPECT_EQ(0, writing.get());
+        EXPECT_EQ(kHdcReadDone, answer.result);
+        EXPECT_TRUE(message == answer.text);
+        EXPECT_EQ((length + limit - 1) / limit, orla::control::CallCount("halHdcSend") - sends);
+    }
+}
+
+TEST_F(HdcTest, ReadsWithoutWaitingTellEmptyFromClosed) {
+    EXPECT_EQ(kHdcReadEmpty, Read(HdcReadNb).result);
+    SendRaw(Segment("head", false));
+    std::thread late([this] {
+        while (orla::control::CallCount("halHdcRecv") < 4) {
+            std::this_thread::yield();  // until the read waits for the rest
+        }
+        SendRaw(Segment(" and tail", true));
+    });
+    const ReadAnswer whole = Read(HdcReadNb);
+    late.join();
+    EXPECT_EQ("head and tail", whole.text);
+    Close(&host_);
+    EXPECT_EQ(kHdcReadClosed, Read(HdcReadNb).result);
+    EXPECT_EQ(kHdcReadClosed, Read(HdcRead, kProfilingSide).result);
+    EXPECT_TRUE(Logged("[HdcSessionRead]Session is closed."));
+}
+
+TEST_F(HdcTest, AMessageWhosePeerGoesInBetweenIsNotHandedOut) {
+    SendRaw(Segment("head", false));
+    Close(&host_);
+    EXPECT_EQ(kHdcReadClosed, Read().result);
+}
+
+TEST_F(HdcTest, ForeignBytesFailTheReadOnBothSides) {
+    SendRaw("\1\0\0\0\xAF\0\0\0\1a\0\0");
+    EXPECT_EQ(kHdcReadFailed, Read().result);
+    EXPECT_TRUE(Logged("Hdc store package, error"));
+    EXPECT_TRUE(Logged("]>>> Hdc receive package error"));
+    SendRaw("short");
+    EXPECT_EQ(kHdcReadFailed, Read(HdcReadNb, kProfilingSide).result);
+    EXPECT_TRUE(Logged(") [HdcSessionRead]Hdc receive package, error"));
+}
+
+TEST_F(HdcTest, EveryDriverFailureFailsTheCallAndLeaksNothing) {
+    const struct {
+        const char* call;
+        bool write;
+        uint64_t after;
+        const char* words;
+    } cases[] = {{"drvHdcGetCapacity", true, 0, "Hdc Capacity Failed, err: -1"},
+                 {"drvHdcAllocMsg", true, 0, "Hdc Alloc Msg, error: 7"},
+                 {"drvHdcAddMsgBuffer", true, 1, "Hdc Add Msg Buffer, error: 7"},
+                 {"halHdcSend", true, 1, "Hdc Send, error: 7"},
+                 {"drvHdcReuseMsg", true, 0, "Hdc Reuse Msg, error: 7"},
+                 {"drvHdcAllocMsg", false, 0, "Hdc Alloc Msg, error 7"},
+                 {"halHdcRecv", false, 0, "Hdc Receive, error 7"},
+                 {"drvHdcGetMsgBuffer", false, 1, "Hdc Get Msg Buffer, error 7"},
+                 {"drvHdcReuseMsg", false, 0, "Hdc Reuse Msg, error: 7"}};
+    const std::string two = Text(600000);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.call) + (c.write ? " write" : " read"));
+        const size_t messages = orla::control::CountLiveHandles().messages;
+        if (c.write) {
+            Inject(c.call, 7, c.after);
+            EXPECT_EQ(-1, HdcWrite(host_, two.data(), static_cast<int>(two.size())));
+        } else {
+            SendRaw(Segment("one", false));
+            SendRaw(Segment("two", true));
+            Inject(c.call, 7, c.after);
+            EXPECT_EQ(kHdcReadFailed, Read().result);
+        }
+        EXPECT_TRUE(Logged(c.words));
+        EXPECT_EQ(messages, orla::control::CountLiveHandles().messages);
+        orla::control::ClearFaults();
+        // What the failed call left in the session would be taken for the next case's.
+        Close(&host_);
+        Close(&device_);
+        ASSERT_EQ(0, HdcSessionConnect(0, 0, client_, &host_));
+        device_ = HdcServerAccept(server_);
+    }
+}
+
+TEST_F(HdcTest, CapacityOutsideItsRangeFailsEveryWrite) {
+    const struct {
+        uint32_t segment;
+        int result;
+    } cases[] = {{1023, -1}, {1024, 0}, {524288, 0}, {524289, -1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.segment);
+        const std::string error =
+            orla::control::LoadScenario("{\"max_segment\": " + std::to_string(c.segment) +
+                                        ", \"devices\": [{\"logical\": 0}]}");
+        if (!error.empty()) {
+            EXPECT_EQ(-1, c.result) << error;  // a scenario may refuse what no driver has
+            continue;
+        }
+        EXPECT_EQ(c.result, HdcWrite(host_, "a", 1));
+    }
+}
+
+TEST_F(HdcTest, ArgumentsAreChecked) {
+    void* buffer = nullptr;
+    uint32_t length = 0;
+    int value = 5;
+    drvHdcSession_t session = nullptr;
+    const struct {
+        const char* words;
+        int result;
+    } cases[] = {
+        {"session is nullptr", HdcRead(nullptr, &buffer, &length)},
+        {"recv_buf is nullptr", HdcRead(device_, nullptr, &length)},
+        {"recv_len is nullptr", HdcReadNb(device_, &buffer, nullptr)},
+        {"buf is nullptr", HdcWrite(host_, nullptr, 1)},
+        {"len is invalid", HdcWriteNb(host_, "a", 0)},
+        {"len is invalid", HdcWrite(host_, "a", -1)},
+        {"peer_node is invalid", HdcSessionConnect(-1, 0, client_, &session)},
+        {"peer_devid is invalid", HdcSessionConnect(0, -1, client_, &session)},
+        {"client is nullptr", HdcSessionConnect(0, 0, nullptr, &session)},
+        {"host_pid is invalid", HdcSessionConnectEx(0, 0, -1, client_, &session)},
+        {"session is nullptr", HdcSessionClose(nullptr)},
+        {"server is nullptr", HdcServerDestroy(nullptr)},
+        {"devId is nullptr", IdeGetDevIdBySession(device_, nullptr)},
+        {"runEnv is nullptr", HdcGetSessionRunEnv(device_, nullptr)},
+        {"pid is nullptr", HdcGetSessionPid(device_, nullptr)},
+        {"", HdcGetCapacity(nullptr)},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(-1, c.result) << c.words;
+        EXPECT_TRUE(Logged(c.words)) << c.words;
+    }
+    EXPECT_EQ(0, HdcServerDestroy(nullptr, kProfilingSide));
+    EXPECT_EQ(0, HdcClientDestroy(nullptr));
+    Inject("halHdcGetSessionAttr", 9);
+    EXPECT_EQ(-1, HdcGetSessionVfId(device_, &value, kProfilingSide));
+    EXPECT_EQ(5, value);
+    EXPECT_TRUE(Logged("Hdc get session vfid failed, err: 9"));
+    EXPECT_EQ(0, HdcGetSessionVfId(device_, &value));
+    EXPECT_EQ(0, value);
+}
+
+TEST_F(HdcTest, AServerIsDestroyedWithPatienceForABusyDriverOnly) {
+    const drvHdcServer_t other = HdcServerCreate(0, 12);
+    ASSERT_NE(nullptr, other);
+    Inject("drvHdcServerDestroy", DRV_ERROR_CLIENT_BUSY, 0, 2);
+    EXPECT_EQ(0, HdcServerDestroy(other));
+    EXPECT_TRUE(Logged("hdc server destroy error : 23, times 2"));
+    const uint64_t before = orla::control::CallCount("drvHdcServerDestroy");
+    Inject("drvHdcServerDestroy", 7);
+    EXPECT_EQ(0, HdcServerDestroy(other));
+    EXPECT_EQ(before + 1, orla::control::CallCount("drvHdcServerDestroy"));
+}
+
+TEST_F(HdcTest, ASessionThatCannotBeReferencedIsClosed) {
+    const size_t sessions = orla::control::CountLiveHandles().sessions;
+    Inject("drvHdcSetSessionReference", 7);
+    drvHdcSession_t session = nullptr;
+    EXPECT_EQ(-1, HdcSessionConnect(0, 0, client_, &session));
+    EXPECT_EQ(nullptr, session);
+    EXPECT_EQ(sessions, orla::control::CountLiveHandles().sessions);
+}
+
+TEST(IdeCreatePacket, MakesARequestRecord) {
+    void* packet = nullptr;
+    uint32_t length = 0;
+    ASSERT_EQ(0, IdeCreatePacket(5, "abc", 3, &packet, &length));
+    EXPECT_EQ(15u, length);
+    EXPECT_EQ(0, std::memcmp(packet, "\5\0\0\0\0\0\0\0\3\0\0\0abc\0", 16));
+    IdeFreePacket(packet);
+    EXPECT_EQ(-1, IdeCreatePacket(5, nullptr, 3, &packet, &length));
+    EXPECT_EQ(-1, IdeCreatePacket(5, "abc", UINT32_MAX - 12, &packet, &length));
+}
+
+}  // namespace
