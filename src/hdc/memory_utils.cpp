@@ -4,8 +4,17 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "hdc/log_side.h"
+
 void* IdeXmalloc(size_t size) {
-    return size == 0 ? nullptr : std::calloc(1, size);
+    if (size == 0) {
+        return nullptr;
+    }
+    void* block = std::calloc(1, size);
+    if (block == nullptr) {
+        PROF_LOGE("ran out of memory while trying to allocate %lu bytes", size);
+    }
+    return block;
 }
 
 void* IdeXrmalloc(const void* old, size_t oldSize, size_t newSize) {
@@ -14,4 +23,8 @@ void* IdeXrmalloc(const void* old, size_t oldSize, size_t newSize) {
         std::memcpy(block, old, std::min(oldSize, newSize));
     }
     return block;
+}
+
+void IdeXfree(void* block) {
+    std::free(block);
 }
