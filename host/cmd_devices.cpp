@@ -45,19 +45,14 @@ void PrintJson(const std::vector<DeviceState>& states) {
 }
 
 int RunDevices(const CommonOptions& options) {
-    const auto devices = FindDevices();
-    if (!devices) {
+    if (!FindDevices()) {
         fmt::print(stderr, "orlactl: the driver does not tell its devices\n");
         return kExitConnection;
     }
     std::vector<DeviceState> states;
-    for (const Device& device : *devices) {
-        const auto& wanted = options.devices;
-        if (wanted.empty() ||
-            std::find(wanted.begin(), wanted.end(), device.logicalId) != wanted.end()) {
-            states.push_back({device, Listens(kHdcServiceRequests, device.logicalId),
-                              Listens(kHdcServiceFramework, device.logicalId)});
-        }
+    for (const Device& device : SelectDevices(options)) {
+        states.push_back({device, Listens(kHdcServiceRequests, device.logicalId),
+                          Listens(kHdcServiceFramework, device.logicalId)});
     }
     options.json ? PrintJson(states) : PrintTable(states);
     const bool someoneListens =
@@ -66,6 +61,17 @@ int RunDevices(const CommonOptions& options) {
 }
 
 }  // namespace
+
+std::vector<Device> SelectDevices(const CommonOptions& options) {
+    std::vector<Device> devices = FindDevices().value_or(std::vector<Device>{});
+    const auto& wanted = options.devices;
+    const auto isUnwanted = [&wanted](const Device& device) {
+        return !wanted.empty() &&
+               std::find(wanted.begin(), wanted.end(), device.logicalId) == wanted.end();
+    };
+    devices.erase(std::remove_if(devices.begin(), devices.end(), isUnwanted), devices.end());
+    return devices;
+}
 
 Command AddDevicesCommand(CLI::App& app, const CommonOptions& options) {
     app.add_subcommand("devices", "List the devices and what listens on them");

@@ -7,6 +7,8 @@
 #include <functional>
 #include <vector>
 
+#include "host/device_session.h"
+
 namespace orla::host {
 
 // Options that every subcommand has.
@@ -19,5 +21,9 @@ using Command = std::function<int()>;
 
 // Adds a subcommand, whose options are stored in what the returned command holds.
 Command AddDevicesCommand(CLI::App& app, const CommonOptions& options);
+Command AddLogCommand(CLI::App& app, const CommonOptions& options);
+
+// The devices that were asked for, of those that the driver knows.
+[[nodiscard]] std::vector<Device> SelectDevices(const CommonOptions& options);
 
 }  // namespace orla::host

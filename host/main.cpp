@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <csignal>
+#include <cstdlib>
 #include <exception>
 #include <map>
 #include <string>
@@ -15,6 +16,9 @@ using namespace orla::host;
 int main(int argc, char** argv) {
     // A device or a reader of our output that goes away is an error of that call.
     std::signal(SIGPIPE, SIG_IGN);
+
+    // The session layer's own lines are for whoever asks for them; a command says what went wrong.
+    setenv("ORLA_LOG_LEVEL", "error", 0);
 
     CLI::App app("Log levels, files and profiles of accelerator cards.", "orlactl");
     app.set_version_flag("--version", ORLA_VERSION);
@@ -29,6 +33,7 @@ int main(int argc, char** argv) {
 
     std::map<std::string, Command> commands;
     commands["devices"] = AddDevicesCommand(app, options);
+    commands["log"] = AddLogCommand(app, options);
 
     try {
         app.parse(argc, argv);

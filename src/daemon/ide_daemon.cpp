@@ -11,6 +11,7 @@
 #include "daemon/ide_daemon_hdc.h"
 #include "daemon/ide_platform_util.h"
 #include "hdc/log_side.h"
+#include "log/hdclog_device_init.h"
 
 namespace {
 
@@ -48,6 +49,8 @@ void AttachLog() {
 
 void RegisterComponents() {
     IdeRegisterComponent(kSlotHdc, {IdeDaemonHdcInit, IdeDaemonHdcDestroy, nullptr, nullptr});
+    IdeRegisterComponent(kSlotLog,
+                         {IdeDeviceLogInit, IdeDeviceLogDestroy, nullptr, IdeDeviceLogProcess});
 }
 
 // A peer that vanishes while it is written to is an error of that write, not the end of all.
