@@ -1,0 +1,219 @@
+#include "server/velt_sessions.h"
+
+#include <portability.h>
+
+#include <chrono>
+#include <exception>
+#include <new>
+#include <utility>
+
+#include "hdc/log_side.h"
+#include "server/velt_comm_opt_manager.h"
+
+namespace Velt {
+
+namespace {
+
+constexpr auto kThreadsEnd = std::chrono::seconds(5);
+
+}  // namespace
+
+bool VeltSessions::AddComponent(std::unique_ptr<VeltComponent> component) {
+    if (component == nullptr) {
+        IDE_LOGE("add component input error");
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const int32_t type = component->GetType();
+    if (components_.count(type) != 0) {
+        return false;
+    }
+    IDE_LOGI("server manager add component (%d)", type);
+    components_.emplace(type, std::move(component));
+    lastComponentType_ = type;
+    return true;
+}
+
+void VeltSessions::InitComponents() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const auto& entry : components_) {
+        static_cast<void>(entry.second->Init());
+    }
+}
+
+VeltComponent* VeltSessions::FindComponent(int32_t type) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    const auto component = components_.find(type);
+    return component == components_.end() ? nullptr : component->second.get();
+}
+
+// ---- The manager's thread --------------------------------------------------------------------
+
+void VeltSessions::Take(const CommHandle& session) {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        open_.insert(session.value);
+    }
+    if (!queue_.Push(static_cast<unsigned long>(session.value))) {
+        return;  // End closes it
+    }
+    if (!StartThread()) {
+        IDE_LOGE("creare commponent process thread failed, strerror is %s",
+                 SystemErrorText().c_str());
+        ++unserved_;
+    }
+}
+
+bool VeltSessions::StartMissingThreads() {
+    while (unserved_ > 0 && StartThread()) {
+        --unserved_;
+    }
+    return unserved_ < kQueueCapacity;
+}
+
+bool VeltSessions::StartThread() {
+    std::unique_ptr<std::shared_ptr<VeltSessions>> share(
+        new (std::nothrow) std::shared_ptr<VeltSessions>(shared_from_this()));
+    if (share == nullptr) {
+        return false;
+    }
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ++threads_;
+    }
+    const mmUserBlock_t routine{SessionThread, share.get()};
+    mmThread handle = 0;
+    if (mmCreateTaskWithDetach(&handle, &routine) != EN_OK) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        --threads_;
+        return false;
+    }
+    static_cast<void>(share.release());
+    return true;
+}
+
+// ---- A session's thread ----------------------------------------------------------------------
+
+void* VeltSessions::SessionThread(void* share) {
+    if (share == nullptr) {
+        return nullptr;
+    }
+    const std::unique_ptr<std::shared_ptr<VeltSessions>> owned(
+        static_cast<std::shared_ptr<VeltSessions>*>(share));
+    mmSetCurrentThreadName("velt_commponent_process");
+    (*owned)->ServeNext();
+    (*owned)->LeaveThread();
+    return nullptr;
+}
+
+void VeltSessions::ServeNext() {
+    IDE_LOGI("process new connect");
+    unsigned long value = 0;
+    if (!queue_.Pop(value)) {
+        return;
+    }
+    CommHandle session{commOptType_, static_cast<int64_t>(value)};
+    if (session.value == kNoHandle) {
+        IDE_LOGE("server run process handle invalied");
+        return;
+    }
+    try {
+        ServeRequest(session);
+    } catch (const std::exception& e) {
+        IDE_LOGE("a request ends with an exception: %s", e.what());
+    }
+    Finish(session);
+}
+
+void VeltSessions::ServeRequest(const CommHandle& session) {
+    MsgPtr message;
+    int32_t length = 0;
+    const int ret = ReadMsg(session, 1, message, length);
+    if (message == nullptr) {
+        IDE_LOGE("reveice request failed ret %d, length(%d)", ret, length);
+        return;
+    }
+    if (!CheckWholeMsg(message.get(), length)) {
+        return;
+    }
+    const uint32_t requestType = message->type;
+    IDE_LOGI("commopt type(%d), request type(%u)", session.type, requestType);
+    const int32_t componentType = ComponentTypeOf(message->type);
+    VeltComponent* component = FindComponent(componentType);
+    if (component == nullptr) {
+        IDE_LOGE("Unable to find the corresponding component type(%d)", componentType);
+        return;
+    }
+    const std::string name = component->GetName();
+    IDE_LOGI("begin to process [%s] component", name.c_str());
+    if (component->Process(session, message) != 0) {
+        IDE_LOGE("end of processing [%s] component failed, req->type: %u", name.c_str(),
+                 requestType);
+    } else {
+        IDE_LOGI("end of processing [%s] component succcessfully", name.c_str());
+    }
+}
+
+// A server with the log component leaves its sessions to the components.
+void VeltSessions::Finish(CommHandle& session) {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (open_.erase(session.value) == 0 || lastComponentType_ == kComponentLog) {
+            return;
+        }
+    }
+    VeltCommOptManager::instance().Close(session);
+}
+
+void VeltSessions::LeaveThread() {
+    bool uninit = false;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        --threads_;
+        uninit = abandoned_ && threads_ == 0;
+        threadsChanged_.notify_all();
+    }
+    if (uninit) {
+        UnInitComponents();
+    }
+}
+
+// ---- The end ---------------------------------------------------------------------------------
+
+void VeltSessions::CloseAll() {
+    std::set<int64_t> sessions;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        sessions.swap(open_);
+    }
+    for (const int64_t value : sessions) {
+        CommHandle session{commOptType_, value};
+        VeltCommOptManager::instance().Close(session);
+    }
+}
+
+void VeltSessions::End() {
+    CloseAll();
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!threadsChanged_.wait_for(lock, kThreadsEnd, [this] { return threads_ == 0; })) {
+            IDE_LOGW("%u session threads are still in their components", threads_);
+            abandoned_ = true;
+            return;
+        }
+    }
+    UnInitComponents();
+}
+
+void VeltSessions::UnInitComponents() {
+    std::map<int32_t, std::unique_ptr<VeltComponent>> components;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        components.swap(components_);
+    }
+    for (const auto& entry : components) {
+        static_cast<void>(entry.second->UnInit());
+    }
+}
+
+}  // namespace Velt

@@ -1,0 +1,80 @@
+// The sessions of one server manager, and the components that serve them: the queue from the
+// accepting thread to the session threads, one thread a session, one request each.
+//
+//     manager thread:  accept -> Take -> queue -> thread: read, find component, Process, close
+//
+// Session threads are detached and hold shares of this object, so that one which outlives the
+// server's end touches nothing that is gone. They count themselves in from before their start:
+// End closes the sessions under them, which fails their reads and writes, and waits for the
+// count.
+#pragma once
+
+#include <condition_variable>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+
+#include "server/velt_bound_queue.h"
+#include "server/velt_component.h"
+
+namespace Velt {
+
+class VeltSessions : public std::enable_shared_from_this<VeltSessions> {
+public:
+    // ---- Before the first session, on any thread ----
+
+    // The option that the sessions belong to.
+    void SetCommOptType(int32_t type) { commOptType_ = type; }
+    // False for null and for a type that is there already.
+    [[nodiscard]] bool AddComponent(std::unique_ptr<VeltComponent> component);
+    // Init of all components, in the order of their types.
+    void InitComponents();
+
+    // ---- The manager's thread ----
+
+    // Hands a session to a thread of its own. A session whose thread can't be started waits for
+    // the next that can. Waits itself while the queue is full.
+    void Take(const CommHandle& session);
+    // Starts the threads that could not be started before. False when that failed again and the
+    // queue is full of sessions that wait for one: there is no place for another.
+    [[nodiscard]] bool StartMissingThreads();
+
+    // ---- The end, on any thread ----
+
+    // Wakes a Take that waits; nothing is taken any more.
+    void Quit() { queue_.Quit(); }
+    // Closes all sessions and waits for their threads, for 5 s at most; then UnInit of all
+    // components, which go. Threads that are still in a component by then keep them, and the
+    // last one out does it. Called once, after Quit, when the manager's thread has ended.
+    void End();
+
+private:
+    static void* SessionThread(void* share);
+
+    bool StartThread();
+    void ServeNext();
+    void ServeRequest(const CommHandle& session);
+    void Finish(CommHandle& session);
+    void CloseAll();
+    void UnInitComponents();
+    void LeaveThread();
+    VeltComponent* FindComponent(int32_t type);
+
+    static constexpr uint32_t kQueueCapacity = 256;
+
+    int32_t commOptType_ = kCommOptNone;  // constant once sessions come
+    BoundQueue<unsigned long> queue_{kQueueCapacity};
+    uint32_t unserved_ = 0;  // manager's thread alone: sessions in the queue without a thread
+
+    std::mutex mutex_;  // guards the rest
+    std::map<int32_t, std::unique_ptr<VeltComponent>> components_;
+    int32_t lastComponentType_ = kComponentNone;
+    // Sessions to be closed. Whoever takes one out closes it, so that none is closed twice.
+    std::set<int64_t> open_;
+    uint32_t threads_ = 0;
+    bool abandoned_ = false;  // End no longer waits
+    std::condition_variable threadsChanged_;
+};
+
+}  // namespace Velt
