@@ -2,9 +2,11 @@
  * Bounds-checked C functions. Plain C, implemented in platform/posix and by the device's own
  * library on a card.
  *
- * `destMax` is the size of the destination in bytes and lies in 1..0x7FFFFFFF. On a failure
- * the destination holds an empty text (text functions) or zeros (memcpy_s) wherever it may be
- * written at all, and the source is not touched. Source and destination must not overlap.
+ * `destMax` is the size of the destination in bytes and lies in 1..0x7FFFFFFF. Source and
+ * destination must not overlap, nor the destination any argument of a format. On a failure the
+ * destination holds an empty text (text functions) or zeros in all its bytes (memcpy_s); only a
+ * null one, or one with a `destMax` out of range, is not written. No function
+ * keeps state, or sets errno on purpose.
  */
 #ifndef ORLA_PLATFORM_SECURE_C_H
 #define ORLA_PLATFORM_SECURE_C_H
@@ -22,20 +24,24 @@ typedef int errno_t;
 #define EOK 0
 #endif
 
-/* 0, or EINVAL (null pointer), ERANGE (destMax out of range or too small), or an errno above
- * 128 for an overlap. `count` bytes are copied or set; a count of 0 is a success. */
+/* 0, or ERANGE (destMax out of range, or less than `count`), EINVAL (null pointer, with a
+ * `count` of 0 too), or 128 + EINVAL for an overlap. `count` bytes are copied or set, none for 0.
+ * memset_s with too large a `count` sets all bytes of the destination and fails. */
 errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count);
 errno_t memset_s(void *dest, size_t destMax, int c, size_t count);
 
-/* 0, or an error as above. The n-forms copy at most `count` characters of the source. The
- * result always ends in a zero; text that would not fit with it is an error, never cut. */
+/* 0, or an error as above, with EINVAL too for a destination to append to that has no end. The
+ * n-forms copy at most `count` characters of the source, which needs no terminating zero within
+ * them; a `count` above 0x7FFFFFFF is ERANGE. The result always ends in a zero; text that would
+ * not fit with it is ERANGE, never cut. */
 errno_t strcpy_s(char *dest, size_t destMax, const char *src);
 errno_t strncpy_s(char *dest, size_t destMax, const char *src, size_t count);
 errno_t strcat_s(char *dest, size_t destMax, const char *src);
 errno_t strncat_s(char *dest, size_t destMax, const char *src, size_t count);
 
 /* The number of characters written without the terminating zero, or -1 with an empty
- * destination when the text does not fit (snprintf_s: in `count` characters either). */
+ * destination for invalid arguments or when the text does not fit (snprintf_s: nor in `count`
+ * characters). */
 int sprintf_s(char *dest, size_t destMax, const char *format, ...)
     __attribute__((format(printf, 3, 4)));
 int snprintf_s(char *dest, size_t destMax, size_t count, const char *format, ...)
