@@ -1,0 +1,159 @@
+// The bounded blocking queue that everything passes through on its way between two threads of
+// the profiling agent: messages to an uploader, tasks to a worker.
+//
+// Any number of threads push and pop at the same time. A full queue holds its producers up, for
+// as long as it takes; that is the back-pressure of the data road, and nothing is dropped for
+// lack of room. Quit is for ever: it wakes everybody, refuses what is pushed from then on, and
+// leaves what is queued to be popped. One mutex guards everything. It is innermost: nothing else
+// is locked under it but what the log needs.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "hdc/log_side.h"
+
+namespace analysis::nedra::common::queue {
+
+template <typename T>
+class QueueBase {
+public:
+    explicit QueueBase(uint64_t capacity) : capacity_(capacity) {}
+    virtual ~QueueBase() = default;
+    QueueBase(const QueueBase&) = delete;
+    QueueBase& operator=(const QueueBase&) = delete;
+
+protected:
+    const uint64_t capacity_;  // elements
+    // Guarded by the lock of the derived class.
+    std::deque<T> queue_;
+    std::string queueName_;
+};
+
+template <typename T>
+class BoundQueue : public QueueBase<T> {
+public:
+    explicit BoundQueue(uint64_t capacity) : QueueBase<T>(capacity) {}
+
+    // The name in log lines; an empty one leaves the old one.
+    void SetQueueName(const std::string& name) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!name.empty()) {
+            queueName_ = name;
+        }
+    }
+
+    // Appends `data`, waiting while the queue is full. False when the queue has quit: `data` is
+    // dropped then, and the caller says so.
+    [[nodiscard]] bool Push(T data) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        CountPush();
+        if (IsFull() && capacity_ != 0) {
+            PROF_LOGW(
+                "QueueFull,QueueName: %s, QueueCapacity:%llu, QueueSize:%llu, Percent:%-7.4f%%",
+                queueName_.c_str(), Number(capacity_), Number(queue_.size()), Percent());
+        }
+        notFull_.wait(lock, [this] { return !IsFull() || quit_; });
+        if (quit_) {
+            return false;
+        }
+        queue_.push_back(std::move(data));
+        notEmpty_.notify_all();
+        return true;
+    }
+
+    // Moves the oldest element to `out`; false, with `out` as it was, when there is none. Also
+    // after Quit.
+    [[nodiscard]] bool TryPop(T& out) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return TakeFront(out);
+    }
+
+    // The same, waiting while the queue is empty. `out` stays as it was when the queue has quit
+    // and holds nothing more.
+    void Pop(T& out) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        notEmpty_.wait(lock, [this] { return !queue_.empty() || quit_; });
+        TakeFront(out);
+    }
+
+    // Wakes all that wait and refuses every Push from now on.
+    void Quit() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!quit_) {
+            quit_ = true;
+            notEmpty_.notify_all();
+            notFull_.notify_all();
+        }
+    }
+
+    [[nodiscard]] uint64_t Size() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return queue_.size();
+    }
+
+private:
+    using QueueBase<T>::capacity_;
+    using QueueBase<T>::queue_;
+    using QueueBase<T>::queueName_;
+
+    static constexpr uint64_t kPushesPerReport = 500;
+
+    // All that follows is called with the lock held. Waiters are notified with it held as well:
+    // whoever got the last element may destroy the queue at once.
+
+    static unsigned long long Number(uint64_t value) { return value; }
+
+    double Percent() const {
+        return static_cast<double>(queue_.size()) / static_cast<double>(capacity_) * 100;
+    }
+
+    bool IsFull() const {
+        if (queue_.size() != capacity_) {
+            return false;
+        }
+        PROF_LOGW("IsFULL, QueueName: %s, QueueCapacity:%llu, QueueSize:%llu", queueName_.c_str(),
+                  Number(capacity_), Number(capacity_));
+        return true;
+    }
+
+    void CountPush() {
+        ++pushCount_;
+        historicMax_ = queue_.size() > historicMax_ ? queue_.size() : historicMax_;
+        if (pushCount_ % kPushesPerReport != 0) {
+            return;
+        }
+        pushCount_ = 0;
+        if (capacity_ != 0) {
+            PROF_LOGI(
+                "QueueName: %s, QueueCapacity:%llu, QueueSize:%llu, HisMaxCut:%llu, "
+                "Percent:%-7.4f%%",
+                queueName_.c_str(), Number(capacity_), Number(queue_.size()), Number(historicMax_),
+                Percent());
+        }
+    }
+
+    bool TakeFront(T& out) {
+        if (queue_.empty()) {
+            return false;
+        }
+        out = std::move(queue_.front());
+        queue_.pop_front();
+        notFull_.notify_all();
+        return true;
+    }
+
+    mutable std::mutex mutex_;
+    std::condition_variable notEmpty_;
+    std::condition_variable notFull_;
+    // Guarded by mutex_, as are the members of the base.
+    bool quit_ = false;
+    uint64_t pushCount_ = 0;    // since the last report
+    uint64_t historicMax_ = 0;  // the most elements that any Push has met
+};
+
+}  // namespace analysis::nedra::common::queue
