@@ -1,0 +1,62 @@
+# The ways in. Everything is built below build/<preset>; CMakePresets.json has the presets.
+.DEFAULT_GOAL := help
+.PHONY: help setup build demo test sanitize fuzz bench format format-check check tidy clean
+
+JOBS ?= $(shell nproc)
+FUZZ_SECONDS ?= 30
+SANDBOX := platform/standins/orla-sandbox
+SOURCES = git ls-files -z -- '*.h' '*.cpp' '*.c'
+
+# $(call build,PRESET) configures and builds.
+build = cmake --preset $(1) && cmake --build --preset $(1) -j $(JOBS)
+
+help:  ## this text
+	@sed -nE 's/^([a-z-]+):.*## (.*)/make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 20
+
+setup:  ## install the packages needed (root or sudo; nothing to do, nothing done)
+	@scripts/setup
+
+build: setup  ## build everything: build/release/bin
+	@$(call build,release)
+
+demo: build  ## start the daemon in the sandbox and talk to it
+	@scripts/demo
+
+test: build  ## build, and run all tests in the sandbox
+	@ctest --preset release
+
+sanitize: setup  ## all tests under address and undefined-behaviour, then thread sanitizer
+	@$(call build,asan) && ctest --preset asan
+	@$(call build,tsan) && ctest --preset tsan
+
+fuzz: setup  ## run each fuzzer for FUZZ_SECONDS (30) from its corpus in tests/corpus
+	@$(call build,fuzz)
+	@set -e; for fuzzer in build/fuzz/bin/*_fuzzer; do \
+	    name=$${fuzzer##*/}; found=build/fuzz/found/$$name; mkdir -p $$found; \
+	    echo "== $$name: $(FUZZ_SECONDS) s"; \
+	    $(SANDBOX) --quiet --bind $$found -- $$fuzzer -max_total_time=$(FUZZ_SECONDS) \
+	        -timeout=10 -rss_limit_mb=2048 -verbosity=0 -print_final_stats=1 \
+	        -artifact_prefix=$(CURDIR)/$$found/ $(CURDIR)/$$found tests/corpus/$$name; \
+	done
+
+bench: build  ## run all benchmarks
+	@set -e; for program in build/release/bench/*_bench; do \
+	    echo "== $${program##*/}"; $(SANDBOX) --quiet -- $$program; \
+	done
+
+format:  ## put all sources into the house style
+	@$(SOURCES) | xargs -0 clang-format -i
+
+format-check:  ## tell which sources are not in the house style
+	@$(SOURCES) | xargs -0 clang-format --dry-run -Werror
+
+check: setup format-check  ## style, layers and texts: the checks that need no build
+	@scripts/check-layers
+	@scripts/check-text
+
+tidy: build  ## clang-tidy over all sources
+	@$(SOURCES) | tr '\0' '\n' | grep -E '\.(cpp|c)$$' | grep -v _fuzzer | \
+	    xargs -n 4 -P $(JOBS) clang-tidy --quiet -p build/release
+
+clean:  ## remove everything that was built
+	@rm -rf build

@@ -1,0 +1,105 @@
+"""The checks of scripts/ find what they are there to find, and nothing else."""
+import pathlib
+import subprocess
+
+import pytest
+
+TOP = pathlib.Path(__file__).resolve().parent.parent
+
+
+def check(name, tree):
+    result = subprocess.run([TOP / "scripts" / name, tree], capture_output=True, text=True)
+    return result.returncode, result.stdout
+
+
+def write(tree, files):
+    for name, text in files.items():
+        path = tree / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text)
+
+
+BARE_TREE = {name: "" for name in (
+    "platform/include/hdc_driver.h", "platform/emulation/control.h", "platform/posix/results.h",
+    "src/hdc/hdc_api.h", "src/hdc/test_support.h", "src/proto/codec.h", "src/log/log_drv.h",
+    "src/log/log_module_names.h", "src/server/velt_device.h", "src/profiling/config/utils.h",
+    "src/profiling/config/platform.h", "src/profiling/datapath/uploader.h",
+    "src/profiling/collect/prof_job.h", "src/profiling/control/receiver.h",
+    "src/daemon/ide_daemon.h", "host/commands.h")}
+
+ALLOWED = [
+    ("src/hdc/hdc_api.cpp", "<hdc_driver.h>"),
+    ("src/hdc/hdc_api.cpp", '"hdc/hdc_api.h"'),
+    ("src/hdc/hdc_api_test.cpp", '"platform/emulation/control.h"'),
+    ("src/hdc/test_support.h", '"emulation/control.h"'),
+    ("src/hdc/hdc_api_test.cpp", '"hdc/test_support.h"'),
+    ("src/log/log_drv.cpp", '"hdc/hdc_api.h"'),
+    ("src/profiling/config/utils.cpp", '"hdc/hdc_api.h"'),
+    ("src/profiling/config/platform.cpp", '"profiling/config/utils.h"'),
+    ("src/profiling/datapath/uploader.cpp", '"profiling/config/platform.h"'),
+    ("src/profiling/collect/prof_job.cpp", '"proto/profiler.pb.h"'),
+    ("src/daemon/ide_daemon.cpp", '"profiling/control/receiver.h"'),
+    ("platform/emulation/driver.cpp", '"control.h"'),
+    ("platform/standins/slogd.cpp", '"log/log_module_names.h"'),
+    ("platform/include/other.h", "<sys/types.h>"),
+    ("host/devices.cpp", '"host/commands.h"'),
+    ("host/devices.cpp", "<CLI/CLI.hpp>"),
+    ("bench/log_bench.cpp", '"log/log_drv.h"'),
+]
+
+REFUSED = [
+    ("src/hdc/hdc_api.h", '"log/log_drv.h"'),
+    ("src/hdc/hdc_api_test.cpp", '"log/log_drv.h"'),
+    ("src/hdc/hdc_api.cpp", '"platform/emulation/control.h"'),
+    ("src/hdc/hdc_api.cpp", '"hdc/test_support.h"'),
+    ("src/hdc/hdc_api.cpp", '"hdc_api.h"'),
+    ("src/hdc/hdc_api.cpp", '"proto/codec.h"'),
+    ("src/log/log_drv.cpp", '"server/velt_device.h"'),
+    ("src/log/log_drv.cpp", '"posix/results.h"'),
+    ("src/profiling/config/utils.cpp", '"profiling/config/platform.h"'),
+    ("src/profiling/config/platform.cpp", '"profiling/datapath/uploader.h"'),
+    ("src/profiling/datapath/uploader.cpp", '"profiling/collect/prof_job.h"'),
+    ("src/profiling/control/receiver.h", '  "daemon/ide_daemon.h"  // why not'),
+    ("platform/emulation/driver.cpp", '"hdc/hdc_api.h"'),
+    ("platform/posix/posix.cpp", '"emulation/control.h"'),
+    ("platform/standins/slogd.cpp", '"log/log_drv.h"'),
+    ("platform/include/other.h", "<cstdint>"),
+    ("platform/include/other.h", "<nlohmann/json.h>"),
+    ("platform/include/other.h", '"hdc/hdc_api.h"'),
+    ("host/devices.cpp", '"log/log_drv.h"'),
+    ("src/elsewhere/new.cpp", "<vector>"),
+]
+
+
+def test_allowed_includes_pass(tmp_path):
+    write(tmp_path, BARE_TREE)
+    for source, name in ALLOWED:
+        path = tmp_path / source
+        text = path.read_text() if path.exists() else ""
+        write(tmp_path, {source: f"{text}#include {name}\n"})
+    assert check("check-layers", tmp_path) == (0, "")
+
+
+@pytest.mark.parametrize("source, name", REFUSED)
+def test_refused_include_is_named(tmp_path, source, name):
+    write(tmp_path, {**BARE_TREE, source: f"// Comment.\n#include {name}\n"})
+    code, out = check("check-layers", tmp_path)
+    line = 1 if "elsewhere" in source else 2
+    assert code == 1 and out.startswith(f"{source}:{line}: ") and out.count("\n") == 1
+
+
+@pytest.mark.parametrize("content, fault", [
+    (b"see /wor" + b"k/main/x\n", "machine path: file.txt:1:"),
+    (b"HOME=/home/some" + b"one/x\n", "machine path: file.txt:1:"),
+    (b"one \ntwo\n", "blank at the end of a line: file.txt:1:"),
+    (b"\tone\n", "tab: file.txt:1:"),
+    (b"one", "no line feed at the end: file.txt"),
+    (b"one\0two\n", "not a text: file.txt"),
+    (b"/home/SableUser/x /net" + b"work/y ../wor" + b"k/z\n", None),
+])
+def test_texts(tmp_path, content, fault):
+    (tmp_path / "file.txt").write_bytes(content)
+    subprocess.run(["git", "init", "-q", tmp_path], check=True)
+    subprocess.run(["git", "-C", tmp_path, "add", "."], check=True)
+    code, out = check("check-text", tmp_path)
+    assert (code, fault is None or out.startswith(fault)) == (0 if fault is None else 1, True), out
