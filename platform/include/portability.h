@@ -136,8 +136,8 @@ int32_t mmGetCwd(char *buffer, int32_t size);
 int32_t mmStatGet(const char *path, mmStat_t *buffer);
 /* Size in bytes of what the path names, links followed. On failure `length` is unchanged. */
 int32_t mmGetFileSize(const char *path, uint64_t *length);
-/* dirname(3) and basename(3), as POSIX has them: both may write into `path` and return a pointer into it or to
- * constant text. Null for a null argument. */
+/* dirname(3) and basename(3), as POSIX has them: both may write into `path` and return a
+ * pointer into it or to constant text. Null for a null argument. */
 char *mmDirName(char *path);
 char *mmBaseName(char *path);
 /* realpath(3) into `buffer` of `size` bytes. A result that does not fit with its
