@@ -26,7 +26,8 @@ inline CapturedLog& TheLog() {
 }
 
 // One line as it is kept: a letter for the level and the text behind the prefix of its side.
-inline void KeepLine(char level, const char* format, va_list arguments) {
+__attribute__((format(printf, 2, 0))) inline void KeepLine(char level, const char* format,
+                                                           va_list arguments) {
     char text[2048];
     vsnprintf(text, sizeof(text), format, arguments);
     std::string line(text);

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <sstream>
 
 #include "hdc/test_support.h"
 #include "profiling/config/bounded_json.h"
@@ -147,61 +148,38 @@ TEST(ProfileParams, NewAndAbsentValues) {
     const json absent = AsJson(record);
     ASSERT_EQ(108u, fresh.size());
 
-    // All that is neither empty nor 0: {new, absent}.
-    std::map<std::string, std::pair<json, json>> expected = {
-        {"traceletBinPid", {-1, -1}},
-        {"profiling_period", {-1, 5}},
-        {"stream_enabled", {"on", ""}},
-        {"taskTrace", {"on", ""}},
-        {"taskTime", {"on", ""}},
-        {"aicore_sampling_interval", {10, 10}},
-        {"aiv_sampling_interval", {10, 10}},
-        {"cpu_sampling_interval", {20, 10}},
-        {"sys_sampling_interval", {100, 10}},
-        {"pid_sampling_interval", {100, 10}},
-        {"hardware_mem_sampling_interval", {20, 10}},
-        {"memInterval", {20, 10}},
-        {"llc_interval", {20, 100}},
-        {"ddr_interval", {20, 100}},
-        {"hbmInterval", {20, 100}},
-        {"io_sampling_interval", {10, 10}},
-        {"nicInterval", {10, 10}},
-        {"roceInterval", {10, 10}},
-        {"interconnection_sampling_interval", {20, 10}},
-        {"fabriclinkInterval", {20, 100}},
-        {"pcieInterval", {20, 100}},
-        {"dvpp_sampling_interval", {20, 10}},
-        {"instrProfilingFreq", {1000, 1000}},
-        {"host_sys_pid", {-1, -1}},
-        {"host_disk_freq", {50, 10}},
+    // All that is neither empty nor 0.
+    const struct {
+        json fresh;
+        json absent;
+        const char* keys;
+    } groups[] = {
+        {"on", "", "stream_enabled taskTrace taskTime"},
+        {"off", "",
+         "ai_core_lpm taskTsfw cpu_profiling aiCtrlCpuProfiling tsCpuProfiling sys_profiling "
+         "pid_profiling hardware_mem memProfiling io_profiling nicProfiling roceProfiling "
+         "interconnection_profiling fabriclinkProfiling dvpp_profiling modelExecution "
+         "taskFramework runtimeApi tracelet tracelettx host_disk_profiling host_osrt_profiling "
+         "pureCpu host_cpu_profiling host_mem_profiling host_network_profiling"},
+        {-1, -1, "traceletBinPid host_sys_pid"},
+        {-1, 5, "profiling_period"},
+        {10, 10,
+         "aicore_sampling_interval aiv_sampling_interval io_sampling_interval "
+         "nicInterval roceInterval"},
+        {20, 10,
+         "cpu_sampling_interval hardware_mem_sampling_interval memInterval "
+         "interconnection_sampling_interval dvpp_sampling_interval"},
+        {100, 10, "sys_sampling_interval pid_sampling_interval"},
+        {50, 10, "host_disk_freq"},
+        {20, 100, "llc_interval ddr_interval hbmInterval fabriclinkInterval pcieInterval"},
+        {1000, 1000, "instrProfilingFreq"},
     };
-    for (const char* off : {"ai_core_lpm",
-                            "taskTsfw",
-                            "cpu_profiling",
-                            "aiCtrlCpuProfiling",
-                            "tsCpuProfiling",
-                            "sys_profiling",
-                            "pid_profiling",
-                            "hardware_mem",
-                            "memProfiling",
-                            "io_profiling",
-                            "nicProfiling",
-                            "roceProfiling",
-                            "interconnection_profiling",
-                            "fabriclinkProfiling",
-                            "dvpp_profiling",
-                            "modelExecution",
-                            "taskFramework",
-                            "runtimeApi",
-                            "tracelet",
-                            "tracelettx",
-                            "host_disk_profiling",
-                            "host_osrt_profiling",
-                            "pureCpu",
-                            "host_cpu_profiling",
-                            "host_mem_profiling",
-                            "host_network_profiling"}) {
-        expected[off] = {"off", ""};
+    std::map<std::string, std::pair<json, json>> expected;
+    for (const auto& group : groups) {
+        std::istringstream keys(group.keys);
+        for (std::string key; keys >> key;) {
+            expected[key] = {group.fresh, group.absent};
+        }
     }
     for (const auto& [key, value] : fresh.items()) {
         const json empty = value.is_string() ? json("") : json(0);

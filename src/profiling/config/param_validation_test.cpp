@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <climits>
 #include <functional>
 
 #include "hdc/test_support.h"
+#include "profiling/config/utils.h"
 
 namespace analysis::nedra::common::validation {
 namespace {
@@ -18,292 +18,174 @@ const ParamValidation& Checks() {
     return ParamValidation::instance();
 }
 
-// One call of a check, what it gives, and all that it logs above debug level.
-struct Case {
-    const char* what;
-    bool result;
-    std::function<bool()> check;
-    Texts lines = {};
+std::string Joined(const Texts& lines) {
+    std::string all;
+    for (const std::string& line : lines) {
+        all += (all.empty() ? "" : "; ") + line;
+    }
+    return all;
+}
+
+// Every check as a question about one text: itself, a number, or a list separated by "|".
+using Question = std::function<bool(const std::string&)>;
+
+Question Text(bool (ParamValidation::*check)(const std::string&) const) {
+    return [check](const std::string& text) { return (Checks().*check)(text); };
+}
+template <typename Number>
+Question Of(bool (ParamValidation::*check)(Number) const) {
+    return [check](const std::string& text) {
+        return (Checks().*check)(static_cast<Number>(std::stoll(text)));
+    };
+}
+Question List(bool (ParamValidation::*check)(const Texts&) const) {
+    return [check](const std::string& text) {
+        return (Checks().*check)(utils::Utils::Split(text, false, "", "|"));
+    };
+}
+
+// A text that is refused, and the lines that say why: warnings and errors.
+struct Refused {
+    std::string text;
+    std::string lines;
 };
 
-template <size_t N>
-void RunCases(const Case (&cases)[N]) {
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.what);
-        orla::test::LogCapture log;
-        EXPECT_EQ(c.result, c.check());
-        EXPECT_EQ(c.lines, log.Take("EWI"));
+void Expect(const Question& check, const Texts& good, const Texts& silent,
+            const std::vector<Refused>& refused = {}) {
+    std::vector<Refused> all = refused;
+    for (const std::string& text : silent) {
+        all.push_back({text, ""});
+    }
+    orla::test::LogCapture log;
+    for (const std::string& text : good) {
+        EXPECT_TRUE(check(text)) << text;
+        EXPECT_EQ("", Joined(log.Take("EW"))) << text;
+    }
+    for (const Refused& r : all) {
+        EXPECT_FALSE(check(r.text)) << r.text;
+        EXPECT_EQ(r.lines, Joined(log.Take("EW"))) << r.text;
     }
 }
 
-TEST(ParamValidation, EventListsHoldEight) {
-    struct List {
-        const char* event;
-        std::function<bool(const Texts&)> check;
-        const char* line;
-    };
-    const List lists[] = {
-        {"0x1", [](const Texts& e) { return Checks().CheckCtrlCpuEventIsValid(e); },
-         "E cpu events size(9) is bigger than 8"},
-        {"0x1", [](const Texts& e) { return Checks().CheckAiCoreEventsIsValid(e); },
-         "E ai core events size(9) is bigger than 8"},
-        {"read", [](const Texts& e) { return Checks().CheckDdrEventsIsValid(e); },
-         "E ddr events size(9) is bigger than 8"},
-        {"master_id", [](const Texts& e) { return Checks().CheckDdrEventsIsValid(e); },
-         "E ddr events size(9) is bigger than 8"},
-        {"write", [](const Texts& e) { return Checks().CheckHbmEventsIsValid(e); },
-         "E hbm events size(9) is bigger than 8"},
-        {"0x59", [](const Texts& e) { return Checks().CheckL2CacheEventsValid(e); },
-         "E L2Cache events size(9) is bigger than 8"},
-    };
-    for (const List& list : lists) {
-        SCOPED_TRACE(list.line);
-        orla::test::LogCapture log;
-        EXPECT_TRUE(list.check({}));
-        EXPECT_TRUE(list.check(Texts(8, list.event)));
-        EXPECT_EQ(Texts{}, log.Take("EWI"));
-        EXPECT_FALSE(list.check(Texts(9, list.event)));
-        EXPECT_EQ(Texts{list.line}, log.Take("EWI"));
+std::string Times(int count, const std::string& event) {
+    std::string list = event;
+    while (--count > 0) {
+        list += "|" + event;
     }
+    return list;
 }
 
-TEST(ParamValidation, Events) {
-    const Texts range{"E ai core event out of range, which should be in 1-1294(0x1-0x50E)"};
-    const auto aiCore = [](const char* e) {
-        return [e] { return Checks().CheckAiCoreEventsIsValid({e}); };
+using V = ParamValidation;
+
+TEST(ParamValidation, Lists) {
+    const std::string range = "E ai core event out of range, which should be in 1-1294(0x1-0x50E)";
+    const Question cores = [](const std::string& text) {
+        std::vector<int> values;
+        for (const std::string& value : utils::Utils::Split(text, false, "", "|")) {
+            values.push_back(std::stoi(value));
+        }
+        return Checks().CheckAiCoreEventCoresIsValid(values);
     };
-    const auto l2 = [](const char* e) {
-        return [e] { return Checks().CheckL2CacheEventsValid({"0x59", e}); };
-    };
-    const auto llc = [](const char* e) {
-        return [e] { return Checks().CheckLlcEventsIsValid(e); };
-    };
-    const auto text = [](const char* e) {
-        return [e] { return Checks().CheckEventsText(e) == 0; };
-    };
-    const Case cases[] = {
-        {"cpu either case", true,
-         [] {
-             return Checks().CheckCtrlCpuEventIsValid({"0x8", "r0X11"});
-         }},
-        {"cpu without 0x", false,
-         [] {
-             return Checks().CheckCtrlCpuEventIsValid({"0x8", "11"});
-         }},
-        {"ai core least", true, aiCore("1")},
-        {"ai core most", true, aiCore("0x50E")},
-        {"ai core above", false, aiCore("0x50f"), range},
-        {"ai core zero", false, aiCore("0x0"), range},
-        {"ai core negative", false, aiCore("-1"), range},
-        {"ai core no number", false, aiCore("memory"), range},
-        {"ai core number and more", false, aiCore("0x10;"), range},
-        {"ai core beyond 64 bits", false, aiCore("0x10000000000000001"), range},
-        {"ai core nothing", false, aiCore(""), range},
-        {"cores", true, [] { return Checks().CheckAiCoreEventCoresIsValid(std::vector<int>(50)); }},
-        {"core below zero", false,
-         [] {
-             return Checks().CheckAiCoreEventCoresIsValid({0, -1});
-         }},
-        {"too many cores",
-         false,
-         [] { return Checks().CheckAiCoreEventCoresIsValid(std::vector<int>(51)); },
-         {"E ai core events cores size(51) is bigger than 50"}},
-        {"ddr", false,
-         [] {
-             return Checks().CheckDdrEventsIsValid({"read", "Write"});
-         }},
-        {"ddr master", true,
-         [] {
-             return Checks().CheckDdrEventsIsValid({"any", "master_id"});
-         }},
-        {"hbm master", false, [] { return Checks().CheckHbmEventsIsValid({"master_id"}); }},
-        {"llc", true, llc("read_0/x, WRITE9")},
-        {"llc nothing", true, llc("")},
-        {"llc shell", false, llc("read;ls"), {"E llc events is invalid.read;ls"}},
-        {"llc beyond ASCII", false, llc("\xe4"), {"E llc events is invalid.\xe4"}},
-        {"l2 case and blanks", true, l2("  0xBF ")},
-        {"l2 unknown", false, l2("0x5A"), {"E l2Cacheevent:0x5a is invalid"}},
-        {"text of eight", true, text("1,2,3,4,5,6,7,8,")},
-        {"text of nine",
-         false,
-         text("1,2,3,4,5,6,7,8,9"),
-         {"E events Size is incorrect. 1,2,3,4,5,6,7,8,9"}},
-        {"no text", true, text(""), {"I events is empty"}},
-    };
-    RunCases(cases);
+    const Question events = [](const std::string& e) { return Checks().CheckEventsText(e) == 0; };
+    Expect(List(&V::CheckCtrlCpuEventIsValid), {"", "0x8|r0X11", Times(8, "0x1")}, {"0x8|11"},
+           {{Times(9, "0x1"), "E cpu events size(9) is bigger than 8"}});
+    Expect(List(&V::CheckAiCoreEventsIsValid), {"1|0x50E| 0x2", Times(8, "0x1")}, {},
+           {{Times(9, "0x1"), "E ai core events size(9) is bigger than 8"}});
+    for (const char* e : {"0x50f", "0x0", "-1", "memory", "0x10;", "0x10000000000000001"}) {
+        Expect(List(&V::CheckAiCoreEventsIsValid), {}, {}, {{e, range}});
+    }
+    Expect(cores, {Times(50, "0")}, {"0|-1"},
+           {{Times(51, "0"), "E ai core events cores size(51) is bigger than 50"}});
+    Expect(List(&V::CheckDdrEventsIsValid), {"read|write", "any|master_id"}, {"read|Write"},
+           {{Times(9, "master_id"), "E ddr events size(9) is bigger than 8"}});
+    Expect(List(&V::CheckHbmEventsIsValid), {Times(8, "read")}, {"master_id"},
+           {{Times(9, "write"), "E hbm events size(9) is bigger than 8"}});
+    Expect(List(&V::CheckL2CacheEventsValid), {"0x59|  0xBF ", Times(8, "0x59")}, {},
+           {{"0x59|0x5A", "E l2Cacheevent:0x5a is invalid"},
+            {Times(9, "0x59"), "E L2Cache events size(9) is bigger than 8"}});
+    Expect(
+        Text(&V::CheckLlcEventsIsValid), {"", "read_0/x, WRITE9"}, {},
+        {{"read;ls", "E llc events is invalid.read;ls"}, {"\xe4", "E llc events is invalid.\xe4"}});
+    Expect(events, {"", "1,2,3,4,5,6,7,8,"}, {},
+           {{"1,2,3,4,5,6,7,8,9", "E events Size is incorrect. 1,2,3,4,5,6,7,8,9"}});
+    Expect(Text(&V::CheckStarsAcsqIsValid), {"", "dsa,ctrl_task"}, {},
+           {{"dsa,,vdec", "E Invalid stars acsq params."}});
 }
 
-TEST(ParamValidation, MetricsNumbersAndSwitches) {
-    const auto metric = [](const std::string& m) {
-        return [m] { return Checks().CheckAicoreMetricsIsValid(m, {"L2Cache", "Odd"}); };
+TEST(ParamValidation, NumbersAndWords) {
+    const Question interval = [](const std::string& number) {
+        return Checks().CheckIntervalIsValid(std::stoi(number), "llc");
     };
-    const auto interval = [](int i) {
-        return [i] { return Checks().CheckIntervalIsValid(i, "llc"); };
+    const Question metric = [](const std::string& name) {
+        return Checks().CheckAicoreMetricsIsValid(name, {"L2Cache", "Odd"});
     };
-    const auto period = [](int i) { return [i] { return Checks().CheckSysPeriodIsValid(i); }; };
-    const auto freq = [](uint32_t f) { return [f] { return Checks().CheckInstrFreqIsValid(f); }; };
-    const auto onOff = [](const char* v) {
-        return [v] { return Checks().CheckParamOnOff("--x", v); };
-    };
-    const Case cases[] = {
-        {"no metric", true, metric(""), {"I aicoreMetrics is empty"}},
-        {"metric", true, metric("PipelineExecuteUtilization")},
-        {"metric not here",
-         false,
-         metric("L2Cache"),
-         {"E Current platform is not support L2Cache metrics type"}},
-        {"metric of 70",
-         false,
-         metric(std::string(70, 'm')),
-         {"E The aic_metrics[" + std::string(70, 'm') + "] of input config is invalid"}},
-        {"metric of 71",
-         false,
-         metric(std::string(71, 'm')),
-         {"E The parameter length exceeds the specified value of 70."}},
-        {"interval 0", false, interval(0), {"E invalid llc interval: 0"}},
-        {"interval 1", true, interval(1)},
-        {"interval most", true, interval(1296000000)},
-        {"interval above", false, interval(1296000001), {"E invalid llc interval: 1296000001"}},
-        {"period 0", false, period(0), {"E Invalid --sys-period: 0"}},
-        {"period most", true, period(2592000)},
-        {"period above", false, period(2592001), {"E Invalid --sys-period: 2592001"}},
-        {"freq 299", false, freq(299), {"E instr_profiling_freq 299 is invalid (300~30000)."}},
-        {"freq 300", true, freq(300)},
-        {"freq 30000", true, freq(30000)},
-        {"freq 30001",
-         false,
-         freq(30001),
-         {"E instr_profiling_freq 30001 is invalid (300~30000)."}},
-        {"argument", true, onOff("off")},
-        {"no argument", true, onOff(""), {"I Argument --x is empty."}},
-        {"bad argument",
-         false,
-         onOff("On"),
-         {"E Argument --x: invalid value: On. Please input 'on' or 'off'."}},
-        {"bad switch", false, [] { return Checks().CheckSwitchIsValid("ON"); }},
-    };
-    RunCases(cases);
+    const Question onOff = [](const std::string& v) { return Checks().CheckParamOnOff("--x", v); };
+    const std::string prefix = "E [Utils::CheckStringIsNonNegativeIntNum]numberStr";
+    const std::string longest(70, 'm');
+    Expect(
+        interval, {"1", "1296000000"}, {},
+        {{"0", "E invalid llc interval: 0"}, {"1296000001", "E invalid llc interval: 1296000001"}});
+    Expect(Of(&V::CheckSysPeriodIsValid), {"1", "2592000"}, {},
+           {{"0", "E Invalid --sys-period: 0"}, {"2592001", "E Invalid --sys-period: 2592001"}});
+    Expect(Of(&V::CheckInstrFreqIsValid), {"300", "30000"}, {},
+           {{"299", "E instr_profiling_freq 299 is invalid (300~30000)."},
+            {"30001", "E instr_profiling_freq 30001 is invalid (300~30000)."}});
+    Expect(Of(&V::CheckHostSysPidIsValid), {std::to_string(getpid())}, {},
+           {{"-1", "E Invalid --host-sys-pid: -1"},
+            {"2147483647", "E Invalid --host-sys-pid: 2147483647"}});
+    Expect(Text(&V::CheckDeviceIdIsValid), {"0", "63"}, {},
+           {{"64", "W devId(64) is over limited."},
+            {"-1", prefix + "(-1) is not a number; E devId(-1) is not valid."},
+            {"2147483648", prefix + "(2147483648) is over than 2147483647; "
+                                    "E devId(2147483648) is not valid."},
+            {"", "E devId() is not valid."}});
+    Expect(metric, {"", "PipelineExecuteUtilization"}, {},
+           {{"L2Cache", "E Current platform is not support L2Cache metrics type"},
+            {longest, "E The aic_metrics[" + longest + "] of input config is invalid"},
+            {longest + "m", "E The parameter length exceeds the specified value of 70."}});
+    Expect(Text(&V::CheckSwitchIsValid), {"", "on", "off"}, {"ON"});
+    Expect(onOff, {"", "on", "off"}, {},
+           {{"On", "E Argument --x: invalid value: On. Please input 'on' or 'off'."}});
+    Expect(Text(&V::CheckProfilingMode), {"", "def_mode", "system-wide"}, {"System-wide"});
+    Expect(Text(&V::CheckJobIdIsValid), {"Job-09", std::string(512, 'j')},
+           {std::string(513, 'j'), "", "../a", "a_b", std::string("a\0b", 3)});
+    Expect(Text(&V::CheckAppParamIsValid), {"--arm", "a->b"}, {"--arm x", "a > b", "xpoweroffx"});
+    Expect(Text(&V::CheckAppNameIsValid), {"a_b-C.9"}, {},
+           {{"a/b", "E appName is invalid.a/b"}, {"", "E appName is empty"}});
+    Expect(Text(&V::CheckTagIsValid), {"a_9"}, {},
+           {{"a-9", "E tag is invalid.a-9"}, {"", "E tag is empty"}});
+    Expect(Text(&V::CheckHostSysOptionsIsValid), {"cpu", "osrt"}, {""},
+           {{"gpu", "E hostSysOptions[gpu] is invalid"}});
 }
 
-TEST(ParamValidation, DevicesJobsAndNames) {
-    const auto device = [](const char* d) {
-        return [d] { return Checks().CheckDeviceIdIsValid(d); };
-    };
-    const auto list = [](const char* app, const char* devices, const char* host) {
-        return [=] { return Checks().CheckDeviceList(app, devices, host); };
-    };
-    const auto job = [](const std::string& j) {
-        return [j] { return Checks().CheckJobIdIsValid(j); };
-    };
-    const auto mode = [](const char* m) { return [m] { return Checks().CheckProfilingMode(m); }; };
-    const auto app = [](const char* p) { return [p] { return Checks().CheckAppParamIsValid(p); }; };
-    const auto name = [](const char* n) { return [n] { return Checks().CheckAppNameIsValid(n); }; };
-    const auto tag = [](const char* t) { return [t] { return Checks().CheckTagIsValid(t); }; };
-    const auto host = [](const char* o) {
-        return [o] { return Checks().CheckHostSysOptionsIsValid(o); };
-    };
-    const auto pid = [](int p) { return [p] { return Checks().CheckHostSysPidIsValid(p); }; };
-    const auto stars = [](const char* s) {
-        return [s] { return Checks().CheckStarsAcsqIsValid(s); };
-    };
-    const std::string tooLong =
-        "[Utils::CheckStringIsNonNegativeIntNum]numberStr(2147483648) is over than 2147483647";
-    const Case cases[] = {
-        {"device 0", true, device("0")},
-        {"device 63", true, device("63")},
-        {"device 64", false, device("64"), {"W devId(64) is over limited."}},
-        {"device -1",
-         false,
-         device("-1"),
-         {"E [Utils::CheckStringIsNonNegativeIntNum]numberStr(-1) is not a number",
-          "E devId(-1) is not valid."}},
-        {"device 2^31",
-         false,
-         device("2147483648"),
-         {"E " + tooLong, "E devId(2147483648) is not valid."}},
-        {"device nothing", false, device(""), {"E devId() is not valid."}},
-        {"nothing asked", false, list("", "", "")},
-        {"host asked", true, list("", "", "cpu")},
-        {"application asked", true, list("app", "", "")},
-        {"all devices", true, list("", "all", "")},
-        {"two devices", true, list("", "0,63", "")},
-        {"every bad device is named",
-         false,
-         list("app", "64,1,99", ""),
-         {"W devId(64) is over limited.", "E device:64 is not valid!",
-          "W devId(99) is over limited.", "E device:99 is not valid!"}},
-        {"job", true, job("Job-09")},
-        {"job of 512", true, job(std::string(512, 'j'))},
-        {"job of 513", false, job(std::string(513, 'j'))},
-        {"no job", false, job("")},
-        {"job that climbs", false, job("../a")},
-        {"job with underscore", false, job("a_b")},
-        {"job with zero byte", false, job(std::string("a\0b", 3))},
-        {"mode none", true, mode("")},
-        {"mode default", true, mode("def_mode")},
-        {"mode system", true, mode("system-wide")},
-        {"mode in capitals", false, mode("System-wide")},
-        {"rm at the end", true, app("--arm")},
-        {"rm and a blank", false, app("--arm x")},
-        {"redirection", false, app("a > b")},
-        {"arrow", true, app("a->b")},
-        {"power", false, app("xpoweroffx")},
-        {"app name", true, name("a_b-C.9")},
-        {"app path", false, name("a/b"), {"E appName is invalid.a/b"}},
-        {"no app name", false, name(""), {"E appName is empty"}},
-        {"tag", true, tag("a_9")},
-        {"bad tag", false, tag("a-9"), {"E tag is invalid.a-9"}},
-        {"no tag", false, tag(""), {"E tag is empty"}},
-        {"host option", true, host("osrt")},
-        {"bad host option", false, host("gpu"), {"E hostSysOptions[gpu] is invalid"}},
-        {"no host option", false, host(""), {"I hostSysOptions is empty"}},
-        {"own pid", true, pid(getpid())},
-        {"pid -1", false, pid(-1), {"E Invalid --host-sys-pid: -1"}},
-        {"pid of nobody", false, pid(INT_MAX), {"E Invalid --host-sys-pid: 2147483647"}},
-        {"stars", true, stars("dsa,ctrl_task")},
-        {"no stars", true, stars("")},
-        {"bad stars", false, stars("dsa,,vdec"), {"E Invalid stars acsq params."}},
-    };
-    RunCases(cases);
+TEST(ParamValidation, DeviceListNamesEveryBadDevice) {
+    const auto& checks = Checks();
+    EXPECT_FALSE(checks.CheckDeviceList("", "", ""));
+    EXPECT_TRUE(checks.CheckDeviceList("", "", "cpu"));
+    EXPECT_TRUE(checks.CheckDeviceList("app", "", ""));
+    EXPECT_TRUE(checks.CheckDeviceList("", "all", ""));
+    EXPECT_TRUE(checks.CheckDeviceList("", "0,63", ""));
+    orla::test::LogCapture log;
+    EXPECT_FALSE(checks.CheckDeviceList("app", "64,1,99", ""));
+    EXPECT_EQ("E device:64 is not valid!; E device:99 is not valid!", Joined(log.Take("E")));
 }
 
 TEST(ParamValidation, StorageLimit) {
-    struct Limit {
-        const char* before;
-        bool result;
-        const char* after;
-        Texts lines;
+    const auto params = std::make_shared<ProfileParams>();
+    const Question limit = [&](const std::string& text) {
+        params->storageLimit = text;
+        const bool result = Checks().CheckStorageLimit(params);
+        EXPECT_EQ(text == "199MB" ? "200MB" : text, params->storageLimit);
+        return result;
     };
-    const Limit limits[] = {
-        {"", true, "", {"I storage_limit is empty"}},
-        {"MB", false, "MB", {"E storage_limit:MB, length is less than 3"}},
-        {"200mb", false, "200mb", {"E storage_limit:200mb, not end with MB"}},
-        {"2 0MB", false, "2 0MB", {"E storage_limit:2 0MB, invalid numbers"}},
-        {"-200MB", false, "-200MB", {"E storage_limit:-200MB, invalid numbers"}},
-        {"10000000000MB",
-         false,
-         "10000000000MB",
-         {"E storage_limit:10000000000MB, valid range is 200~4294967296"}},
-        {"199MB",
-         false,
-         "200MB",
-         {"E storage_limit:199MB, min value is 200MB", "W auto adjust storage_limit to:200MB"}},
-        {"200MB", true, "200MB", {}},
-        {"4294967295MB", true, "4294967295MB", {}},
-        {"4294967296MB",
-         false,
-         "4294967296MB",
-         {"E storage_limit:4294967296MB, max value is 4294967295MB"}},
-    };
-    for (const Limit& limit : limits) {
-        SCOPED_TRACE(limit.before);
-        const auto params = std::make_shared<ProfileParams>();
-        params->storageLimit = limit.before;
-        orla::test::LogCapture log;
-        EXPECT_EQ(limit.result, Checks().CheckStorageLimit(params));
-        EXPECT_EQ(limit.after, params->storageLimit);
-        EXPECT_EQ(limit.lines, log.Take("EWI"));
-    }
+    const std::string line = "E storage_limit:";
+    Expect(limit, {"", "200MB", "4294967295MB"}, {},
+           {{"MB", line + "MB, length is less than 3"},
+            {"200mb", line + "200mb, not end with MB"},
+            {"-200MB", line + "-200MB, invalid numbers"},
+            {"10000000000MB", line + "10000000000MB, valid range is 200~4294967296"},
+            {"199MB", line + "199MB, min value is 200MB; W auto adjust storage_limit to:200MB"},
+            {"4294967296MB", line + "4294967296MB, max value is 4294967295MB"}});
     EXPECT_FALSE(Checks().CheckStorageLimit(nullptr));
 }
 
@@ -315,8 +197,8 @@ ParamValidation::Params ValidParams() {
 }
 
 // Which of the record's fields a check reads: those that make it fail with `bad` in them.
-template <typename Check>
-std::string FieldsThatMatter(const nlohmann::json& bad, Check check) {
+std::string FieldsThatMatter(const nlohmann::json& bad,
+                             const std::function<bool(const V::Params&)>& check) {
     const auto valid = nlohmann::json::parse(ValidParams()->ToString());
     std::string fields;
     for (const auto& [key, value] : valid.items()) {
@@ -332,29 +214,32 @@ std::string FieldsThatMatter(const nlohmann::json& bad, Check check) {
 }
 
 TEST(ParamValidation, RecordChecksReadTheirFields) {
-    using Params = ParamValidation::Params;
-    EXPECT_EQ(
-        "aicore_sampling_interval aiv_sampling_interval cpu_sampling_interval ddr_interval "
-        "dvpp_sampling_interval fabriclinkInterval hardware_mem_sampling_interval hbmInterval "
-        "interconnection_sampling_interval io_sampling_interval llc_interval nicInterval "
-        "pcieInterval pid_sampling_interval roceInterval sys_sampling_interval ",
-        FieldsThatMatter(
-            0, [](const Params& p) { return Checks().CheckProfilingIntervalIsValid(p); }));
-    EXPECT_EQ(
-        "ai_core_status ai_vector_status hwts_log hwts_log1 ts_cpu_usage ts_fw_training "
-        "ts_keypoint ts_memcpy ts_task_track ts_timeline ",
-        FieldsThatMatter("On", [](const Params& p) { return Checks().CheckTsSwitchProfiling(p); }));
-    EXPECT_EQ(
-        "ai_core_profiling aiv_profiling ddr_profiling fabriclinkProfiling hbmProfiling "
-        "pcieProfiling ",
-        FieldsThatMatter("On",
-                         [](const Params& p) { return Checks().CheckPmuSwitchProfiling(p); }));
-    EXPECT_EQ(
-        "aiCtrlCpuProfiling cpu_profiling dvpp_profiling hardware_mem "
-        "interconnection_profiling io_profiling nicProfiling pid_profiling roceProfiling "
-        "sys_profiling tsCpuProfiling ",
-        FieldsThatMatter(
-            "On", [](const Params& p) { return Checks().CheckSystemTraceSwitchProfiling(p); }));
+    using Check = bool (V::*)(const V::Params&) const;
+    const struct {
+        Check check;
+        nlohmann::json bad;
+        const char* fields;
+    } cases[] = {
+        {&V::CheckProfilingIntervalIsValid, 0,
+         "aicore_sampling_interval aiv_sampling_interval cpu_sampling_interval ddr_interval "
+         "dvpp_sampling_interval fabriclinkInterval hardware_mem_sampling_interval hbmInterval "
+         "interconnection_sampling_interval io_sampling_interval llc_interval nicInterval "
+         "pcieInterval pid_sampling_interval roceInterval sys_sampling_interval "},
+        {&V::CheckTsSwitchProfiling, "On",
+         "ai_core_status ai_vector_status hwts_log hwts_log1 ts_cpu_usage ts_fw_training "
+         "ts_keypoint ts_memcpy ts_task_track ts_timeline "},
+        {&V::CheckPmuSwitchProfiling, "On",
+         "ai_core_profiling aiv_profiling ddr_profiling fabriclinkProfiling hbmProfiling "
+         "pcieProfiling "},
+        {&V::CheckSystemTraceSwitchProfiling, "On",
+         "aiCtrlCpuProfiling cpu_profiling dvpp_profiling hardware_mem interconnection_profiling "
+         "io_profiling nicProfiling pid_profiling roceProfiling sys_profiling tsCpuProfiling "},
+    };
+    for (const auto& c : cases) {
+        const auto check = [&](const V::Params& params) { return (Checks().*c.check)(params); };
+        EXPECT_EQ(c.fields, FieldsThatMatter(c.bad, check));
+        EXPECT_FALSE(check(nullptr));
+    }
     orla::test::LogCapture log;
     auto params = ValidParams();
     params->fabriclinkInterval = params->roceInterval = -1;
