@@ -2,7 +2,8 @@
 // writes instead of going through the device log. It works before any configuration is read and
 // without one: until LogPathInit has set other paths, the defaults hold.
 //
-// One line is one write in append mode, so lines of many threads and processes never mix.
+// One line is one write in append mode, so lines of many threads and processes never mix. Only a
+// process that is killed while it writes may leave the beginning of a line without its end.
 // Nothing is locked but the rotation, across processes, through the lock file beside the log:
 //
 //     slogdlog  --(full)-->  slogdlog.old        tmp.lock exists while somebody rotates

@@ -1,0 +1,118 @@
+#include "log/log_path_mgr.h"
+
+#include <gmock/gmock.h>
+
+#include "log/log_config_list.h"
+#include "log/log_test_support.h"
+
+namespace {
+
+using orla::test::ReadFile;
+using orla::test::SelfLogHere;
+using orla::test::WriteFile;
+using testing::EndsWith;
+using testing::HasSubstr;
+
+constexpr char kDefaultLog[] = "/var/log/npu/slog/slogd/slogdlog";
+constexpr char kKeepsDefault[] =
+    "[WARNING] [WARNING] Init file path for self log failed and continue....\n";
+
+// Writes the real default file, so it runs where that is private: in the sandbox.
+class LogPathMgrTest : public testing::Test {
+protected:
+    void SetUp() override {
+        if (access(kDefaultConfigFile, F_OK) == 0 || access("/var/log/npu/conf/slog", W_OK) != 0) {
+            GTEST_SKIP() << "not in the sandbox";
+        }
+        orla::SetLogFiles(nullptr);
+        isOurs_ = true;
+    }
+    void TearDown() override {
+        if (isOurs_) {
+            LogPathRelease();
+            std::filesystem::remove(kDefaultConfigFile);
+        }
+    }
+
+    static std::string InitWith(const std::string& text) {
+        WriteFile(kDefaultConfigFile, text);
+        testing::internal::CaptureStdout();
+        LogPathInit();
+        return testing::internal::GetCapturedStdout();
+    }
+
+    SelfLogHere here_;  // for its directory
+
+private:
+    bool isOurs_ = false;
+};
+
+TEST_F(LogPathMgrTest, SendsTheSelfLogWhereTheConfigurationSays) {
+    const std::string root = here_.root() + "/made/here";
+    EXPECT_EQ(InitWith("logAgentFileDir = " + root + "/\n"), "");
+    EXPECT_EQ(orla::CurrentLogFiles()->log, root + "/slogd/slogdlog");
+    EXPECT_EQ(orla::CurrentLogFiles()->old, root + "/slogd/slogdlog.old");
+    EXPECT_EQ(orla::CurrentLogFiles()->lock, root + "/slogd/tmp.lock");
+    EXPECT_THAT(ReadFile(root + "/slogd/slogdlog"),
+                EndsWith("Init conf and self log path success.\n"));
+
+    // A second start keeps the files in use, whatever the configuration has become.
+    EXPECT_EQ(InitWith("a=1\n"), "");
+    EXPECT_EQ(orla::CurrentLogFiles()->root, root);
+
+    LogPathRelease();
+    EXPECT_STREQ(orla::CurrentLogFiles()->log, kDefaultLog);
+}
+
+TEST_F(LogPathMgrTest, StaysAtTheDefaultWithoutAKey) {
+    EXPECT_EQ(InitWith("a=1\n"), "");
+    EXPECT_STREQ(orla::CurrentLogFiles()->log, kDefaultLog);
+    EXPECT_THAT(ReadFile(kDefaultLog), EndsWith("Init conf and self log path success.\n"));
+}
+
+TEST_F(LogPathMgrTest, StaysAtTheDefaultWhenTheDirectoryIsOfNoUse) {
+    const std::string longRoot = here_.root() + "/" + std::string(240, 'd');
+    std::filesystem::create_directory(longRoot);
+    const std::pair<std::string, std::string> cases[] = {
+        {"/dev/null/x", "[WARNING] get root realpath from conf failed, val=/dev/null/x, strerr="},
+        {longRoot, "[WARNING] get log dir realpath failed, ret="},
+    };
+    for (const auto& [root, words] : cases) {
+        const std::string printed = InitWith("logAgentFileDir=" + root + "\n");
+        EXPECT_THAT(printed, HasSubstr(words));
+        EXPECT_THAT(printed, EndsWith(kKeepsDefault));
+        EXPECT_STREQ(orla::CurrentLogFiles()->log, kDefaultLog);
+    }
+}
+
+TEST_F(LogPathMgrTest, StaysAtTheDefaultWithoutAFile) {
+    testing::internal::CaptureStdout();
+    LogPathInit();
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_STREQ(orla::CurrentLogFiles()->log, kDefaultLog);
+}
+
+TEST(LogWorkspace, IsReadAndChecked) {
+    SelfLogHere log;
+    const std::string file = log.root() + "/slog.conf";
+    const std::tuple<std::string, int, std::string> cases[] = {
+        {"logWorkspace=" + log.root() + "/missing", -1, "get realpath failed, val="},
+        {"logWorkspace=/proc" + std::string(120, '/') + "sys/fs", 0,
+         "logWorkspace = /proc/sys/fs."},
+        {"logWorkspace=" + log.root() + "/" + std::string(65, 'w'), -1,
+         "copy workspace path failed, err="},
+        {"a=1", 0, "use default log Workspace, val=/proc/sys/fs."},
+        {"logWorkspace=/dev/null", -1, "Not access workspace path, g_workSpacePath=/dev/null."},
+    };
+    std::filesystem::create_directory(log.root() + "/" + std::string(65, 'w'));
+    for (const auto& [text, result, words] : cases) {
+        WriteFile(file, text);
+        ASSERT_EQ(LogConfListUpdate(file.c_str()), 0);
+        EXPECT_EQ(LogWorkspaceInit(), result) << text;
+        EXPECT_THAT(log.Take(), HasSubstr(words));
+    }
+    EXPECT_STREQ(LogWorkspacePath(), "/dev/null");
+    LogConfListFree();
+}
+
+}  // namespace
