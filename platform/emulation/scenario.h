@@ -1,0 +1,70 @@
+// The simulated device as data: what a scenario file says, with the defaults filled in. The
+// file's form stands in docs/emulation.md. A Scenario is constant once it is made and is handed
+// around as a shared pointer, so any thread may read it while another one replaces it; what
+// changes at run time (device states, faults used up) lives in driver_state.h.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "control.h"
+
+namespace orla::emulation {
+
+using control::DeviceState;
+using control::Fault;
+
+constexpr uint32_t kMaxDevices = 1124;
+
+// What halGetDeviceInfo answers about one thing: `value` when `result` is 0.
+struct InfoAnswer {
+    int64_t value = 0;
+    int32_t result = 0;
+};
+
+struct ChannelSpec {
+    static constexpr uint64_t kUnlimited = UINT64_MAX;  // every read is filled
+
+    uint32_t id = 0;   // 1..160
+    std::string name;  // at most 32 bytes
+    uint32_t type = 0;
+    uint64_t bytesPerSecond = 0;  // 0: idle
+};
+
+struct DeviceSpec {
+    using InfoKey = std::pair<int32_t, int32_t>;  // module, what is asked
+
+    uint32_t logicalId = 0;
+    uint32_t physicalId = 0;
+    DeviceState state = DeviceState::kUp;
+    // Every constant answer: chip type and version and both frequencies are here as well. What
+    // is not here (and does not run, as a counter does) is not supported.
+    std::map<InfoKey, InfoAnswer> info;
+    std::vector<ChannelSpec> channels;  // ids are unique
+
+    [[nodiscard]] const InfoAnswer* FindInfo(int32_t module, int32_t what) const;
+    [[nodiscard]] const ChannelSpec* FindChannel(uint32_t id) const;
+};
+
+struct Scenario {
+    uint32_t maxSegment = 524288;
+    uint32_t platformInfo = 0;        // answer of drvGetPlatformInfo
+    int32_t apiVersion = 465157;      // answer of halGetAPIVersion
+    std::vector<DeviceSpec> devices;  // logical and physical ids are unique
+    std::vector<Fault> faults;        // each names an operation of the driver
+
+    [[nodiscard]] const DeviceSpec* FindDevice(uint32_t logicalId) const;
+};
+
+// From JSON text; on a failure null, with the reason in `error`.
+[[nodiscard]] std::shared_ptr<const Scenario> ParseScenario(std::string_view text,
+                                                            std::string* error);
+// From the file that $ORLA_SCENARIO names; the built-in one when that is unset or empty.
+[[nodiscard]] std::shared_ptr<const Scenario> LoadScenarioFromEnvironment(std::string* error);
+
+}  // namespace orla::emulation
