@@ -16,11 +16,8 @@
 // A fresh directory for each test, with all that lies in it removed by other code than ours.
 class Scratch : public ::testing::Test {
 protected:
-    void SetUp() override {
-        char name[] = "/tmp/posix_test.XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        root_ = name;
-    }
+    explicit Scratch(const char* parent = "/tmp") : root_(std::string(parent) + "/posix.XXXXXX") {}
+    void SetUp() override { ASSERT_NE(mkdtemp(root_.data()), nullptr); }
     void TearDown() override {
         const std::string command = "chmod -R u+rwx " + root_ + " && rm -rf " + root_;
         EXPECT_EQ(system(command.c_str()), 0);
