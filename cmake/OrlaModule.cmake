@@ -59,17 +59,11 @@ function(orla_module name)
   endforeach()
 endfunction()
 
-# Libraries that a module calls without naming their provider: the platform, last on the line.
-function(orla_link_platform target)
-  target_link_libraries(${target} PRIVATE ${ORLA_PLATFORM_TARGETS} Threads::Threads)
-endfunction()
-
 # orla_program(<name> MAIN <source> DEPENDS …)
 function(orla_program name)
   cmake_parse_arguments(ARG "" "MAIN" "DEPENDS" ${ARGN})
   add_executable(${name} ${ARG_MAIN})
   target_link_libraries(${name} PRIVATE orla_options ${ARG_DEPENDS})
-  orla_link_platform(${name})
 endfunction()
 
 # orla_test(<name> SOURCES … DEPENDS …): one program, one entry of ctest, in the sandbox.
@@ -77,8 +71,8 @@ function(orla_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})  # platform/emulation/control.h
-  target_link_libraries(${name} PRIVATE orla_options ${ARG_DEPENDS} GTest::gmock GTest::gtest_main)
-  orla_link_platform(${name})
+  target_link_libraries(${name} PRIVATE orla_options ${ARG_DEPENDS} ${ORLA_PLATFORM_TARGETS}
+                        GTest::gmock GTest::gtest_main)
   add_test(NAME ${name} COMMAND ${ORLA_SANDBOX} --quiet -- $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)
 endfunction()
@@ -99,5 +93,4 @@ function(orla_fuzzer source module)
     return()
   endif()
   target_link_libraries(${name} PRIVATE orla_options ${module})
-  orla_link_platform(${name})
 endfunction()

@@ -10,6 +10,7 @@
 #include "daemon/ide_common_util.h"
 #include "daemon/ide_daemon_hdc.h"
 #include "daemon/ide_platform_util.h"
+#include "file_service/velt_get_file_server.h"
 #include "hdc/log_side.h"
 #include "log/hdclog_device_init.h"
 
@@ -51,6 +52,7 @@ void RegisterComponents() {
     IdeRegisterComponent(kSlotHdc, {IdeDaemonHdcInit, IdeDaemonHdcDestroy, nullptr, nullptr});
     IdeRegisterComponent(kSlotLog,
                          {IdeDeviceLogInit, IdeDeviceLogDestroy, nullptr, IdeDeviceLogProcess});
+    IdeRegisterComponent(kSlotFileServer, {VeltGetFileServerStart, nullptr, nullptr, nullptr});
 }
 
 // A peer that vanishes while it is written to is an error of that write, not the end of all.
@@ -77,6 +79,7 @@ int Start() {
 
 void Stop(SingleInstanceLock& lock) {
     IdeComponentsDestroy();
+    VeltGetFileServerStop();
     IDE_LOGI("Components Destroy success.");
     mmSACleanup();
     IDE_LOGI("SACleanup success.");

@@ -57,15 +57,19 @@ protected:
 
     void TearDown() override {
         orla::control::ClearFaults();
-        IdeDaemonHdcRequestStop();
-        if (loop_.joinable()) {
-            loop_.join();
-        }
-        EXPECT_EQ(0, IdeDaemonHdcDestroy());
+        Stop();
         IdeComponentsDestroy();
         orla::control::StopLogCapture();
         orla::control::Reset();
         EXPECT_EQ(0u, orla::control::CountLiveHandles().servers);
+    }
+
+    void Stop() {
+        if (loop_.joinable()) {
+            IdeDaemonHdcRequestStop();
+            loop_.join();
+        }
+        EXPECT_EQ(0, IdeDaemonHdcDestroy());
     }
 
     static void Inject(const char* call, int result, int64_t count = 1) {
@@ -131,9 +135,7 @@ TEST_F(RequestLoop, ADeviceThatIsNotReadyIsTriedAgainAndAStopDoesNotWait) {
     ASSERT_TRUE(
         WaitForWords("logDevId 0 phyDevId 1000 hdc not ready, sleep 5000 milliseconds and retry"));
     const auto start = std::chrono::steady_clock::now();
-    IdeDaemonHdcRequestStop();
-    loop_.join();
-    EXPECT_EQ(0, IdeDaemonHdcDestroy());
+    Stop();
     EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
 
