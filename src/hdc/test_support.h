@@ -1,78 +1,48 @@
-// For unit tests of any module: what the code under test logs, and a thread as small as those of
-// the daemon. Including this header replaces the device log of the whole test program: lines are
-// kept while a LogCapture lives, and dropped at other times.
+// For the unit tests of any module: what the code under test logs, and a thread as small as those
+// of the daemon.
 #pragma once
 
-#include <device_log.h>
 #include <portability.h>
 
-#include <cstdarg>
-#include <cstdio>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "platform/emulation/control.h"
+
 namespace orla::test {
 
-struct CapturedLog {
-    std::mutex mutex;
-    bool active = false;  // guarded by mutex, as is what follows
-    std::vector<std::string> lines;
-};
-inline CapturedLog& TheLog() {
-    static CapturedLog log;
-    return log;
-}
-
-// One line as it is kept: a letter for the level and the text behind the prefix of its side.
-__attribute__((format(printf, 2, 0))) inline void KeepLine(char level, const char* format,
-                                                           va_list arguments) {
-    char text[2048];
-    vsnprintf(text, sizeof(text), format, arguments);
-    std::string line(text);
-    const size_t mark = line.find(">>> ");
-    line.erase(0, mark == std::string::npos ? 0 : mark + 4);
-    if (line.rfind("(tid:", 0) == 0) {
-        line.erase(0, line.find(") ") + 2);
-    }
-    if (!line.empty() && line.back() == '\n') {
-        line.pop_back();
-    }
-    const std::lock_guard<std::mutex> lock(TheLog().mutex);
-    if (TheLog().active) {
-        TheLog().lines.push_back(std::string(1, level) + " " + line);
-    }
-}
-
-// Collects lines from its construction on. One at a time.
+// Collects lines of all levels from its construction on. One at a time.
 class LogCapture {
 public:
-    LogCapture() { Reset(true); }
-    ~LogCapture() { Reset(false); }
+    LogCapture() { control::SetLogLevel(control::LogLevel::kDebug); }
+    ~LogCapture() { control::SetLogLevel(control::LogLevel::kInfo); }
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    // "E text", "W text", "I text", "D text" or "V text" (event), in their order, and forgets
-    // them. Only levels named in `levels`.
+    // "E text", "W text", "I text", "D text" or "V text" (event), without the prefix of their
+    // side, in their order, and forgets them. Only those whose letter is in `levels`.
     std::vector<std::string> Take(const std::string& levels = "EWIDV") {
         std::vector<std::string> taken;
-        const std::lock_guard<std::mutex> lock(TheLog().mutex);
-        for (std::string& line : TheLog().lines) {
-            if (levels.find(line[0]) != std::string::npos) {
-                taken.push_back(std::move(line));
+        for (const control::LogLine& line : control::CapturedLines()) {
+            const char letter = "DIWEV"[static_cast<int>(line.level)];
+            if (levels.find(letter) != std::string::npos) {
+                taken.push_back(std::string{letter, ' '} + WithoutPrefix(line.text));
             }
         }
-        TheLog().lines.clear();
+        control::StartLogCapture();
         return taken;
     }
 
 private:
-    static void Reset(bool active) {
-        const std::lock_guard<std::mutex> lock(TheLog().mutex);
-        TheLog().active = active;
-        TheLog().lines.clear();
+    static std::string WithoutPrefix(const std::string& text) {
+        const size_t mark = text.find(">>> ");
+        const size_t start = mark == std::string::npos ? 0 : mark + 4;
+        const bool namesThread = text.compare(start, 5, "(tid:") == 0;
+        return text.substr(namesThread ? text.find(") ", start) + 2 : start);
     }
+
+    control::LogCapture capture_;
 };
 
 // Runs `body` on a thread with the stack of the daemon's threads and waits for its end. False
@@ -93,21 +63,3 @@ private:
 }
 
 }  // namespace orla::test
-
-#define ORLA_TEST_LOG_WRITER(name, level)                                    \
-    extern "C" __attribute__((used, format(printf, 2, 3))) inline void name( \
-        int /*module*/, const char* format, ...) {                           \
-        va_list arguments;                                                   \
-        va_start(arguments, format);                                         \
-        orla::test::KeepLine(level, format, arguments);                      \
-        va_end(arguments);                                                   \
-    }
-ORLA_TEST_LOG_WRITER(DlogErrorInner, 'E')
-ORLA_TEST_LOG_WRITER(DlogWarnInner, 'W')
-ORLA_TEST_LOG_WRITER(DlogInfoInner, 'I')
-ORLA_TEST_LOG_WRITER(DlogDebugInner, 'D')
-ORLA_TEST_LOG_WRITER(DlogEventInner, 'V')
-#undef ORLA_TEST_LOG_WRITER
-extern "C" __attribute__((used)) inline int CheckLogLevel(int /*module*/, int /*level*/) {
-    return 1;
-}

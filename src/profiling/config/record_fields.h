@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <limits>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
 #include <string>
 #include <type_traits>
 #include <variant>
@@ -19,23 +18,35 @@ namespace analysis::nedra::message {
 template <typename T>
 using AbsentValue = std::conditional_t<std::is_same_v<T, std::string>, const char*, T>;
 
-// A JSON value as the type of its field. Throws for any other type and for an integer that the
-// field cannot hold: booleans and fractions are no integers, although the library converts them.
-template <typename T>
-T TakeValue(const nlohmann::json& value) {
-    if constexpr (std::is_same_v<T, std::string>) {
-        return value.get_ref<const std::string&>();
-    } else {
-        using Limits = std::numeric_limits<T>;
-        const auto number = value.get_ref<const nlohmann::json::number_integer_t&>();
-        const bool fits = value.is_number_unsigned()
-                              ? value.get<uint64_t>() <= uint64_t{Limits::max()}
-                              : number >= int64_t{Limits::min()} && number < 0;
-        if (!fits) {
-            throw std::out_of_range("integer " + value.dump() + " does not fit its field");
-        }
-        return value.get<T>();
+// Takes a JSON value as the type of its field. False for any other type and for an integer that
+// the field cannot hold: booleans and fractions are no integers, although the library converts
+// them.
+inline bool TakeValue(const nlohmann::json& value, std::string& out) {
+    const auto* text = value.get_ptr<const std::string*>();
+    if (text != nullptr) {
+        out = *text;
     }
+    return text != nullptr;
+}
+
+template <typename Integer>
+bool TakeValue(const nlohmann::json& value, Integer& out) {
+    using Limits = std::numeric_limits<Integer>;
+    const bool fits = value.is_number_unsigned()
+                          ? value.get<uint64_t>() <= uint64_t{Limits::max()}
+                          : value.is_number_integer() && value.get<int64_t>() < 0 &&
+                                value.get<int64_t>() >= int64_t{Limits::min()};
+    if (fits) {
+        out = value.get<Integer>();
+    }
+    return fits;
+}
+
+[[noreturn]] inline void RefuseValue(const char* what, const nlohmann::json& value) {
+    constexpr int kTypeMismatch = 302;  // the library's number for it
+    throw nlohmann::json::type_error::create(
+        kTypeMismatch, std::string(what) + " has a wrong type or range: " + value.type_name(),
+        &value);
 }
 
 template <typename Record>
@@ -51,7 +62,16 @@ public:
 
     void Read(const nlohmann::json::object_t& object, Record& record) const {
         const auto found = object.find(key_);
-        std::visit([&](const auto& slot) { slot.Read(found, object.end(), record); }, slot_);
+        std::visit(
+            [&](const auto& slot) {
+                auto& member = record.*slot.member;
+                if (found == object.end()) {
+                    member = slot.absent;
+                } else if (!TakeValue(found->second, member)) {
+                    RefuseValue(key_, found->second);
+                }
+            },
+            slot_);
     }
 
     bool IsSame(const Record& left, const Record& right) const {
@@ -64,11 +84,6 @@ private:
     struct Slot {
         T Record::*member;
         AbsentValue<T> absent;
-
-        template <typename Iterator>
-        void Read(Iterator found, Iterator end, Record& record) const {
-            record.*member = found == end ? T{absent} : TakeValue<T>(found->second);
-        }
     };
 
     const char* key_;
@@ -83,13 +98,17 @@ void WriteFields(const RecordField<Record> (&fields)[N], const Record& record,
     }
 }
 
-// Fields are read in the order of the table. Throws as TakeValue, and for what is no object.
+// Fields are read in the order of the table. Throws the library's type error for a value that its
+// field does not take, and for what is no object.
 template <typename Record, size_t N>
 void ReadFields(const RecordField<Record> (&fields)[N], const nlohmann::json& object,
                 Record& record) {
-    const auto& members = object.get_ref<const nlohmann::json::object_t&>();
+    const auto* members = object.get_ptr<const nlohmann::json::object_t*>();
+    if (members == nullptr) {
+        RefuseValue("the record", object);
+    }
     for (const auto& field : fields) {
-        field.Read(members, record);
+        field.Read(*members, record);
     }
 }
 
