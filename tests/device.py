@@ -48,9 +48,12 @@ class Device:
         return program
 
     def daemon(self):
-        """The daemon, started and listening on its request service."""
+        """The daemon, started once more and listening on its request service."""
+        words = "phyDevId:0 create HDC server successfully"
+        before = sum(words in line for line in self.lines())
         program = self.start(BIN / "orla")
-        wait_for(lambda: program.poll() is not None or self.listens(), "listening daemon")
+        wait_for(lambda: program.poll() is not None
+                 or sum(words in line for line in self.lines()) > before, "listening daemon")
         assert program.poll() is None, program.stdout.read()
         return program
 

@@ -276,7 +276,7 @@ int FindDevices(std::vector<uint32_t>& ids, uint32_t* count) {
         }
         mmSleep(kDiscoveryPauseMs);
     }
-    return Ctrl().stopRequested.load() ? 0 : ret;
+    return ret;
 }
 
 void NotifyDeviceUp(uint32_t count, const uint32_t* ids) {
@@ -403,6 +403,9 @@ int32_t IdeDaemonHdcInit() {
     std::vector<uint32_t> ids(kMaxDevices, 0);
     uint32_t count = 0;
     const int ret = FindDevices(ids, &count);
+    if (Ctrl().stopRequested.load()) {
+        return 0;  // the start is over before it began; that is no failure of it
+    }
     if (ret != 0) {
         return ret;
     }
