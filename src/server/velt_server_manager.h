@@ -53,12 +53,16 @@ public:
     void Release();
 
 private:
+    using ServerMap = std::map<std::string, int64_t>;  // device id to server
+
     void Round(std::vector<VeltEvent>& events);
     void HandleEvent(const VeltEvent& event);
     void Accept(const VeltEvent& event);
     void RefreshDevices();
-    void OpenNewServers(const std::vector<std::string>& devices);
+    void OpenNewServers(const DeviceList& devices);
     void CloseSuspendedServers(VeltDevice& devices);
+    void AcceptFailed(int64_t handle);
+    void DropServer(ServerMap::iterator server);
     bool OpenServer(const CommOptions& options);
     bool CloseServer(int64_t handle);
     bool Listen(int64_t handle);
@@ -71,10 +75,13 @@ private:
     std::unique_ptr<VeltEpoll> epoll_;
     const std::shared_ptr<VeltSessions> sessions_ = std::make_shared<VeltSessions>();
 
-    std::map<std::string, int64_t> servers_;  // device id to server; the manager's thread
-    uint32_t emptyRounds_ = 0;                // the manager's thread
-    bool accepted_ = false;                   // the manager's thread: in this round
-    std::atomic<bool> waitOver_{true};        // false while Run is in its loop
+    // Touched by the manager's thread alone while it runs.
+    ServerMap servers_;
+    std::map<int64_t, uint32_t> failedAccepts_;  // in a row, by server
+    uint32_t emptyRounds_ = 0;                   // in a row: events, but no session
+    bool accepted_ = false;                      // in this round
+
+    std::atomic<bool> waitOver_{true};  // false while Run is in its loop
 
     std::mutex holdMutex_;
     std::condition_variable released_;

@@ -2,7 +2,6 @@
 
 #include <portability.h>
 
-#include <chrono>
 #include <exception>
 #include <new>
 #include <utility>
@@ -11,12 +10,6 @@
 #include "server/velt_comm_opt_manager.h"
 
 namespace Velt {
-
-namespace {
-
-constexpr auto kThreadsEnd = std::chrono::seconds(5);
-
-}  // namespace
 
 bool VeltSessions::AddComponent(std::unique_ptr<VeltComponent> component) {
     if (component == nullptr) {
@@ -50,18 +43,31 @@ VeltComponent* VeltSessions::FindComponent(int32_t type) {
 // ---- The manager's thread --------------------------------------------------------------------
 
 void VeltSessions::Take(const CommHandle& session) {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        open_.insert(session.value);
-    }
-    if (!queue_.Push(static_cast<unsigned long>(session.value))) {
-        return;  // End closes it
+    try {
+        {
+            const std::lock_guard<std::mutex> lock(mutex_);
+            open_.insert(session.value);
+        }
+        if (!queue_.Push(static_cast<unsigned long>(session.value))) {
+            return;  // End closes it
+        }
+    } catch (const std::bad_alloc&) {
+        Refuse(session);
+        return;
     }
     if (!StartThread()) {
         IDE_LOGE("creare commponent process thread failed, strerror is %s",
                  SystemErrorText().c_str());
         ++unserved_;
     }
+}
+
+void VeltSessions::Refuse(CommHandle session) {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        open_.erase(session.value);
+    }
+    VeltCommOptManager::instance().Close(session);
 }
 
 bool VeltSessions::StartMissingThreads() {
@@ -196,7 +202,7 @@ void VeltSessions::End() {
     CloseAll();
     {
         std::unique_lock<std::mutex> lock(mutex_);
-        if (!threadsChanged_.wait_for(lock, kThreadsEnd, [this] { return threads_ == 0; })) {
+        if (!threadsChanged_.wait_for(lock, patience_, [this] { return threads_ == 0; })) {
             IDE_LOGW("%u session threads are still in their components", threads_);
             abandoned_ = true;
             return;

@@ -9,6 +9,7 @@
 // count.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <map>
 #include <memory>
@@ -22,6 +23,10 @@ namespace Velt {
 
 class VeltSessions : public std::enable_shared_from_this<VeltSessions> {
 public:
+    // `patience`: how long End waits for session threads.
+    explicit VeltSessions(std::chrono::milliseconds patience = std::chrono::seconds(5))
+        : patience_(patience) {}
+
     // ---- Before the first session, on any thread ----
 
     // The option that the sessions belong to.
@@ -44,7 +49,7 @@ public:
 
     // Wakes a Take that waits; nothing is taken any more.
     void Quit() { queue_.Quit(); }
-    // Closes all sessions and waits for their threads, for 5 s at most; then UnInit of all
+    // Closes all sessions and waits for their threads, but not for ever; then UnInit of all
     // components, which go. Threads that are still in a component by then keep them, and the
     // last one out does it. Called once, after Quit, when the manager's thread has ended.
     void End();
@@ -52,6 +57,7 @@ public:
 private:
     static void* SessionThread(void* share);
 
+    void Refuse(CommHandle session);
     bool StartThread();
     void ServeNext();
     void ServeRequest(const CommHandle& session);
@@ -63,6 +69,7 @@ private:
 
     static constexpr uint32_t kQueueCapacity = 256;
 
+    const std::chrono::milliseconds patience_;
     int32_t commOptType_ = kCommOptNone;  // constant once sessions come
     BoundQueue<unsigned long> queue_{kQueueCapacity};
     uint32_t unserved_ = 0;  // manager's thread alone: sessions in the queue without a thread
