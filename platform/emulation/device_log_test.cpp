@@ -1,0 +1,155 @@
+#include <device_log.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <thread>
+#include <vector>
+
+#include "control.h"
+
+namespace orla::emulation {
+namespace {
+
+using control::LogLevel;
+namespace fs = std::filesystem;
+
+class DeviceLogTest : public testing::Test {
+protected:
+    void SetUp() override {
+        char name[] = "/tmp/orla-log-XXXXXX";
+        ASSERT_NE(mkdtemp(name), nullptr);
+        directory_ = name;
+        setenv("ORLA_LOG_FILE", File().c_str(), 1);
+        control::Reset();
+    }
+    void TearDown() override {
+        unsetenv("ORLA_LOG_FILE");
+        unsetenv("ORLA_LOG_LEVEL");
+        control::Reset();
+        fs::remove_all(directory_);
+    }
+    [[nodiscard]] std::string File() const { return directory_ + "/device.log"; }
+    [[nodiscard]] std::vector<std::string> Lines() const {
+        std::vector<std::string> lines;
+        std::ifstream file(File());
+        for (std::string line; std::getline(file, line);) {
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    std::string directory_;
+};
+
+TEST_F(DeviceLogTest, LevelDecidesWhatIsWritten) {
+    struct Case {
+        const char* level;
+        const char* enabled;  // by CheckLogLevel, from 0 to 4 and -1
+        const char* written;  // debug, info, warning, error, event
+    };
+    for (const Case& one : {Case{"debug", "111100", "DIWEV"}, Case{"info", "011100", "IWEV"},
+                            Case{"", "011100", "IWEV"}, Case{"warning", "001100", "WEV"},
+                            Case{"error", "000100", "EV"}}) {
+        setenv("ORLA_LOG_LEVEL", one.level, 1);
+        control::Reset();
+        std::string enabled;
+        for (const int level : {0, 1, 2, 3, 4, -1}) {
+            enabled += static_cast<char>('0' + CheckLogLevel(31, level));
+        }
+        EXPECT_EQ(enabled, one.enabled) << one.level;
+        control::StartLogCapture();
+        DlogDebugInner(1, "D");
+        DlogInfoInner(1, "I");
+        DlogWarnInner(1, "W");
+        DlogErrorInner(1, "E");
+        DlogEventInner(1, "V");
+        std::string written;
+        for (const control::LogLine& line : control::CapturedLines()) {
+            written += line.text;
+        }
+        EXPECT_EQ(written, one.written) << one.level;
+    }
+}
+
+TEST_F(DeviceLogTest, TextIsAsFormatted) {
+    const std::string longText(5000, 'x');
+    {
+        const control::LogCapture capture;
+        DlogInfoInner(31, "[%s:%d] %s\n", "a.cpp", 7, "text");
+        DlogErrorInner(1, "two\nlines\n\n");
+        DlogEventInner(1, "%s", longText.c_str());
+        DlogWarnInner(1, "%s", "");
+        DlogWarnInner(1, "%.512s\n", longText.c_str());
+        const std::vector<control::LogLine> lines = control::CapturedLines();
+        ASSERT_EQ(lines.size(), 5U);
+        EXPECT_EQ(lines[0].module, 31);
+        EXPECT_EQ(lines[0].level, LogLevel::kInfo);
+        EXPECT_EQ(lines[0].text, "[a.cpp:7] text");
+        EXPECT_EQ(lines[1].text, "two\nlines\n");
+        EXPECT_EQ(lines[2].text, longText);
+        EXPECT_EQ(lines[3].text, "");
+        EXPECT_EQ(lines[4].text, longText.substr(0, 512));
+    }
+    EXPECT_EQ(Lines().size(), 0U);
+    DlogErrorInner(1, "two\nlines\r\n");
+    DlogAttr attributes = {};
+    attributes.pid = 4321;
+    EXPECT_EQ(DlogSetAttr(attributes), 0);
+    DlogEventInner(31, "%s\n", "event");
+    const std::vector<std::string> lines = Lines();
+    ASSERT_EQ(lines.size(), 2U);  // a record is a line, whatever its text
+    const std::string time = "\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{6} ";
+    EXPECT_TRUE(std::regex_match(lines[0], std::regex(time + "ERROR +" + std::to_string(getpid()) +
+                                                      " +1 two\\\\nlines\\\\r")))
+        << lines[0];
+    EXPECT_TRUE(std::regex_match(lines[1], std::regex(time + "EVENT +4321 31 event"))) << lines[1];
+}
+
+TEST_F(DeviceLogTest, FileIsBounded) {
+    const std::string text(64 << 10, 'x');
+    for (int i = 0; i < 700; ++i) {  // more than two files' worth
+        DlogErrorInner(1, "%d %s", i, text.c_str());
+    }
+    uintmax_t total = 0;
+    for (const auto& entry : fs::directory_iterator(directory_)) {
+        EXPECT_LE(entry.file_size(), 16U << 20);
+        total += entry.file_size();
+    }
+    EXPECT_GT(total, 16U << 20);
+    EXPECT_NE(Lines().back().find(" 699 xxx"), std::string::npos);
+}
+
+TEST_F(DeviceLogTest, UnusableFileGoesToStderr) {
+    setenv("ORLA_LOG_FILE", directory_.c_str(), 1);  // a directory
+    testing::internal::CaptureStderr();
+    control::Reset();
+    DlogErrorInner(1, "still told");
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("still told"), std::string::npos);
+}
+
+TEST_F(DeviceLogTest, ThreadsWriteWholeLinesAndWaitersSeeThem) {
+    const control::LogCapture capture;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([i] {
+            for (int n = 0; n < 100; ++n) {
+                DlogInfoInner(1, "%d of %d", n, i);
+            }
+        });
+    }
+    const auto isLast = [](const control::LogLine& line) { return line.text == "99 of 3"; };
+    EXPECT_TRUE(control::WaitForLine(isLast, std::chrono::seconds(20)));
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(control::CapturedLines().size(), 400U);
+    const auto never = [](const control::LogLine&) { return false; };
+    EXPECT_FALSE(control::WaitForLine(never, std::chrono::milliseconds(1)));
+}
+
+}  // namespace
+}  // namespace orla::emulation

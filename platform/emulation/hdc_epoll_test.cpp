@@ -1,0 +1,184 @@
+#include <algorithm>
+#include <atomic>
+#include <vector>
+
+#include "hdc_test_support.h"
+
+namespace orla::emulation {
+namespace {
+
+class HdcEpollTest : public HdcTest {
+protected:
+    using Events = std::vector<std::pair<uint64_t, uint32_t>>;  // data, bits
+    static constexpr uint32_t kAll =
+        HDC_EPOLL_CONN_IN | HDC_EPOLL_DATA_IN | HDC_EPOLL_SESSION_CLOSE;
+
+    void SetUp() override {
+        HdcTest::SetUp();
+        Listen();
+        ASSERT_EQ(drvHdcEpollCreate(128, &epoll_), 0);
+    }
+    void TearDown() override {
+        EXPECT_EQ(drvHdcEpollClose(epoll_), 0);
+        HdcTest::TearDown();
+    }
+    int Add(void* target, uint64_t data, uint32_t bits = kAll) {
+        const drvHdcEvent event = {bits, 0, data};
+        return drvHdcEpollCtl(epoll_, HDC_EPOLL_CTL_ADD, target, &event);
+    }
+    Events Wait(int timeout, int room = 8) {
+        std::vector<drvHdcEvent> events(static_cast<size_t>(room));
+        int count = -1;
+        EXPECT_EQ(drvHdcEpollWait(epoll_, events.data(), room, timeout, &count), 0);
+        Events found;
+        for (int i = 0; i < count; ++i) {
+            found.emplace_back(events[i].data, events[i].events);
+        }
+        std::sort(found.begin(), found.end());
+        return found;
+    }
+
+    drvHdcEpoll_t epoll_ = nullptr;
+};
+
+TEST_F(HdcEpollTest, ServerShowsOnlyWhenASessionCanBeHad) {
+    ASSERT_EQ(Add(server_, 11), 0);
+    const std::string hello = RawPeer::HelloBytes();
+    RawPeer peer(Path());
+    for (size_t i = 0; i < hello.size(); ++i) {
+        EXPECT_EQ(Wait(0), Events{}) << i;
+        ASSERT_TRUE(peer.Write(hello.substr(i, 1)));
+    }
+    RawPeer other(Path());
+    ASSERT_TRUE(other.Write(hello));
+    for (int sessions = 2; sessions > 0; --sessions) {
+        EXPECT_EQ(Wait(60000), (Events{{11, HDC_EPOLL_CONN_IN}}));
+        EXPECT_EQ(Wait(60000), (Events{{11, HDC_EPOLL_CONN_IN}}));  // level-triggered
+        EXPECT_EQ(drvHdcSessionClose(Accept()), 0);
+    }
+    EXPECT_EQ(Wait(0), Events{});
+    // A server that can only fail says so too, or nobody would look.
+    ASSERT_TRUE(control::SetDeviceState(0, control::DeviceState::kDown));
+    EXPECT_EQ(Wait(60000), (Events{{11, HDC_EPOLL_CONN_IN}}));
+}
+
+TEST_F(HdcEpollTest, SessionShowsDataThenTheEnd) {
+    const auto session = MakeSession();
+    ASSERT_EQ(Add(session.second, 22), 0);
+    EXPECT_EQ(Wait(20), Events{});
+    for (const char* bytes : {"a", "b"}) {
+        ASSERT_EQ(Send(session.first, bytes), 0);
+    }
+    EXPECT_EQ(Wait(60000), (Events{{22, HDC_EPOLL_DATA_IN}}));
+    EXPECT_EQ(Receive(session.second), (Received{0, "a"}));
+    EXPECT_EQ(Wait(60000), (Events{{22, HDC_EPOLL_DATA_IN}}));
+    EXPECT_EQ(drvHdcSessionClose(session.first), 0);
+    EXPECT_EQ(Wait(60000), (Events{{22, HDC_EPOLL_DATA_IN | HDC_EPOLL_SESSION_CLOSE}}));
+    EXPECT_EQ(Receive(session.second), (Received{0, "b"}));
+    EXPECT_EQ(Wait(60000), (Events{{22, HDC_EPOLL_SESSION_CLOSE}}));
+    EXPECT_EQ(drvHdcSessionClose(session.second), 0);
+    EXPECT_EQ(Wait(20), Events{});
+}
+
+// What a receive has read ahead is not in the socket any more, and shows nevertheless, also in
+// an array of one beside a session whose socket always has something.
+TEST_F(HdcEpollTest, DataThatWasReadAheadShows) {
+    const auto ahead = MakeSession();
+    const auto busy = MakeSession();
+    for (const char* bytes : {"a", "b", "c"}) {
+        ASSERT_EQ(Send(ahead.first, bytes), 0);
+    }
+    EXPECT_EQ(Receive(ahead.second), (Received{0, "a"}));
+    ASSERT_EQ(Send(busy.first, "x"), 0);
+    ASSERT_EQ(Add(ahead.second, 1), 0);
+    ASSERT_EQ(Add(busy.second, 2), 0);
+    EXPECT_EQ(Wait(60000), (Events{{1, HDC_EPOLL_DATA_IN}, {2, HDC_EPOLL_DATA_IN}}));
+    const Events first = Wait(60000, 1);
+    const Events second = Wait(60000, 1);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(Receive(ahead.second), (Received{0, "b"}));
+    EXPECT_EQ(Receive(ahead.second), (Received{0, "c"}));
+    EXPECT_EQ(Wait(0), (Events{{2, HDC_EPOLL_DATA_IN}}));
+    for (const drvHdcSession_t end : {ahead.first, ahead.second, busy.first, busy.second}) {
+        EXPECT_EQ(drvHdcSessionClose(end), 0);
+    }
+}
+
+TEST_F(HdcEpollTest, OnlyWhatWasAskedForShows) {
+    const auto session = MakeSession();
+    ASSERT_EQ(Add(session.second, 1, HDC_EPOLL_SESSION_CLOSE), 0);
+    EXPECT_NE(Add(session.second, 2), 0);     // it is in the set already
+    EXPECT_NE(Add(session.first, 2, 16), 0);  // no such event
+    ASSERT_EQ(Send(session.first, "a"), 0);
+    EXPECT_EQ(Wait(20), Events{});
+    EXPECT_EQ(drvHdcSessionClose(session.first), 0);
+    EXPECT_EQ(Wait(60000), (Events{{1, HDC_EPOLL_SESSION_CLOSE}}));
+    EXPECT_EQ(drvHdcEpollCtl(epoll_, HDC_EPOLL_CTL_DEL, session.second, nullptr), 0);
+    EXPECT_NE(drvHdcEpollCtl(epoll_, HDC_EPOLL_CTL_DEL, session.second, nullptr), 0);
+    EXPECT_EQ(Wait(0), Events{});
+    EXPECT_EQ(drvHdcSessionClose(session.second), 0);
+    EXPECT_NE(Add(session.second, 1), 0);
+    EXPECT_NE(Add(client_, 1), 0);
+    EXPECT_NE(Add(epoll_, 1), 0);
+}
+
+TEST_F(HdcEpollTest, CloseEndsAWaitOnAnotherThread) {
+    drvHdcEpoll_t other = nullptr;
+    ASSERT_EQ(drvHdcEpollCreate(1, &other), 0);
+    const auto calls = [] { return control::CallCount("drvHdcEpollWait"); };
+    const uint64_t before = calls();
+    std::thread waiter([&] {
+        drvHdcEvent event = {};
+        int count = 77;
+        EXPECT_NE(drvHdcEpollWait(other, &event, 1, -1, &count), 0);
+        EXPECT_EQ(count, 77);
+    });
+    EXPECT_TRUE(Eventually([&] { return calls() == before + 1; }));
+    EXPECT_EQ(drvHdcEpollClose(other), 0);
+    waiter.join();
+    EXPECT_NE(drvHdcEpollClose(other), 0);
+}
+
+// Sessions come and go on other threads while one waits: nothing is reported that was closed
+// before the wait began, nothing hangs, and the set ends up empty.
+TEST_F(HdcEpollTest, SetChangesUnderTheWait) {
+    ASSERT_EQ(Add(server_, 0), 0);
+    std::atomic<bool> stop{false};
+    std::atomic<int> served{0};
+    std::thread manager([&] {
+        while (!stop) {
+            for (const auto& [data, bits] : Wait(10)) {
+                if (data == 0 && (bits & HDC_EPOLL_CONN_IN) != 0) {
+                    const drvHdcSession_t session = Accept();
+                    EXPECT_EQ(Add(session, reinterpret_cast<uint64_t>(session)), 0);
+                } else if ((bits & HDC_EPOLL_DATA_IN) != 0) {
+                    const auto session = reinterpret_cast<drvHdcSession_t>(data);
+                    EXPECT_EQ(Receive(session), (Received{0, "hello"}));
+                    EXPECT_EQ(drvHdcSessionClose(session), 0);
+                    ++served;
+                }
+            }
+        }
+    });
+    std::vector<std::thread> hosts;
+    for (int i = 0; i < 4; ++i) {
+        hosts.emplace_back([&] {
+            for (int round = 0; round < 25; ++round) {
+                drvHdcSession_t session = nullptr;
+                ASSERT_EQ(drvHdcSessionConnect(0, 0, client_, &session), 0);
+                EXPECT_EQ(Send(session, "hello"), 0);
+                EXPECT_EQ(Receive(session).result, DRV_ERROR_SOCKET_CLOSE);
+                EXPECT_EQ(drvHdcSessionClose(session), 0);
+            }
+        });
+    }
+    for (std::thread& host : hosts) {
+        host.join();
+    }
+    EXPECT_TRUE(Eventually([&] { return served == 100; }));
+    stop = true;
+    manager.join();
+}
+
+}  // namespace
+}  // namespace orla::emulation

@@ -1,0 +1,253 @@
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <fstream>
+#include <vector>
+
+#include "hdc_test_support.h"
+
+namespace orla::emulation {
+namespace {
+
+using HdcServerTest = HdcTest;
+
+TEST_F(HdcServerTest, SilentClientsDelayNobody) {
+    Listen();
+    const std::string hello = RawPeer::HelloBytes();
+    std::vector<RawPeer> silent;
+    for (size_t i = 0; i < 200; ++i) {
+        silent.emplace_back(Path());
+        ASSERT_TRUE(silent.back().connected());
+        ASSERT_TRUE(i % 2 == 0 || silent.back().Write(hello.substr(0, i % 24)));
+    }
+    const auto start = std::chrono::steady_clock::now();
+    const auto session = MakeSession();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+    EXPECT_EQ(Send(session.first, "served"), 0);
+    EXPECT_EQ(Receive(session.second), (Received{0, "served"}));
+    // A greeting that goes on later is still taken.
+    ASSERT_TRUE(silent[0].Write(hello + RawPeer::Frame("late")));
+    const drvHdcSession_t late = Accept();
+    EXPECT_EQ(Receive(late), (Received{0, "late"}));
+    for (const drvHdcSession_t end : {session.first, session.second, late}) {
+        EXPECT_EQ(drvHdcSessionClose(end), 0);
+    }
+}
+
+TEST_F(HdcServerTest, FloodOfSilentClientsCostsTheOldestOnly) {
+    Listen();
+    std::vector<RawPeer> silent;
+    std::thread flood([&] {
+        for (size_t i = 0; i < 700; ++i) {
+            silent.emplace_back(Path());
+        }
+        RawPeer good(Path());
+        ASSERT_TRUE(good.Write(RawPeer::HelloBytes() + RawPeer::Frame("good")));
+        EXPECT_EQ(good.ReadToEnd(), "");
+    });
+    const drvHdcSession_t session = Accept();
+    EXPECT_EQ(Receive(session), (Received{0, "good"}));
+    EXPECT_EQ(drvHdcSessionClose(session), 0);
+    flood.join();
+    EXPECT_EQ(silent.front().ReadToEnd(), "");
+    EXPECT_TRUE(silent.back().Write("O"));
+}
+
+TEST_F(HdcServerTest, WrongHelloIsRefused) {
+    Listen();
+    const std::string good = RawPeer::HelloBytes();
+    std::vector<RawPeer> refused;
+    for (const size_t offset : {0, 3, 4, 7, 20, 23}) {
+        std::string hello = good;
+        hello[offset] ^= 0x10;
+        refused.emplace_back(Path());
+        ASSERT_TRUE(refused.back().Write(hello));
+    }
+    const auto session = MakeSession();  // the accept skips them all
+    for (const RawPeer& peer : refused) {
+        EXPECT_EQ(peer.ReadToEnd(), "");
+    }
+    EXPECT_EQ(drvHdcSessionClose(session.first), 0);
+    EXPECT_EQ(drvHdcSessionClose(session.second), 0);
+}
+
+TEST_F(HdcServerTest, DestroyAndLostDeviceWakeTheAccept) {
+    const auto accept = [this] {
+        drvHdcSession_t session = nullptr;
+        errno = 0;
+        EXPECT_NE(drvHdcSessionAccept(server_, &session), 0);
+        EXPECT_EQ(session, nullptr);
+        EXPECT_NE(errno, EINTR);
+        EXPECT_NE(errno, 0);
+    };
+    const auto blocked = [] { return control::CallCount("drvHdcSessionAccept"); };
+    for (const bool destroy : {true, false}) {
+        Listen();
+        const uint64_t before = blocked();
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 3; ++i) {
+            threads.emplace_back(accept);
+        }
+        EXPECT_TRUE(Eventually([&] { return blocked() == before + 3; }));
+        if (!destroy) {
+            EXPECT_TRUE(control::SetDeviceState(0, control::DeviceState::kDown));
+        }
+        const drvHdcServer_t server = server_;
+        if (destroy) {
+            EXPECT_EQ(drvHdcServerDestroy(server), 0);
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(drvHdcServerDestroy(server), destroy ? 4 : 0);
+        EXPECT_FALSE(std::filesystem::exists(Path()));
+    }
+    server_ = nullptr;
+}
+
+TEST_F(HdcServerTest, SignalInterruptsTheAccept) {
+    Listen();
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    struct sigaction before = {};
+    ASSERT_EQ(sigaction(SIGUSR1, &action, &before), 0);
+    std::atomic<bool> done{false};
+    std::thread acceptor([&] {
+        drvHdcSession_t session = nullptr;
+        errno = 0;
+        EXPECT_NE(drvHdcSessionAccept(server_, &session), 0);
+        EXPECT_EQ(errno, EINTR);
+        done = true;
+    });
+    EXPECT_TRUE(Eventually([&] {
+        pthread_kill(acceptor.native_handle(), SIGUSR1);
+        return done.load();
+    }));
+    acceptor.join();
+    sigaction(SIGUSR1, &before, nullptr);
+}
+
+TEST_F(HdcServerTest, SocketFileBelongsToWhoeverListens) {
+    drvHdcServer_t second = nullptr;
+    // One that a killed server left.
+    {
+        const int left = socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address = {};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, Path().c_str(), sizeof(address.sun_path) - 1);
+        ASSERT_EQ(bind(left, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        close(left);
+    }
+    Listen();
+    // A live one stays, and works on.
+    EXPECT_NE(drvHdcServerCreate(0, kService, &second), 0);
+    EXPECT_EQ(second, nullptr);
+    const auto session = MakeSession();
+    EXPECT_EQ(drvHdcSessionClose(session.first), 0);
+    EXPECT_EQ(drvHdcSessionClose(session.second), 0);
+    // When its file was taken away and another server listens, that one's file is left alone.
+    std::filesystem::remove(Path());
+    ASSERT_EQ(drvHdcServerCreate(0, kService, &second), 0);
+    EXPECT_EQ(drvHdcServerDestroy(server_), 0);
+    server_ = second;
+    EXPECT_TRUE(RawPeer(Path()).connected());
+    // What isn't a socket is never removed.
+    std::ofstream(directory_ + "/1.4") << "mine";
+    EXPECT_NE(drvHdcServerCreate(1, kService, &second), 0);
+    EXPECT_EQ(std::filesystem::file_size(directory_ + "/1.4"), 4U);
+}
+
+TEST_F(HdcServerTest, ServersThatStartTogetherAgreeOnOne) {
+    std::atomic<int> made{0};
+    std::vector<std::thread> threads;
+    std::vector<drvHdcServer_t> servers(8);
+    for (drvHdcServer_t& server : servers) {
+        threads.emplace_back([&] { made += drvHdcServerCreate(0, kService, &server) == 0; });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(made, 1);
+    for (const drvHdcServer_t server : servers) {
+        server_ = server != nullptr ? server : server_;
+    }
+}
+
+TEST_F(HdcServerTest, DirectoryIsMadeForTheOwnerAlone) {
+    const std::string runtime = directory_ + "/runtime";
+    const char* former = getenv("XDG_RUNTIME_DIR");
+    const std::string kept = former != nullptr ? former : "";
+    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
+    unsetenv("ORLA_HDC_DIR");
+    Listen();
+    struct stat made = {};
+    ASSERT_EQ(stat((runtime + "/orla/hdc/0.4").c_str(), &made), 0);
+    ASSERT_EQ(stat((runtime + "/orla/hdc").c_str(), &made), 0);
+    EXPECT_EQ(made.st_mode & 07777, 0700U);
+    setenv("ORLA_HDC_DIR", (directory_ + std::string(100, 'x')).c_str(), 1);
+    drvHdcServer_t other = nullptr;
+    EXPECT_NE(drvHdcServerCreate(1, kService, &other), 0);  // longer than a socket path may be
+    former != nullptr ? setenv("XDG_RUNTIME_DIR", kept.c_str(), 1) : unsetenv("XDG_RUNTIME_DIR");
+}
+
+TEST_F(HdcServerTest, DeviceThatIsNotReadyOrNotThere) {
+    drvHdcSession_t session = nullptr;
+    EXPECT_EQ(drvHdcSessionConnect(0, 0, client_, &session), DRV_ERROR_DEVICE_NOT_READY);
+    const int unknown = drvHdcServerCreate(7, kService, &server_);
+    EXPECT_TRUE(unknown != 0 && unknown != DRV_ERROR_DEVICE_NOT_READY);
+    ASSERT_TRUE(control::SetDeviceState(0, control::DeviceState::kNotReady));
+    EXPECT_EQ(drvHdcServerCreate(0, kService, &server_), DRV_ERROR_DEVICE_NOT_READY);
+    EXPECT_EQ(drvHdcSessionConnect(0, 0, client_, &session), DRV_ERROR_DEVICE_NOT_READY);
+    uint32_t count = 0;
+    EXPECT_EQ(drvGetDevNum(&count), 0);
+    EXPECT_EQ(count, 2U);
+    ASSERT_TRUE(control::SetDeviceState(0, control::DeviceState::kUp));
+    Listen();
+    const auto ends = MakeSession();
+    ASSERT_TRUE(control::SetDeviceState(0, control::DeviceState::kDown));
+    EXPECT_EQ(Receive(ends.first).result, DRV_ERROR_SOCKET_CLOSE);
+    EXPECT_EQ(Receive(ends.second).result, DRV_ERROR_SOCKET_CLOSE);
+    EXPECT_EQ(drvGetDevNum(&count), 0);
+    EXPECT_EQ(count, 1U);
+    EXPECT_EQ(drvHdcSessionClose(ends.first), 0);
+    EXPECT_EQ(drvHdcSessionClose(ends.second), 0);
+}
+
+TEST_F(HdcServerTest, ClientHasRoomForSoManySessions) {
+    Listen();
+    drvHdcClient_t small = nullptr;
+    ASSERT_EQ(drvHdcClientCreate(&small, 1, kService, 0), 0);
+    drvHdcSession_t first = nullptr;
+    drvHdcSession_t second = nullptr;
+    ASSERT_EQ(drvHdcSessionConnect(0, 0, small, &first), 0);
+    EXPECT_NE(drvHdcSessionConnect(0, 0, small, &second), 0);
+    EXPECT_EQ(drvHdcClientDestroy(small), DRV_ERROR_CLIENT_BUSY);
+    EXPECT_EQ(drvHdcSessionClose(first), 0);
+    EXPECT_EQ(drvHdcSessionConnect(0, 0, small, &second), 0);
+    EXPECT_EQ(drvHdcSessionClose(second), 0);
+    EXPECT_EQ(drvHdcClientDestroy(small), 0);
+}
+
+TEST_F(HdcServerTest, ShortageOfDescriptorsPasses) {
+    Listen();
+    drvHdcSession_t host = nullptr;
+    ASSERT_EQ(drvHdcSessionConnect(0, 0, client_, &host), 0);
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    const rlimit none = {OpenDescriptors() - 1, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    drvHdcSession_t device = nullptr;
+    const uint64_t calls = control::CallCount("drvHdcSessionAccept");
+    std::thread acceptor([&] { device = Accept(); });
+    EXPECT_TRUE(Eventually([&] { return control::CallCount("drvHdcSessionAccept") == calls + 1; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    acceptor.join();
+    EXPECT_EQ(drvHdcSessionClose(host), 0);
+    EXPECT_EQ(drvHdcSessionClose(device), 0);
+}
+
+}  // namespace
+}  // namespace orla::emulation

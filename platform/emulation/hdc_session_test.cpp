@@ -1,0 +1,380 @@
+#include <poll.h>
+
+#include <atomic>
+#include <vector>
+
+#include "hdc_test_support.h"
+
+namespace orla::emulation {
+namespace {
+
+class HdcSessionTest : public HdcTest {
+protected:
+    void SetUp() override {
+        HdcTest::SetUp();
+        Listen();
+    }
+    void Close(std::pair<drvHdcSession_t, drvHdcSession_t> session) {
+        EXPECT_EQ(drvHdcSessionClose(session.first), 0);
+        EXPECT_EQ(drvHdcSessionClose(session.second), 0);
+    }
+};
+
+TEST_F(HdcSessionTest, BuffersArriveWholeAndInOrderInBothDirections) {
+    const auto session = MakeSession();
+    // Around the read-ahead buffer and its header, and up to the maximum.
+    const std::vector<size_t> sizes = {1,    2,    4088,  4089,  4091,        4092,        4093,
+                                       4096, 4097, 65536, 70000, kMaxSegment, kMaxSegment, 1};
+    std::thread echo([&] {
+        for (size_t i = 0; i < 3 * sizes.size(); ++i) {
+            const Received received = Receive(session.second);
+            EXPECT_EQ(Send(session.second, received.bytes), 0);
+        }
+    });
+    std::thread source([&] {
+        for (size_t i = 0; i < 3 * sizes.size(); ++i) {
+            EXPECT_EQ(Send(session.first, Pattern(sizes[i % sizes.size()], i)), 0);
+        }
+    });
+    for (size_t i = 0; i < 3 * sizes.size(); ++i) {
+        EXPECT_EQ(Receive(session.first), (Received{0, Pattern(sizes[i % sizes.size()], i)})) << i;
+    }
+    source.join();
+    echo.join();
+    Close(session);
+}
+
+TEST_F(HdcSessionTest, SessionsRunSideBySide) {
+    constexpr int kSessions = 6;
+    constexpr int kRounds = 200;
+    std::vector<std::thread> threads;
+    std::atomic<int> wrong{0};
+    for (int s = 0; s < kSessions; ++s) {
+        const auto session = MakeSession();
+        threads.emplace_back([&, session, s] {
+            for (int i = 0; i < kRounds; ++i) {
+                wrong += Send(session.first, Pattern(static_cast<size_t>(i * 97 + 1), i + s)) != 0;
+            }
+        });
+        threads.emplace_back([&, session, s] {
+            for (int i = 0; i < kRounds; ++i) {
+                const auto wanted = Pattern(static_cast<size_t>(i * 97 + 1), i + s);
+                wrong += !(Receive(session.second) == Received{0, wanted});
+            }
+            wrong += drvHdcSessionClose(session.second) != 0;
+            wrong += Receive(session.first).result != DRV_ERROR_SOCKET_CLOSE;
+            wrong += drvHdcSessionClose(session.first) != 0;
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(wrong, 0);
+}
+
+TEST_F(HdcSessionTest, CloseWakesWhoeverIsBlocked) {
+    for (const bool byPeer : {false, true}) {
+        for (const uint64_t flag : {HDC_FLAG_WAIT, HDC_FLAG_TIMEOUT}) {
+            const auto session = MakeSession();
+            std::thread receiver([&] {
+                EXPECT_EQ(Receive(session.first, flag, 60000).result, DRV_ERROR_SOCKET_CLOSE);
+            });
+            std::atomic<int> sent{0};
+            std::thread sender([&] {
+                const std::string bytes = Pattern(kMaxSegment, 0);
+                int result = 0;
+                while ((result = Send(session.first, bytes)) == 0) {
+                    ++sent;
+                }
+                EXPECT_EQ(result, DRV_ERROR_SOCKET_CLOSE);
+            });
+            // Blocked: neither has come further for a while.
+            int seen = 0;
+            EXPECT_TRUE(Eventually([&] {
+                const int before = std::exchange(seen, sent.load());
+                std::this_thread::sleep_for(std::chrono::milliseconds(50));
+                return sent > 0 && sent == before;
+            }));
+            EXPECT_EQ(drvHdcSessionClose(byPeer ? session.second : session.first), 0);
+            sender.join();
+            receiver.join();
+            EXPECT_EQ(drvHdcSessionClose(byPeer ? session.first : session.second), 0);
+        }
+    }
+}
+
+TEST_F(HdcSessionTest, NothingToReceiveIsToldByTheFlag) {
+    const auto session = MakeSession();
+    EXPECT_EQ(Receive(session.second, HDC_FLAG_NOWAIT).result, DRV_ERROR_NON_BLOCK);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Receive(session.second, HDC_FLAG_TIMEOUT, 50).result, DRV_ERROR_WAIT_TIMEOUT);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(50));
+    EXPECT_EQ(Receive(session.second, HDC_FLAG_TIMEOUT, 0).result, DRV_ERROR_WAIT_TIMEOUT);
+    EXPECT_EQ(Send(session.first, "abc"), 0);
+    EXPECT_EQ(Receive(session.second, HDC_FLAG_TIMEOUT, 60000), (Received{0, "abc"}));
+    // What was sent before the close comes first, and then the close, again and again.
+    EXPECT_EQ(Send(session.first, "last"), 0);
+    EXPECT_EQ(drvHdcSessionClose(session.first), 0);
+    EXPECT_EQ(Receive(session.second, HDC_FLAG_NOWAIT), (Received{0, "last"}));
+    for (const uint64_t flag : {HDC_FLAG_WAIT, HDC_FLAG_NOWAIT, HDC_FLAG_TIMEOUT}) {
+        EXPECT_EQ(Receive(session.second, flag).result, DRV_ERROR_SOCKET_CLOSE);
+    }
+    EXPECT_EQ(Send(session.second, "into the void"), DRV_ERROR_SOCKET_CLOSE);
+    EXPECT_EQ(drvHdcSessionClose(session.second), 0);
+}
+
+TEST_F(HdcSessionTest, SendingWithoutWaitingLeavesNoHalfFrame) {
+    for (const size_t size : {size_t{1000}, size_t{100000}, size_t{kMaxSegment}}) {
+        const auto session = MakeSession();
+        size_t sent = 0;
+        int result = 0;
+        while ((result = Send(session.first, Pattern(size, sent), HDC_FLAG_NOWAIT)) == 0) {
+            ++sent;
+        }
+        EXPECT_EQ(result, DRV_ERROR_NON_BLOCK);
+        EXPECT_GE(sent, 1U);
+        for (size_t i = 0; i < sent; ++i) {
+            ASSERT_EQ(Receive(session.second), (Received{0, Pattern(size, i)})) << i;
+        }
+        EXPECT_EQ(Send(session.first, "after"), 0);
+        EXPECT_EQ(Receive(session.second), (Received{0, "after"}));
+        Close(session);
+    }
+}
+
+TEST_F(HdcSessionTest, PeerKilledAtAnyByte) {
+    const std::string hello = RawPeer::HelloBytes();
+    const std::string first = RawPeer::Frame("abc");
+    const std::string stream = hello + first + RawPeer::Frame("de");
+    for (size_t cut = 0; cut <= stream.size(); ++cut) {
+        {
+            RawPeer peer(Path());
+            ASSERT_TRUE(peer.Write(stream.substr(0, cut)));
+        }
+        if (cut < hello.size()) {
+            continue;  // never becomes a session; the next accept proves it
+        }
+        const drvHdcSession_t session = Accept();
+        if (cut >= hello.size() + first.size()) {
+            EXPECT_EQ(Receive(session), (Received{0, "abc"})) << cut;
+        }
+        if (cut == stream.size()) {
+            EXPECT_EQ(Receive(session), (Received{0, "de"}));
+        }
+        EXPECT_EQ(Receive(session).result, DRV_ERROR_SOCKET_CLOSE) << cut;
+        EXPECT_EQ(Receive(session, HDC_FLAG_NOWAIT).result, DRV_ERROR_SOCKET_CLOSE) << cut;
+        EXPECT_EQ(drvHdcSessionClose(session), 0);
+    }
+}
+
+TEST_F(HdcSessionTest, StreamThatComesByteByByte) {
+    for (const uint64_t flag : {HDC_FLAG_WAIT, HDC_FLAG_NOWAIT, HDC_FLAG_TIMEOUT}) {
+        RawPeer peer(Path());
+        const std::string stream =
+            RawPeer::HelloBytes() + RawPeer::Frame("abc") + RawPeer::Frame("d");
+        std::thread dripping([&] {
+            for (const char byte : stream) {
+                ASSERT_TRUE(peer.Write(std::string(1, byte)));
+                std::this_thread::yield();
+            }
+        });
+        const drvHdcSession_t session = Accept();
+        for (const char* wanted : {"abc", "d"}) {
+            Received received;
+            do {
+                received = Receive(session, flag, 1);
+            } while (received.result == DRV_ERROR_NON_BLOCK ||
+                     received.result == DRV_ERROR_WAIT_TIMEOUT);
+            EXPECT_EQ(received, (Received{0, wanted}));
+        }
+        dripping.join();
+        EXPECT_EQ(drvHdcSessionClose(session), 0);
+    }
+}
+
+TEST_F(HdcSessionTest, LyingFrameLengthEndsTheSession) {
+    for (const uint32_t length : {0U, kMaxSegment + 1, 0xFFFFFFFFU}) {
+        RawPeer peer(Path());
+        ASSERT_TRUE(peer.Write(RawPeer::HelloBytes() + RawPeer::Frame("abc") +
+                               RawPeer::Length(length) + "rest"));
+        const drvHdcSession_t session = Accept();
+        EXPECT_EQ(Receive(session), (Received{0, "abc"}));
+        const int result = Receive(session).result;
+        EXPECT_TRUE(result != 0 && result != DRV_ERROR_SOCKET_CLOSE &&
+                    result != DRV_ERROR_NON_BLOCK && result != DRV_ERROR_WAIT_TIMEOUT)
+            << result;
+        EXPECT_EQ(Receive(session).result, DRV_ERROR_SOCKET_CLOSE);
+        EXPECT_EQ(Send(session, "x"), DRV_ERROR_SOCKET_CLOSE);
+        EXPECT_EQ(peer.ReadToEnd(), "");
+        EXPECT_EQ(drvHdcSessionClose(session), 0);
+    }
+}
+
+TEST_F(HdcSessionTest, SizeLimitsOneReceiveAndLosesNothing) {
+    const auto session = MakeSession();
+    EXPECT_EQ(Send(session.first, "12345"), 0);
+    EXPECT_EQ(Send(session.first, "6"), 0);
+    const int refused = Receive(session.second, HDC_FLAG_WAIT, 0, 4).result;
+    EXPECT_TRUE(refused != 0 && refused != DRV_ERROR_SOCKET_CLOSE) << refused;
+    EXPECT_EQ(Receive(session.second, HDC_FLAG_WAIT, 0, 5), (Received{0, "12345"}));
+    EXPECT_EQ(Receive(session.second, HDC_FLAG_WAIT, 0, 1), (Received{0, "6"}));
+    Close(session);
+}
+
+TEST_F(HdcSessionTest, MessageOfSeveralBuffers) {
+    const auto session = MakeSession();
+    drvHdcMsg_t message = nullptr;
+    ASSERT_EQ(drvHdcAllocMsg(session.first, &message, 2), 0);
+    std::string one = "one";
+    std::string two = "twotwo";
+    EXPECT_NE(halHdcSend(session.first, message, HDC_FLAG_WAIT, 0), 0);  // still empty
+    EXPECT_EQ(drvHdcAddMsgBuffer(message, one.data(), 3), 0);
+    EXPECT_EQ(drvHdcAddMsgBuffer(message, two.data(), 6), 0);
+    EXPECT_NE(drvHdcAddMsgBuffer(message, two.data(), 6), 0);  // full
+    EXPECT_EQ(halHdcSend(session.first, message, HDC_FLAG_WAIT, 0), 0);
+    EXPECT_EQ(drvHdcReuseMsg(message), 0);
+    for (const auto& [buffer, length] : {std::pair<char*, int>{one.data(), 0},
+                                         {one.data(), -1},
+                                         {one.data(), kMaxSegment + 1},
+                                         {nullptr, 1}}) {
+        EXPECT_NE(drvHdcAddMsgBuffer(message, buffer, length), 0) << length;
+    }
+    EXPECT_EQ(drvHdcFreeMsg(message), 0);
+    EXPECT_EQ(Receive(session.second), (Received{0, "one"}));
+    EXPECT_EQ(Receive(session.second), (Received{0, "twotwo"}));
+    Close(session);
+}
+
+// Every operation refuses every handle that isn't a live one of its kind.
+TEST_F(HdcSessionTest, HandlesAreLookedUpNeverFollowed) {
+    const auto session = MakeSession();
+    drvHdcMsg_t message = nullptr;
+    ASSERT_EQ(drvHdcAllocMsg(session.first, &message, 1), 0);
+    std::string bytes = "x";
+    ASSERT_EQ(drvHdcAddMsgBuffer(message, bytes.data(), 1), 0);
+    EXPECT_NE(halHdcSend(session.second, message, HDC_FLAG_WAIT, 0), 0);  // of the other session
+    Close(session);
+
+    int number = 0;
+    char* buffer = nullptr;
+    std::vector<void*> strange = {session.first, message,
+                                  client_,       server_,
+                                  nullptr,       reinterpret_cast<void*>(-1),
+                                  &number,       reinterpret_cast<void*>(0x123456789ABCULL)};
+    for (void* handle : strange) {
+        EXPECT_NE(drvHdcSessionClose(handle), 0);
+        EXPECT_NE(drvHdcSetSessionReference(handle), 0);
+        EXPECT_NE(halHdcGetSessionAttr(handle, HDC_SESSION_ATTR_DEV_ID, &number), 0);
+        EXPECT_NE(halHdcSend(handle, message, HDC_FLAG_WAIT, 0), 0);
+        EXPECT_NE(halHdcRecv(handle, message, 0, HDC_FLAG_WAIT, &number, 0), 0);
+        EXPECT_NE(drvHdcAllocMsg(handle, &message, 1), 0);
+        if (handle != message) {
+            EXPECT_NE(drvHdcFreeMsg(handle), 0);
+            EXPECT_NE(drvHdcReuseMsg(handle), 0);
+            EXPECT_NE(drvHdcAddMsgBuffer(handle, bytes.data(), 1), 0);
+            EXPECT_NE(drvHdcGetMsgBuffer(handle, 0, &buffer, &number), 0);
+        }
+        if (handle != server_) {
+            EXPECT_NE(drvHdcServerDestroy(handle), 0);
+            EXPECT_NE(drvHdcSessionAccept(handle, &handle), 0);
+        }
+        if (handle != client_) {
+            EXPECT_NE(drvHdcClientDestroy(handle), 0);
+            EXPECT_NE(drvHdcSessionConnect(0, 0, handle, &handle), 0);
+        }
+    }
+    // The message has outlived its session, and is freed once.
+    EXPECT_NE(drvHdcGetMsgBuffer(message, 0, &buffer, &number), 0);
+    EXPECT_EQ(drvHdcFreeMsg(message), 0);
+    EXPECT_NE(drvHdcFreeMsg(message), 0);
+}
+
+TEST_F(HdcSessionTest, CloseRacesWithEverythingElse) {
+    for (int round = 0; round < 100; ++round) {
+        const auto session = MakeSession();
+        std::atomic<int> closed{0};
+        std::vector<std::thread> threads;
+        threads.emplace_back([&] {
+            while (Send(session.first, "abc", HDC_FLAG_NOWAIT) != DRV_ERROR_SOCKET_CLOSE) {
+                if (closed > 0) {
+                    break;  // the handle itself is refused by now
+                }
+            }
+        });
+        threads.emplace_back([&] {
+            while (Receive(session.second).result == 0) {
+            }
+        });
+        for (int i = 0; i < 2; ++i) {
+            threads.emplace_back([&] { closed += drvHdcSessionClose(session.first) == 0; });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(closed, 1);
+        EXPECT_EQ(drvHdcSessionClose(session.second), 0);
+    }
+}
+
+TEST_F(HdcSessionTest, AttributesComeFromTheHello) {
+    const auto attributes = [](drvHdcSession_t session) {
+        std::vector<int> values;
+        for (const int attribute : {HDC_SESSION_ATTR_DEV_ID, HDC_SESSION_ATTR_RUN_ENV,
+                                    HDC_SESSION_ATTR_VFID, HDC_SESSION_ATTR_PEER_PID}) {
+            EXPECT_EQ(halHdcGetSessionAttr(session, attribute, &values.emplace_back()), 0);
+        }
+        return values;
+    };
+    const int own = getpid();
+    auto session = MakeSession();
+    EXPECT_EQ(attributes(session.second), (std::vector<int>{0, 1, 0, own}));
+    EXPECT_EQ(attributes(session.first), (std::vector<int>{0, 1, 0, own}));
+    int value = 77;
+    EXPECT_NE(halHdcGetSessionAttr(session.second, 1, &value), 0);
+    EXPECT_EQ(value, 77);
+    Close(session);
+
+    setenv("ORLA_HDC_RUN_ENV", "2", 1);
+    setenv("ORLA_HDC_VF_ID", "9", 1);
+    setenv("ORLA_HDC_PID", "1234", 1);
+    session = MakeSession();
+    EXPECT_EQ(attributes(session.second), (std::vector<int>{0, 2, 9, 1234}));
+    Close(session);
+    ASSERT_EQ(halHdcSessionConnectEx(0, 0, 77, client_, &session.first), 0);
+    session.second = Accept();
+    EXPECT_EQ(attributes(session.second), (std::vector<int>{0, 2, 9, 77}));
+    Close(session);
+
+    setenv("ORLA_HDC_PID", "12x", 1);
+    EXPECT_NE(drvHdcSessionConnect(0, 0, client_, &session.first), 0);
+    for (const char* name : {"ORLA_HDC_RUN_ENV", "ORLA_HDC_VF_ID", "ORLA_HDC_PID"}) {
+        unsetenv(name);
+    }
+    RawPeer peer(Path());
+    ASSERT_TRUE(peer.Write(RawPeer::HelloBytes(42)));
+    session.second = Accept();
+    EXPECT_EQ(attributes(session.second), (std::vector<int>{0, 2, 3, 42}));
+    EXPECT_EQ(drvHdcSessionClose(session.second), 0);
+}
+
+TEST_F(HdcSessionTest, MaximumSegmentIsTheScenarios) {
+    drvHdcCapacity capacity = {HDC_CHAN_TYPE_SOCKET, 0};
+    ASSERT_EQ(drvHdcGetCapacity(&capacity), 0);
+    EXPECT_EQ(capacity.maxSegment, kMaxSegment);
+    ASSERT_EQ(control::LoadScenario(R"({"max_segment": 10})"), "");
+    ASSERT_EQ(drvHdcGetCapacity(&capacity), 0);
+    EXPECT_EQ(capacity.maxSegment, 10U);
+    capacity.chanType = 1;
+    EXPECT_NE(drvHdcGetCapacity(&capacity), 0);
+    const drvHdcServer_t large = std::exchange(server_, nullptr);
+    ASSERT_EQ(drvHdcServerDestroy(large), 0);
+    Listen();
+    const auto session = MakeSession();
+    EXPECT_EQ(Send(session.first, Pattern(10, 0)), 0);
+    EXPECT_NE(Send(session.first, Pattern(11, 0)), 0);
+    EXPECT_EQ(Receive(session.second), (Received{0, Pattern(10, 0)}));
+    Close(session);
+}
+
+}  // namespace
+}  // namespace orla::emulation

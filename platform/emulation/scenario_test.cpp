@@ -1,0 +1,182 @@
+#include <device_driver.h>
+#include <gtest/gtest.h>
+#include <hdc_driver.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <vector>
+
+#include "control.h"
+
+namespace orla::emulation {
+namespace {
+
+using control::Fault;
+
+class ScenarioTest : public testing::Test {
+protected:
+    void SetUp() override { control::Reset(); }
+    void TearDown() override { control::Reset(); }
+
+    static std::vector<uint32_t> Ids() {
+        uint32_t count = 0;
+        EXPECT_EQ(drvGetDevNum(&count), 0);
+        std::vector<uint32_t> ids(64, 999);
+        EXPECT_EQ(drvGetDeviceLocalIDs(ids.data(), 64), 0);
+        EXPECT_TRUE(count == 64 || ids[count] == 999U);  // the rest is unchanged
+        ids.resize(count);
+        return ids;
+    }
+    static int CallDevNum() {
+        uint32_t count = 0;
+        return drvGetDevNum(&count);
+    }
+};
+
+TEST_F(ScenarioTest, DeviceNumbers) {
+    EXPECT_EQ(Ids(), std::vector<uint32_t>{0});  // the built-in scenario
+    ASSERT_EQ(control::LoadScenario(R"({"devices": [
+        {"logical": 3, "physical": 7}, {"logical": 1, "state": "not_ready"},
+        {"logical": 2, "state": "down"}]})"),
+              "");
+    EXPECT_EQ(Ids(), (std::vector<uint32_t>{3, 1}));
+    uint32_t physical = 99;
+    EXPECT_NE(drvDeviceGetPhyIdByIndex(2, &physical), 0);  // down
+    EXPECT_NE(drvDeviceGetPhyIdByIndex(9, &physical), 0);
+    EXPECT_EQ(physical, 99U);
+    EXPECT_EQ(drvDeviceGetPhyIdByIndex(3, &physical), 0);
+    EXPECT_EQ(physical, 7U);
+    EXPECT_EQ(drvDeviceGetPhyIdByIndex(1, &physical), 0);
+    EXPECT_EQ(physical, 1U);  // the logical one when the scenario says nothing
+    uint32_t few[2] = {99, 99};
+    EXPECT_EQ(drvGetDeviceLocalIDs(few, 1), 0);
+    EXPECT_EQ(few[1], 99U);
+    EXPECT_NE(drvGetDeviceLocalIDs(few, 65), 0);
+    EXPECT_NE(drvGetDeviceLocalIDs(few, 0), 0);
+    EXPECT_FALSE(control::SetDeviceState(9, control::DeviceState::kUp));
+}
+
+TEST_F(ScenarioTest, WhatIsWrongIsToldAndChangesNothing) {
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"", "parse error"},
+        {"[]", "scenario: an object"},
+        {R"({"devicse": []})", "unknown member \"devicse\""},
+        {R"({"devices": {}})", "devices must be an array"},
+        {R"({"devices": [{}]})", "scenario.devices[0]: logical is missing"},
+        {R"({"devices": [{"logical": -1}]})", "logical must be an integer"},
+        {R"({"devices": [{"logical": 1124}]})", "logical must be an integer from 0 to 1123"},
+        {R"({"devices": [{"logical": 0.5}]})", "logical must be an integer"},
+        {R"({"devices": [{"logical": "0"}]})", "logical must be an integer"},
+        {R"({"devices": [{"logical": 0}, {"logical": 0, "physical": 1}]})", "devices[1]: a second"},
+        {R"({"devices": [{"logical": 0}, {"logical": 1, "physical": 0}]})", "devices[1]: a second"},
+        {R"({"devices": [{"logical": 0, "state": "asleep"}]})", "state must be"},
+        {R"({"devices": [{"logical": 0, "info": [{"module": 0, "info": 1}]}]})", "either value"},
+        {R"({"devices": [{"logical": 0, "channels": [{"id": 161}]}]})", "from 1 to 160"},
+        {R"({"devices": [{"logical": 0, "channels": [{"id": 1}, {"id": 1}]}]})",
+         "a second channel"},
+        {R"({"devices": [{"logical": 0, "channels": [{"id": 1, "rate": "fast"}]}]})", "rate must"},
+        {R"({"max_segment": 0})", "max_segment must be"},
+        {R"({"max_segment": 4294968320})", "max_segment must be"},
+        {R"({"faults": [{"call": "halHdcSent"}]})", "no operation \"halHdcSent\""},
+        {R"({"faults": [{"call": "halHdcSend", "count": -2}]})", "count must be"},
+        {R"({"faults": [{"call": "halHdcSend", "chanel": 1}]})", "unknown member \"chanel\""},
+    };
+    ASSERT_EQ(control::LoadScenario(R"({"devices": [{"logical": 5}]})"), "");
+    for (const auto& [json, reason] : cases) {
+        EXPECT_NE(control::LoadScenario(json).find(reason), std::string::npos)
+            << json << ": " << control::LoadScenario(json);
+    }
+    EXPECT_EQ(Ids(), std::vector<uint32_t>{5});
+}
+
+TEST_F(ScenarioTest, MalformedFileFailsEveryCall) {
+    char name[] = "/tmp/orla-scenario-XXXXXX";
+    const int fd = mkstemp(name);
+    ASSERT_GE(fd, 0);
+    close(fd);
+    setenv("ORLA_SCENARIO", name, 1);
+    for (const bool good : {false, true, false}) {
+        std::ofstream(name) << (good ? R"({"devices": [{"logical": 8}]})" : "{");
+        testing::internal::CaptureStderr();
+        control::Reset();
+        const std::string told = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(told.find(name) == std::string::npos, good) << told;
+        EXPECT_EQ(CallDevNum() == 0, good);
+        drvHdcClient_t client = nullptr;
+        EXPECT_EQ(drvHdcClientCreate(&client, 1, 4, 0) == 0, good);
+        int version = 0;
+        EXPECT_EQ(halGetAPIVersion(&version) == 0, good);
+        if (good) {
+            EXPECT_EQ(Ids(), std::vector<uint32_t>{8});
+            EXPECT_EQ(drvHdcClientDestroy(client), 0);
+        }
+    }
+    unlink(name);
+    testing::internal::CaptureStderr();
+    control::Reset();
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("can't be read"), std::string::npos);
+    EXPECT_NE(CallDevNum(), 0);
+    unsetenv("ORLA_SCENARIO");
+}
+
+std::string Fired(int (*call)(), int calls) {
+    std::string pattern;
+    for (int i = 0; i < calls; ++i) {
+        const int result = call();
+        pattern += result == 0 ? '.' : static_cast<char>('0' + result);
+    }
+    return pattern;
+}
+
+TEST_F(ScenarioTest, FaultsFireExactlyAfterAndCount) {
+    struct Case {
+        const char* faults;
+        const char* wanted;
+    };
+    for (const Case& one : std::vector<Case>{
+             {R"({"call": "drvGetDevNum", "result": 5})", "5......."},
+             {R"({"call": "drvGetDevNum", "result": 5, "after": 2})", "..5....."},
+             {R"({"call": "drvGetDevNum", "result": 5, "after": 1, "count": 3})", ".555...."},
+             {R"({"call": "drvGetDevNum", "result": 5, "after": 4, "count": -1})", "....5555"},
+             {R"({"call": "drvGetDevNum", "result": 5, "count": 0})", "........"},
+             {R"({"call": "drvGetDevNum", "delay_ms": 1, "count": -1})", "........"},
+             {R"({"call": "drvGetDevNum", "result": 5, "device": 0})", "........"},
+             {R"({"call": "drvGetDeviceLocalIDs", "result": 5})", "........"},
+             // The first that fires decides, and both count.
+             {R"({"call": "drvGetDevNum", "result": 1, "after": 1, "count": 2},
+                 {"call": "drvGetDevNum", "result": 2, "after": 2, "count": 2})",
+              ".112...."},
+         }) {
+        ASSERT_EQ(control::LoadScenario(std::string(R"({"faults": [)") + one.faults + "]}"), "");
+        EXPECT_EQ(Fired(CallDevNum, 8), one.wanted) << one.faults;
+    }
+}
+
+TEST_F(ScenarioTest, InjectedFaultsAndCounts) {
+    ASSERT_EQ(control::LoadScenario(R"({"devices": [{"logical": 0}, {"logical": 1}]})"), "");
+    Fault fault;
+    fault.call = "drvDeviceGetPhyIdByIndex";
+    fault.device = 1;
+    fault.result = 7;
+    fault.count = Fault::kForever;
+    fault.delayMs = 20;
+    ASSERT_TRUE(control::InjectFault(fault));
+    uint32_t physical = 0;
+    EXPECT_EQ(drvDeviceGetPhyIdByIndex(0, &physical), 0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(drvDeviceGetPhyIdByIndex(1, &physical), 7);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(20));
+    EXPECT_EQ(control::CallCount("drvDeviceGetPhyIdByIndex"), 2U);
+    control::ClearFaults();
+    EXPECT_EQ(drvDeviceGetPhyIdByIndex(1, &physical), 0);
+    fault.call = "drvNothing";
+    EXPECT_FALSE(control::InjectFault(fault));
+    EXPECT_EQ(control::CallCount("drvNothing"), 0U);
+    control::Reset();
+    EXPECT_EQ(control::CallCount("drvDeviceGetPhyIdByIndex"), 0U);
+}
+
+}  // namespace
+}  // namespace orla::emulation
