@@ -109,7 +109,7 @@ std::string Utils::CanonicalizePath(const std::string& path) {
         canonical = buffer.data();
     }
     PROF_LOGI("Input path:%s, canonicalized path:%s", BaseName(path).c_str(),
-              BaseName(canonical).c_str());
+              canonical.empty() ? "" : BaseName(canonical).c_str());
     return canonical;
 }
 

@@ -1,0 +1,148 @@
+#include "profiling/datapath/thread.h"
+
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <stdexcept>
+
+#include "profiling/datapath/thread_test_support.h"
+
+namespace orla::test {
+std::atomic<int> threadsLeft{-1};
+}
+
+extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
+                              void* (*routine)(void*), void* argument) {
+    static const auto real =
+        reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+    if (orla::test::threadsLeft == 0) {
+        return EAGAIN;
+    }
+    if (orla::test::threadsLeft > 0) {
+        --orla::test::threadsLeft;
+    }
+    return real(thread, attributes, routine, argument);
+}
+
+namespace analysis::nedra::common::thread {
+namespace {
+
+using orla::test::LogCapture;
+using orla::test::WaitFor;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// Counts its runs and does what the test says, until it is asked to quit.
+class Probe : public Thread {
+public:
+    explicit Probe(std::function<void(Probe&)> body = [](Probe& self) { self.UntilQuit(); })
+        : body_(std::move(body)) {}
+    ~Probe() override { static_cast<void>(Stop()); }
+
+    void UntilQuit() const {
+        EXPECT_TRUE(WaitFor([this] { return IsQuit(); }));
+    }
+
+    std::atomic<int> runs{0};
+
+protected:
+    void Run(const TraceletErrorContext& context) override {
+        EXPECT_EQ(0u, context.id);
+        ++runs;
+        body_(*this);
+    }
+
+private:
+    const std::function<void(Probe&)> body_;
+};
+
+TEST(Thread, StartsAndStopsAnyNumberOfTimes) {
+    Probe probe;
+    EXPECT_EQ(std::string(16, '\0'), probe.GetThreadName());
+    EXPECT_EQ(0, probe.Stop());
+    EXPECT_TRUE(probe.IsQuit()) << "also a thread that never ran is asked to quit";
+    for (int round = 1; round <= 3; ++round) {
+        EXPECT_EQ(0, probe.Start());
+        EXPECT_EQ(0, probe.Start()) << "a second thread";
+        ASSERT_TRUE(WaitFor([&] { return probe.runs == round; }));
+        EXPECT_FALSE(probe.IsQuit());
+        EXPECT_EQ(0, probe.Stop());
+        EXPECT_EQ(0, probe.Stop());
+    }
+    EXPECT_EQ(3, probe.runs);
+}
+
+TEST(Thread, HasItsNameAndItsSmallStack) {
+    LogCapture log;
+    std::string name;
+    size_t stack = 0;
+    Probe probe([&](Probe&) {
+        char buffer[32] = {};
+        pthread_attr_t attributes;
+        ASSERT_EQ(0, pthread_getname_np(pthread_self(), buffer, sizeof(buffer)));
+        ASSERT_EQ(0, pthread_getattr_np(pthread_self(), &attributes));
+        pthread_attr_getstacksize(&attributes, &stack);
+        pthread_attr_destroy(&attributes);
+        name = buffer;
+    });
+    probe.SetThreadName("TLET_ChanPool_123");
+    ASSERT_EQ(0, probe.Start());
+    ASSERT_EQ(0, probe.Stop());
+    EXPECT_EQ("TLET_ChanPool_1", name);
+    EXPECT_LE(stack, 1024u * 1024) << "sanitizers multiply it, nothing else may";
+    EXPECT_THAT(log.Take(), ElementsAre("I New thread TLET_ChanPool_123 begins to run"));
+}
+
+TEST(Thread, LetsNoExceptionOut) {
+    LogCapture log;
+    for (const bool isStandard : {true, false}) {
+        Probe probe([isStandard](Probe&) {
+            if (isStandard) {
+                throw std::runtime_error("reason");
+            }
+            throw 5;
+        });
+        probe.SetThreadName("t");
+        EXPECT_EQ(0, probe.Start());
+        EXPECT_EQ(0, probe.Stop());
+    }
+    EXPECT_THAT(log.Take("E"), ElementsAre("E Thread t ends by an exception, message: reason",
+                                           "E Thread t ends by an unknown exception"));
+}
+
+TEST(Thread, NeverJoinsItself) {
+    std::atomic<int> own{1};
+    Probe probe([&](Probe& self) { own = self.Stop(); });
+    ASSERT_EQ(0, probe.Start());
+    ASSERT_TRUE(WaitFor([&] { return own != 1; }));
+    EXPECT_EQ(-1, own);
+    EXPECT_EQ(0, probe.Stop()) << "another thread can still join it";
+}
+
+TEST(Thread, TwoThatStopItJoinItOnce) {
+    for (int round = 0; round < 50; ++round) {
+        Probe probe;
+        ASSERT_EQ(0, probe.Start());
+        std::thread other([&] { EXPECT_EQ(0, probe.Stop()); });
+        EXPECT_EQ(0, probe.Stop());
+        other.join();
+    }
+}
+
+TEST(Thread, SaysThatItCouldNotBeMade) {
+    LogCapture log;
+    Probe probe;
+    {
+        const orla::test::ThreadsLeft none(0);
+        EXPECT_EQ(-1, probe.Start());
+    }
+    EXPECT_EQ(0, probe.Stop());
+    EXPECT_EQ(0, probe.Start());
+    ASSERT_TRUE(WaitFor([&] { return probe.runs == 1; }));
+    EXPECT_THAT(log.Take("EW"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace analysis::nedra::common::thread
