@@ -22,6 +22,7 @@ using Command = std::function<int()>;
 // Adds a subcommand, whose options are stored in what the returned command holds.
 Command AddDevicesCommand(CLI::App& app, const CommonOptions& options);
 Command AddLogCommand(CLI::App& app, const CommonOptions& options);
+Command AddPullCommand(CLI::App& app, const CommonOptions& options);
 
 // The devices that were asked for, of those that the driver knows.
 [[nodiscard]] std::vector<Device> SelectDevices(const CommonOptions& options);

@@ -34,6 +34,7 @@ int main(int argc, char** argv) {
     std::map<std::string, Command> commands;
     commands["devices"] = AddDevicesCommand(app, options);
     commands["log"] = AddLogCommand(app, options);
+    commands["pull"] = AddPullCommand(app, options);
 
     try {
         app.parse(argc, argv);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <climits>
 #include <mutex>
 #include <utility>
 
@@ -74,6 +75,14 @@ uint64_t SizeOf(const std::string& path) {
     return size;
 }
 
+// The copy's name: that of the file with the host's process id, so that two hosts don't meet. A
+// name that would get too long loses its end; the copy is gone before the next file's is made.
+std::string TemporaryName(const std::string& path, int peerPid) {
+    const std::string suffix = "." + std::to_string(peerPid) + ".tmp";
+    const size_t nameAt = path.rfind('/') + 1;
+    return path.substr(0, nameAt) + path.substr(nameAt, NAME_MAX - suffix.size()) + suffix;
+}
+
 bool CopyToTemporary(const std::string& path, const std::string& temporary) {
     // What lies at that name is left from a daemon that was killed, or is no file at all.
     mmUnlink(temporary.c_str());
@@ -107,7 +116,7 @@ std::optional<DeviceFile> OpenToSend(const DeviceFileType& type, const std::stri
     std::string source = path;
     std::optional<RemovedAtEnd> removed;
     if (!inPlace) {
-        source += "." + std::to_string(peerPid) + ".tmp";
+        source = TemporaryName(path, peerPid);
         removed.emplace(source, "remove tmp file");
         if (!CopyToTemporary(path, source)) {
             return std::nullopt;

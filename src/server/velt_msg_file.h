@@ -11,11 +11,10 @@
 
 #include <cstdint>
 
+#include "hdc/velt_packet.h"
 #include "server/velt_comm_opt.h"
 
 namespace Velt {
-
-constexpr uint32_t kMaxSliceSize = 512000;
 
 // Sends a file of less than 4 GiB from its first byte on, as long as it is at the start. kMsgOk
 // whatever the acknowledgement said; kMsgFailed when it can't be read up to that size, the end

@@ -1,0 +1,201 @@
+// orlactl pull: fetches all files of one or more types.
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
+
+#include "hdc/hdc_api.h"
+#include "host/commands.h"
+#include "host/device_session.h"
+#include "host/exit_codes.h"
+#include "host/file_pull.h"
+
+namespace orla::host {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Clock = std::chrono::steady_clock;
+
+struct PullOptions {
+    std::vector<std::string> types;
+    std::string dir = ".";
+    bool list = false;
+    int timeoutSeconds = 300;
+};
+
+// Control characters of foreign names must not reach a terminal.
+std::string Printable(std::string name) {
+    for (char& c : name) {
+        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') {
+            c = '?';
+        }
+    }
+    return name;
+}
+
+std::string Amount(double bytes) {
+    const char* units[] = {"B", "kB", "MB", "GB"};
+    size_t unit = 0;
+    while (bytes >= 1000 && unit + 1 < std::size(units)) {
+        bytes /= 1000;
+        ++unit;
+    }
+    return fmt::format(unit == 0 ? "{:.0f} {}" : "{:.1f} {}", bytes, units[unit]);
+}
+
+// One line that is written over, a few times a second, on a terminal only.
+class Progress {
+public:
+    explicit Progress(bool wanted) : shown_(wanted && isatty(STDERR_FILENO) == 1) {}
+    ~Progress() { Clear(); }
+
+    void Update(const PulledFile& file) {
+        total_ += file.bytes >= last_ ? file.bytes - last_ : file.bytes;
+        last_ = file.bytes == file.size ? 0 : file.bytes;
+        const auto now = Clock::now();
+        if (!shown_ || now - drawn_ < std::chrono::milliseconds(100)) {
+            return;
+        }
+        drawn_ = now;
+        const double seconds = std::chrono::duration<double>(now - start_).count();
+        fmt::print(stderr, "\r\x1b[K{}: {} of {}, {}/s", Printable(file.name),
+                   Amount(static_cast<double>(file.bytes)), Amount(static_cast<double>(file.size)),
+                   Amount(static_cast<double>(total_) / seconds));
+    }
+
+    void Clear() const {
+        if (shown_) {
+            fmt::print(stderr, "\r\x1b[K");
+        }
+    }
+
+private:
+    const bool shown_;
+    const Clock::time_point start_ = Clock::now();
+    Clock::time_point drawn_;
+    uint64_t total_ = 0;
+    uint64_t last_ = 0;  // bytes of the file that is being received
+};
+
+struct TypeResult {
+    uint32_t device;
+    std::string type;
+    std::vector<PulledFile> files;
+    ExitCode code;
+    std::string reason;
+};
+
+TypeResult PullType(const Client& client, uint32_t device, const std::string& type,
+                    const std::filesystem::path& dir, const PullOptions& options, bool quiet) {
+    const auto session = client.Connect(device);
+    if (session == nullptr) {
+        return {device, type, {}, kExitConnection, "no daemon listens on this device"};
+    }
+    Progress progress(!quiet);
+    FilePull pull({dir / type, options.list, options.timeoutSeconds * 1000,
+                   [&progress](const PulledFile& file) { progress.Update(file); }});
+    const PullEnd end = pull.Run(*session, type);
+    TypeResult result{device, type, pull.files(), kExitOk, pull.reason()};
+    switch (end) {
+        case PullEnd::kDone:
+            for (const PulledFile& file : result.files) {
+                if (!file.problem.empty()) {
+                    result.code = kExitIncomplete;
+                }
+            }
+            break;
+        case PullEnd::kRefused:
+            result.code = kExitRefused;
+            break;
+        case PullEnd::kNoAnswer:
+            result.code = kExitRefused;
+            result.reason = "the device closed the session: it may not know this type";
+            break;
+        case PullEnd::kBroken:
+            result.code = result.files.empty() ? kExitConnection : kExitIncomplete;
+            break;
+    }
+    return result;
+}
+
+void Print(const TypeResult& result) {
+    for (const PulledFile& file : result.files) {
+        if (file.problem.empty()) {
+            fmt::print("{:>12}  {}\n", file.bytes, Printable(result.type + "/" + file.name));
+        } else {
+            fmt::print(stderr, "orlactl: {}: {}\n", Printable(result.type + "/" + file.name),
+                       file.problem);
+        }
+    }
+    if (result.code != kExitOk && !result.reason.empty()) {
+        fmt::print(stderr, "orlactl: device {}, {}: {}\n", result.device, result.type,
+                   Printable(result.reason));
+    }
+}
+
+Json ToJson(const TypeResult& result) {
+    auto files = Json::array();
+    for (const PulledFile& file : result.files) {
+        files.push_back({{"name", file.name},
+                         {"bytes", file.bytes},
+                         {"size", file.size},
+                         {"problem", file.problem}});
+    }
+    return {{"device", result.device},
+            {"type", result.type},
+            {"code", result.code},
+            {"reason", result.reason},
+            {"files", files}};
+}
+
+int RunPull(const CommonOptions& common, const PullOptions& options) {
+    const auto devices = SelectDevices(common);
+    const auto client = Client::Create(kHdcServiceFramework);
+    if (devices.empty() || client == nullptr) {
+        fmt::print(stderr, "orlactl: no such device\n");
+        return kExitConnection;
+    }
+    int code = kExitOk;
+    auto list = Json::array();
+    for (const Device& device : devices) {
+        std::filesystem::path dir = options.dir;
+        if (devices.size() > 1) {
+            dir /= fmt::format("device-{}", device.logicalId);
+        }
+        for (const std::string& type : options.types) {
+            const TypeResult result =
+                PullType(*client, device.logicalId, type, dir, options, common.json);
+            code = std::max<int>(code, result.code);
+            common.json ? list.push_back(ToJson(result)) : Print(result);
+        }
+    }
+    if (common.json) {
+        fmt::print("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
+    }
+    return code;
+}
+
+}  // namespace
+
+Command AddPullCommand(CLI::App& app, const CommonOptions& common) {
+    auto* command = app.add_subcommand("pull", "Fetch the device's log and dump files");
+    auto options = std::make_shared<PullOptions>();
+    command
+        ->add_option("TYPE", options->types,
+                     "slog, stackcore, bbox, message, event_sched or module_info; several allowed")
+        ->required();
+    command->add_option("-o,--output", options->dir,
+                        "Directory to write to; files go to DIR/TYPE (default: here)");
+    command->add_flag("--list", options->list, "Show names and sizes, write nothing");
+    command
+        ->add_option("--timeout", options->timeoutSeconds,
+                     "Longest silence of the device in seconds")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+    return [&common, options] { return RunPull(common, *options); };
+}
+
+}  // namespace orla::host

@@ -1,0 +1,218 @@
+#include "host/file_pull.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <system_error>
+
+namespace orla::host {
+
+namespace {
+
+using Velt::MsgProto;
+
+constexpr uint16_t kRequestTypeFile = 14;
+constexpr const char* kEndText = "game_over";
+
+std::string Message(uint16_t msgType, uint16_t status, const std::string& data) {
+    MsgProto header = {};
+    header.magic = Velt::kMsgMagic;
+    header.version = Velt::kMsgVersion;
+    header.type = kRequestTypeFile;
+    header.totalLen = static_cast<uint32_t>(data.size());
+    header.sliceLen = header.totalLen;
+    header.msgType = msgType;
+    header.status = status;
+    return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + data;
+}
+
+}  // namespace
+
+std::filesystem::path PathBelow(const std::filesystem::path& dir, const std::string& name) {
+    std::filesystem::path path = dir;
+    bool named = false;
+    for (size_t begin = 0; begin <= name.size();) {
+        const size_t end = std::min(name.find('/', begin), name.size());
+        const std::string part = name.substr(begin, end - begin);
+        begin = end + 1;
+        if (part.empty()) {
+            continue;
+        }
+        if (part == "." || part == ".." || part.find('\0') != std::string::npos) {
+            return {};
+        }
+        path /= part;
+        named = true;
+    }
+    return named && name.back() != '/' ? path : std::filesystem::path();
+}
+
+PullEnd FilePull::Run(Session& session, const std::string& type) {
+    if (!session.Send(Message(Velt::kMsgData, Velt::kMsgStatusNone, type))) {
+        reason_ = "the request could not be sent";
+        return PullEnd::kBroken;
+    }
+    bool answered = false;
+    while (true) {
+        std::string bytes;
+        const ReceiveResult result = session.Receive(options_.idleTimeoutMs, &bytes);
+        if (result != ReceiveResult::kMessage) {
+            if (ended_) {
+                return PullEnd::kDone;
+            }
+            if (result == ReceiveResult::kClosed && refused_) {
+                return PullEnd::kRefused;
+            }
+            if (result == ReceiveResult::kClosed && !answered) {
+                return PullEnd::kNoAnswer;
+            }
+            static_cast<void>(Fail(result == ReceiveResult::kTimeout
+                                       ? "the device fell silent"
+                                       : "the session ended before the last file"));
+            return PullEnd::kBroken;
+        }
+        answered = true;
+        switch (Take(session, bytes)) {
+            case Step::kGoOn:
+                break;
+            case Step::kEnd:
+                return refused_ ? PullEnd::kRefused : PullEnd::kDone;
+            case Step::kFailed:
+                return PullEnd::kBroken;
+        }
+    }
+}
+
+FilePull::Step FilePull::Fail(const std::string& reason) {
+    reason_ = reason;
+    if (open_) {
+        Drop(reason);
+    }
+    return Step::kFailed;
+}
+
+FilePull::Step FilePull::Take(Session& session, const std::string& bytes) {
+    // A packed structure needs no alignment.
+    const auto& message = *reinterpret_cast<const MsgProto*>(bytes.data());
+    if (bytes.size() < sizeof(MsgProto) || bytes.size() - sizeof(MsgProto) != message.sliceLen) {
+        return Fail("the device sent what is no message");
+    }
+    if (message.msgType == Velt::kMsgControl) {
+        if (open_) {
+            Drop("the device broke off");
+        }
+        return Step::kGoOn;
+    }
+    return message.status == Velt::kMsgStatusNone ? TakeSlice(session, message) : TakeText(message);
+}
+
+FilePull::Step FilePull::TakeText(const MsgProto& message) {
+    const std::string text(message.data, strnlen(message.data, message.sliceLen));
+    if (message.status == Velt::kMsgStatusRefused) {
+        refused_ = true;
+        reason_ = text;
+        return Step::kEnd;
+    }
+    if (open_) {
+        Drop("the device went on to the next file");
+    }
+    // A file of that name is told from the end by what follows: its content, or nothing.
+    ended_ = text == kEndText;
+    if (!ended_) {
+        Begin(text);
+    }
+    return Step::kGoOn;
+}
+
+FilePull::Step FilePull::TakeSlice(Session& session, const MsgProto& message) {
+    if (ended_) {
+        ended_ = false;
+        Begin(kEndText);
+    }
+    if (!open_) {
+        return Fail("the device sent content without a name");
+    }
+    PulledFile& file = files_.back();
+    if (message.offset != file.bytes || message.totalLen < message.offset ||
+        message.sliceLen > message.totalLen - message.offset) {
+        return Fail("the device sent slices that do not fit together");
+    }
+    file.size = message.totalLen;
+    Write(message.data, message.sliceLen);
+    file.bytes += message.sliceLen;
+    if (options_.progress) {
+        options_.progress(file);
+    }
+    if (file.bytes < file.size) {
+        return Step::kGoOn;
+    }
+    Finish();
+    if (!session.Send(Message(Velt::kMsgControl, Velt::kMsgStatusGoOn, ""))) {
+        return Fail("the acknowledgement could not be sent");
+    }
+    return Step::kGoOn;
+}
+
+void FilePull::Begin(const std::string& name) {
+    open_ = true;
+    files_.emplace_back();
+    files_.back().name = name;
+    target_.clear();
+    if (options_.listOnly) {
+        return;
+    }
+    target_ = PathBelow(options_.dir, name);
+    if (target_.empty()) {
+        files_.back().problem = "the name would leave the directory";
+        return;
+    }
+    std::error_code error;
+    std::filesystem::create_directories(target_.parent_path(), error);
+    temporary_ = target_.parent_path() / fmt::format(".orlactl-{}.part", getpid());
+    out_.reset(std::fopen(temporary_.c_str(), "wbe"));
+    if (out_ == nullptr) {
+        files_.back().problem = std::strerror(errno);
+    }
+}
+
+void FilePull::Write(const char* data, size_t size) {
+    if (out_ != nullptr && std::fwrite(data, 1, size, out_.get()) != size) {
+        files_.back().problem = std::strerror(errno);
+        out_.reset();
+        std::filesystem::remove(temporary_);
+    }
+}
+
+void FilePull::Finish() {
+    open_ = false;
+    if (out_ == nullptr) {
+        return;
+    }
+    std::error_code error;
+    if (std::fclose(out_.release()) != 0) {
+        error = std::error_code(errno, std::generic_category());
+    } else {
+        std::filesystem::rename(temporary_, target_, error);
+    }
+    if (error) {
+        files_.back().problem = error.message();
+        std::filesystem::remove(temporary_, error);
+    }
+}
+
+void FilePull::Drop(const std::string& problem) {
+    open_ = false;
+    if (files_.back().problem.empty()) {
+        files_.back().problem = problem;
+    }
+    if (out_ != nullptr) {
+        out_.reset();
+        std::error_code ignored;
+        std::filesystem::remove(temporary_, ignored);
+    }
+}
+
+}  // namespace orla::host

@@ -1,0 +1,202 @@
+"""Pulling files: the real component, its shell commands and the host tool."""
+import json
+import os
+import shutil
+import struct
+import threading
+
+import pytest
+
+from device import Device, threads_and_descriptors, wait_for
+from wire import FRAMEWORK, Peer, hello
+
+SLICE = 512000
+
+
+@pytest.fixture(scope="module")
+def served():
+    with Device() as device:
+        program = device.daemon()
+        wait_for(lambda: device.listens(0, FRAMEWORK), "file server")
+        yield device, program
+
+
+@pytest.fixture
+def daemon(served):
+    device, program = served
+    for folder in ("sablebox_logs", "coredump"):
+        shutil.rmtree(device.root / "var/log/npu" / folder)
+        (device.root / "var/log/npu" / folder).mkdir()
+    before = threads_and_descriptors(program)
+    yield device
+    assert program.poll() is None
+    wait_for(lambda: threads_and_descriptors(program) == before, "return of threads, descriptors")
+
+
+def put(device, path, content=b"x"):
+    file = device.root / path
+    file.parent.mkdir(parents=True, exist_ok=True)
+    file.write_bytes(content)
+    return file
+
+
+def message(data=b"", kind=0, status=0):
+    return struct.pack("<HBBHHIIIHH", 0xC396, 16, 0, 14, 0, len(data), len(data), 0, kind,
+                       status) + data
+
+
+def parse(data):
+    magic, version, reserved, kind, device, total, length, offset, control, status = \
+        struct.unpack_from("<HBBHHIIIHH", data)
+    assert (magic, version, reserved, kind, device) == (0xC396, 16, 0, 14, 0)
+    assert len(data) == 24 + length
+    return total, offset, control, status, data[24:]
+
+
+def exchange(device, name, greeting=hello(), acknowledge=message(kind=1, status=6)):
+    """Everything that the device sends, as (status or 'control', total, offset, bytes)."""
+    seen = []
+    with Peer(device.hdc, service=FRAMEWORK, greeting=greeting) as peer:
+        peer.message(message(name))
+        while True:
+            try:
+                total, offset, control, status, data = parse(peer.receive())
+            except EOFError:
+                return seen
+            seen.append(("control" if control else "data", status, total, offset, data))
+            if not control and status == 0 and offset + len(data) == total:
+                peer.message(acknowledge)
+
+
+END = ("data", 6, 10, 0, b"game_over\0")
+
+
+def test_bytes_of_the_exchange(daemon):
+    assert exchange(daemon, b"bbox") == [END]
+    put(daemon, "var/log/npu/sablebox_logs/empty", b"")
+    put(daemon, "var/log/npu/sablebox_logs/d/x", b"deep")
+    two = os.urandom(SLICE + 1)
+    put(daemon, "var/log/npu/sablebox_logs/e", two)
+    put(daemon, "var/log/npu/sablebox_logs/left.tmp")
+    (daemon.root / "var/log/npu/sablebox_logs/link").symlink_to("e")
+    expected = [("data", 6, 5, 0, b"/d/x\0"), ("data", 0, 4, 0, b"deep"),
+                ("data", 6, 2, 0, b"e\0"), ("data", 0, SLICE + 1, 0, two[:SLICE]),
+                ("data", 0, SLICE + 1, SLICE, two[SLICE:]),
+                ("data", 6, 6, 0, b"empty\0"), ("data", 0, 0, 0, b""), END]
+    assert exchange(daemon, b"bbox") == expected
+    assert exchange(daemon, b"bbox\0ignored") == expected
+    for other in (message(kind=1, status=11), message(b"data"), b"short"):
+        assert exchange(daemon, b"bbox", acknowledge=other) == expected
+    assert sorted(p.name for p in (daemon.root / "var/log/npu/sablebox_logs").iterdir()) == \
+        ["d", "e", "empty", "left.tmp", "link"]
+
+
+@pytest.mark.parametrize("run_env, answer", [
+    (2, [("data", 10, 29, 0, b"MESSAGE_CONTAINER_NO_SUPPORT\0")]),
+    (4, [("data", 10, 29, 0, b"MESSAGE_CONTAINER_NO_SUPPORT\0")]),
+    (3, [END]),
+])
+def test_run_environment(daemon, run_env, answer):
+    assert exchange(daemon, b"bbox", greeting=hello(run_env=run_env)) == answer
+
+
+def test_bad_requests_are_closed(daemon):
+    assert exchange(daemon, b"") == []
+    assert exchange(daemon, b"nonsense") == []
+    for data in (message(b"slog", kind=1), message(b"slog")[:-1], b"", b"x" * 23,
+                 message()[:8] + struct.pack("<I", 0xFFFFFFFF) + message()[12:]):
+        with Peer(daemon.hdc, service=FRAMEWORK) as peer:
+            if data:
+                peer.message(data)
+                assert peer.closed(5)
+
+
+def test_messages_are_prepared_aged_and_left_in_place(daemon):
+    for name in ("messages", "messages.1", "messages.99", "messages.100", "messages.x",
+                 "messages.tmp", "other", "messages.99999999999"):
+        put(daemon, f"var/log/{name}", name.encode())
+    seen = exchange(daemon, b"message")
+    assert [m[4] for m in seen if m[1] == 6] == [b"messages\0", b"messages.1\0", b"messages.99\0",
+                                                 b"game_over\0"]
+    assert [m[4] for m in seen if m[1] == 0] == [b"messages", b"messages.1", b"messages.99"]
+    assert (daemon.root / "var/log/messages").exists() and daemon.lock.exists()
+    assert not list((daemon.root / "home/SableUser/ide_daemon").glob("messages*"))
+    daemon.logged("sudo chown -RPf SableUser:SableUser /home/SableUser/ide_daemon/messages.1")
+
+
+def test_module_files_are_made_by_scripts_and_taken(daemon):
+    script = put(daemon, "var/dvpp_proc_collect.sh",
+                 b"#!/bin/sh\nmkdir -p /home/SableUser/ide_daemon/module && "
+                 b"echo made > /home/SableUser/ide_daemon/module/dvpp\n")
+    script.chmod(0o755)
+    for _ in range(2):
+        assert [m[4] for m in exchange(daemon, b"module_info")] == [b"dvpp\0", b"made\n",
+                                                                    b"game_over\0"]
+        assert not (daemon.root / "home/SableUser/ide_daemon/module/dvpp").exists()
+    script.unlink()
+
+
+def test_driver_files_are_read_in_place(daemon):
+    node = "sys/devices/virtual/devdrv_manager/sablecore_manager/node"
+    put(daemon, f"{node}/queue", b"state\n")
+    put(daemon, f"{node}/secret", b"").chmod(0)
+    assert [m[4] for m in exchange(daemon, b"event_sched")] == [b"queue\0", b"state\n",
+                                                                b"game_over\0"]
+
+
+def test_names_of_all_kinds_arrive_as_they_are(daemon, tmp_path):
+    names = ["a b'c;touch x.log", "quote\"d", "line\nfeed", "$(id)", "-rf", "n" * 255, "*",
+             "game_over", "d/e/f/deep", "..."]
+    for name in names:
+        put(daemon, f"var/log/npu/coredump/{name}", name.encode())
+    result = daemon.orlactl("pull", "stackcore", "-o", tmp_path, "--json")
+    assert result.returncode == 0, result.stderr
+    pulled = {f["name"].lstrip("/").replace("//", "/")
+              for f in json.loads(result.stdout)[0]["files"]}
+    assert pulled == set(names)
+    for name in names:
+        assert (tmp_path / "stackcore" / name).read_bytes() == name.encode()
+    assert not list((daemon.root / "home/SableUser").rglob("x.log"))
+    assert len([p for p in tmp_path.rglob("*") if p.is_file()]) == len(names)
+
+
+def test_host_that_vanishes_at_any_step(daemon):
+    put(daemon, "var/log/npu/sablebox_logs/large", os.urandom(3 * SLICE))
+    for messages in range(4):
+        with Peer(daemon.hdc, service=FRAMEWORK) as peer:
+            peer.message(message(b"bbox"))
+            for _ in range(messages):
+                peer.receive()
+    wait_for(lambda: not list((daemon.root / "var/log/npu/sablebox_logs").glob("*.tmp")),
+             "removal of the copies")
+    assert exchange(daemon, b"bbox")[-1] == END
+
+
+def test_twenty_pulls_at_once(daemon, tmp_path):
+    content = os.urandom(2 * SLICE)
+    put(daemon, "var/log/npu/sablebox_logs/large", content)
+    put(daemon, "var/log/messages", b"system log")
+    results = {}
+
+    def pull(number):
+        results[number] = daemon.orlactl("pull", "bbox", "message", "-o", tmp_path / str(number))
+
+    threads = [threading.Thread(target=pull, args=(n,)) for n in range(20)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+    for number, result in results.items():
+        assert result.returncode == 0, result.stderr
+        assert (tmp_path / str(number) / "bbox/large").read_bytes() == content
+        assert (tmp_path / str(number) / "message/messages").read_bytes() == b"system log"
+
+
+def test_host_tool_tells_refusals_from_silence(daemon, tmp_path):
+    assert daemon.orlactl("pull", "nonsense", "-o", tmp_path).returncode == 3
+    daemon.environment["ORLA_HDC_RUN_ENV"] = "2"
+    refused = daemon.orlactl("pull", "bbox", "-o", tmp_path)
+    del daemon.environment["ORLA_HDC_RUN_ENV"]
+    assert refused.returncode == 3 and "MESSAGE_CONTAINER_NO_SUPPORT" in refused.stderr
+    assert daemon.orlactl("pull").returncode == 2
+    assert not list(tmp_path.iterdir())
