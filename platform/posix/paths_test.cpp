@@ -167,14 +167,14 @@ TEST(Clock, SignalsDoNotShortenASleep) {
     const Interruptions interruptions;
     const int before = Interruptions::Count();
     const mmTimespec start = mmGetTickCount();
-    EXPECT_EQ(mmSleep(1050), EN_OK);
+    EXPECT_EQ(mmSleep(1999), EN_OK);
     const mmTimespec end = mmGetTickCount();
     // The raw clock is not slewed and the one that sleeps is: by half a part in a thousand at most.
     const double slept =
         double(end.tv_sec - start.tv_sec) + double(end.tv_nsec - start.tv_nsec) / 1e9;
-    EXPECT_GE(slept, 1.049);
+    EXPECT_GE(slept, 1.998);
     EXPECT_LT(slept, 30);
-    EXPECT_GT(Interruptions::Count(), before + 1);
+    EXPECT_GT(Interruptions::Count(), before);
 }
 
 TEST(Clock, LocalTimeIsWhatPeopleWrite) {

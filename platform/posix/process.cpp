@@ -66,21 +66,19 @@ private:
     int error_ = 0;
 };
 
-// A copy of an array of the caller, which may lack the null at its end or hold it early.
+// A copy of an array of the caller, which may lack the null at its end.
 std::vector<char*> WithEnd(char* const* items, int32_t count) {
-    std::vector<char*> copy;
-    for (int32_t i = 0; i < count && items[i] != nullptr; ++i) {
-        copy.push_back(items[i]);
-    }
+    std::vector<char*> copy(items, items + count);
     copy.push_back(nullptr);
     return copy;
 }
 
-const char* PathOf(const std::vector<char*>& environment) {
+// The value of PATH among the texts up to a null, or null.
+const char* PathOf(char* const* environment) {
     constexpr size_t kLength = sizeof(kPathPrefix) - 1;
-    for (const char* entry : environment) {
-        if (entry != nullptr && strncmp(entry, kPathPrefix, kLength) == 0) {
-            return entry + kLength;
+    for (; *environment != nullptr; ++environment) {
+        if (strncmp(*environment, kPathPrefix, kLength) == 0) {
+            return *environment + kLength;
         }
     }
     return nullptr;
@@ -96,8 +94,7 @@ void AddCandidates(const char* path, const std::string& program, std::vector<std
     }
 }
 
-std::vector<std::string> Candidates(const std::string& program,
-                                    const std::vector<char*>& environment) {
+std::vector<std::string> Candidates(const std::string& program, char* const* environment) {
     if (program.empty() || program.find('/') != std::string::npos) {
         return {program};
     }
@@ -145,7 +142,7 @@ int CreateProcess(const char* program, const mmArgvEnv& arguments, const char* r
         return error;
     }
     error = ENOENT;
-    for (const std::string& file : Candidates(program, envp)) {
+    for (const std::string& file : Candidates(program, envp.data())) {
         pid_t child = 0;
         const int answer = spawn.Start(file.c_str(), argv.data(), envp.data(), &child);
         if (answer == 0) {

@@ -73,9 +73,9 @@ TEST_F(Process, ClosesEveryDescriptorOfTheParentAndResetsItsSignals) {
     const std::string files = At("files");
     EXPECT_EQ(Run("/bin/ls", {"ls", "/proc/self/fd"}, {}, files.c_str()), 0);
     const std::string signals = At("signals");
-    EXPECT_EQ(Run("/bin/grep", {"grep", "-E", "^Sig(Blk|Ign)", "/proc/self/status"}, {},
-                  signals.c_str()),
-              0);
+    EXPECT_EQ(
+        Run("/bin/grep", {"grep", "-E", "^Sig(Blk|Ign)", "/proc/self/status"}, {}, signals.c_str()),
+        0);
     signal(SIGPIPE, pipeBefore);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     for (const int fd : {leaked, 900, born}) {
@@ -103,7 +103,7 @@ TEST_F(Process, SearchesThePathOfTheChildAndThenTheCallers) {
     MakeScript("locked/secret", "#!/bin/sh\nexit 33\n", 0644);
     MakeScript("headless", "exit 44\n", 0755);
     const std::string before = getenv("PATH");
-    setenv("PATH", (At("mine") + ":" + At("locked")).c_str(), 1);
+    setenv("PATH", (At("locked") + ":" + At("mine")).c_str(), 1);
     const std::string path = "PATH=" + At("nowhere") + "::" + At("locked") + ":" + At("own");
     const struct {
         std::string program;

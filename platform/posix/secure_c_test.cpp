@@ -148,11 +148,20 @@ TEST(SecureText, OverlapsAreRefused) {
     EXPECT_STREQ(buffer, "01");
     EXPECT_EQ(strcat_s(buffer, sizeof(buffer), buffer), kOverlap);
     EXPECT_STREQ(buffer, "");
+    const struct {  // copies of three characters, which write a zero behind them
+        int to;
+        int from;
+        int error;
+    } cases[] = {{0, 4, EOK}, {0, 3, kOverlap}, {3, 0, EOK}, {2, 0, kOverlap}};
+    for (const auto& one : cases) {
+        memcpy(buffer, "01234567", 9);
+        EXPECT_EQ(strncpy_s(buffer + one.to, 8, buffer + one.from, 3), one.error);
+        EXPECT_EQ(std::string(buffer + one.to),
+                  one.error == EOK ? std::string("01234567").substr(one.from, 3) : "");
+    }
     memcpy(buffer, "0123456", 8);
-    EXPECT_EQ(strncpy_s(buffer, 4, buffer + 4, 3), EOK);  // neighbours
-    EXPECT_STREQ(buffer, "456");
-    memcpy(buffer, "0123456", 8);
-    EXPECT_EQ(strcpy_s(buffer, 8, buffer + 3), kOverlap);
+    EXPECT_EQ(strcpy_s(buffer + 8, 8, buffer), EOK);  // the zero that is read lies before
+    EXPECT_EQ(strcpy_s(buffer + 7, 8, buffer), kOverlap);
 }
 
 TEST(SecureText, FormatsWholeOrCutAsAsked) {

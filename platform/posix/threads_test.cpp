@@ -18,6 +18,7 @@ namespace {
 struct Seen {
     size_t stack = 0;
     int detached = -1;
+    int policy = -1;
     mmSem_t told{};
 };
 
@@ -29,6 +30,7 @@ void* Look(void* argument) {
     pthread_attr_getstack(&attributes, &lowest, &seen->stack);
     pthread_attr_getdetachstate(&attributes, &seen->detached);
     pthread_attr_destroy(&attributes);
+    seen->policy = sched_getscheduler(0);
     mmSemPost(&seen->told);
     return nullptr;
 }
@@ -66,6 +68,21 @@ TEST(Threads, GetTheStackAskedForAndEndDetachedWhenTold) {
             EXPECT_EQ(mmJoinTask(&thread), EN_INVALID_PARAM);
         }
     }
+}
+
+TEST(Threads, ARealTimePolicyIsGivenOrRefusedButNeverForgotten) {
+    Seen seen;
+    ASSERT_EQ(mmSemInit(&seen.told, 0), EN_OK);
+    const mmUserBlock_t body{Look, &seen};
+    const mmThreadAttr attributes{0, 1, 1, 1, SCHED_RR, 0, 0};
+    mmThread thread = 1;
+    if (mmCreateTaskWithThreadAttr(&thread, &body, &attributes) != EN_OK) {
+        EXPECT_EQ(errno, EPERM);
+        EXPECT_EQ(thread, 0u);
+        return;
+    }
+    ASSERT_EQ(mmJoinTask(&thread), EN_OK);
+    EXPECT_EQ(seen.policy, SCHED_RR);
 }
 
 TEST(Threads, AFailureGivesNoThread) {

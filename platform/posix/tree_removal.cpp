@@ -96,7 +96,6 @@ private:
         std::vector<std::string> entries;  // not yet seen to
     };
 
-    int StartAt(const Place& top, int parent);
     void RemoveEntry(int parent, const std::string& name);
     void Enter(int parent, const std::string& name, int whyNotUnlinked);
     void Push(const std::string& name, Stream stream);
@@ -126,10 +125,11 @@ int TreeRemoval::Run(const char* path) {
     if (parent.get() < 0) {
         return errno;
     }
-    const int refused = StartAt(top, parent.get());
-    if (refused != 0) {
-        return refused;
+    struct stat status;
+    if (fstatat(parent.get(), top.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return errno;  // further down, what is not there is as good as removed
     }
+    Enter(parent.get(), top.name, ENOTDIR);
     while (!levels_.empty()) {
         Level& level = levels_.back();
         if (level.entries.empty()) {
@@ -141,18 +141,6 @@ int TreeRemoval::Run(const char* path) {
         RemoveEntry(dirfd(level.stream.get()), name);
     }
     return first_error_;
-}
-
-int TreeRemoval::StartAt(const Place& top, int parent) {
-    struct stat status;
-    if (fstatat(parent, top.name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-        return errno;
-    }
-    if (!S_ISDIR(status.st_mode)) {
-        return ENOTDIR;
-    }
-    Enter(parent, top.name, ENOTDIR);
-    return 0;
 }
 
 void TreeRemoval::RemoveEntry(int parent, const std::string& name) {
