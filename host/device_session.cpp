@@ -1,5 +1,8 @@
 #include "host/device_session.h"
 
+#include <algorithm>
+#include <chrono>
+
 #include "hdc/hdc_api.h"
 #include "hdc/velt_dsmi.h"
 
@@ -45,28 +48,32 @@ bool Session::SendRequest(uint32_t type, std::string_view value) {
 }
 
 ReceiveResult Session::Receive(int timeoutMs, std::string* message) {
-    drvHdcEvent event = {};
-    int count = 0;
-    if (drvHdcEpollWait(epoll_, &event, 1, timeoutMs, &count) != DRV_ERROR_NONE) {
-        return ReceiveResult::kFailed;
-    }
-    if (count == 0) {
-        return ReceiveResult::kTimeout;
-    }
-    void* buffer = nullptr;
-    uint32_t length = 0;
-    const int ret = HdcReadNb(session_, &buffer, &length);
-    const HeapBlock received(static_cast<char*>(buffer));
-    switch (ret) {
-        case kHdcReadDone:
+    const auto start = std::chrono::steady_clock::now();
+    while (true) {
+        const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+            std::chrono::steady_clock::now() - start);
+        const int left =
+            timeoutMs < 0 ? timeoutMs : std::max(0, timeoutMs - static_cast<int>(spent.count()));
+        drvHdcEvent event = {};
+        int count = 0;
+        if (drvHdcEpollWait(epoll_, &event, 1, left, &count) != DRV_ERROR_NONE) {
+            return ReceiveResult::kFailed;
+        }
+        if (count == 0) {
+            return ReceiveResult::kTimeout;
+        }
+        void* buffer = nullptr;
+        uint32_t length = 0;
+        const int ret = HdcReadNb(session_, &buffer, &length);
+        const HeapBlock received(static_cast<char*>(buffer));
+        if (ret == kHdcReadDone) {
             message->assign(received.get(), length);
             return ReceiveResult::kMessage;
-        case kHdcReadClosed:
-            return ReceiveResult::kClosed;
-        case kHdcReadEmpty:  // part of a driver buffer: its rest did not come in time
-            return ReceiveResult::kTimeout;
-        default:
-            return ReceiveResult::kFailed;
+        }
+        if (ret != kHdcReadEmpty) {
+            return ret == kHdcReadClosed ? ReceiveResult::kClosed : ReceiveResult::kFailed;
+        }
+        // Only part of a driver buffer has come so far: the event was true all the same.
     }
 }
 
