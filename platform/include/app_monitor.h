@@ -24,21 +24,21 @@ typedef struct {
 
 /* Connects to the monitor's socket. Fails at once when nobody listens there; the record may
  * then be given to this operation again. `socketPath` is not kept. */
-int appmon_client_init(appmon_client_t *client, const char *socketPath);
+int appmon_client_init(appmon_client_t* client, const char* socketPath);
 
 /* Asks to be watched: the monitor runs `script` when no heartbeat came for `timeoutMs`
  * milliseconds. A refusal is a failure, after which it may be asked again. The text is not
  * kept. */
-int appmon_client_register(appmon_client_t *client, uint32_t timeoutMs, const char *script);
+int appmon_client_register(appmon_client_t* client, uint32_t timeoutMs, const char* script);
 
 /* Tells that the caller is alive. Only after a registration. */
-int appmon_client_heartbeat(appmon_client_t *client);
+int appmon_client_heartbeat(appmon_client_t* client);
 
 /* Ends the watching, for the reason given, without running the script. */
-int appmon_client_deregister(appmon_client_t *client, const char *reason);
+int appmon_client_deregister(appmon_client_t* client, const char* reason);
 
 /* Closes the connection and releases what the record holds. */
-int appmon_client_exit(appmon_client_t *client);
+int appmon_client_exit(appmon_client_t* client);
 
 #ifdef __cplusplus
 }

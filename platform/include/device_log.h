@@ -40,11 +40,11 @@ int CheckLogLevel(int module, int level);
 
 /* One line each. `format` and its arguments as printf's; a line feed at the end of the format
  * is part of the line's end, not of its text. Error and event lines are always written. */
-void DlogErrorInner(int module, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void DlogWarnInner(int module, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void DlogInfoInner(int module, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void DlogDebugInner(int module, const char *format, ...) __attribute__((format(printf, 2, 3)));
-void DlogEventInner(int module, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void DlogErrorInner(int module, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void DlogWarnInner(int module, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void DlogInfoInner(int module, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void DlogDebugInner(int module, const char* format, ...) __attribute__((format(printf, 2, 3)));
+void DlogEventInner(int module, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 #ifdef __cplusplus
 }

@@ -25,21 +25,21 @@ typedef int drvError_t;
 
 enum {
     DRV_ERROR_NONE = 0,
-    DRV_ERROR_WAIT_TIMEOUT = 16,       /* the time given to a receive ran out */
-    DRV_ERROR_CLIENT_BUSY = 23,        /* a server or client can't be released yet: try again */
-    DRV_ERROR_SOCKET_CLOSE = 25,       /* the session was closed, by the peer or by this side */
-    DRV_ERROR_DEVICE_NOT_READY = 34,   /* the device's channel isn't up yet: try again */
-    DRV_ERROR_NON_BLOCK = 36,          /* nothing to receive, or no room to send, right now */
-    DRV_ERROR_NOT_SUPPORT = 65534,     /* this device does not know what was asked for */
+    DRV_ERROR_WAIT_TIMEOUT = 16,     /* the time given to a receive ran out */
+    DRV_ERROR_CLIENT_BUSY = 23,      /* a server or client can't be released yet: try again */
+    DRV_ERROR_SOCKET_CLOSE = 25,     /* the session was closed, by the peer or by this side */
+    DRV_ERROR_DEVICE_NOT_READY = 34, /* the device's channel isn't up yet: try again */
+    DRV_ERROR_NON_BLOCK = 36,        /* nothing to receive, or no room to send, right now */
+    DRV_ERROR_NOT_SUPPORT = 65534,   /* this device does not know what was asked for */
 };
 
 /* Opaque handles; null means none. A message belongs to the session that it was allocated
  * for and outlives it: it is still to be freed after the session was closed. */
-typedef void *drvHdcClient_t;
-typedef void *drvHdcServer_t;
-typedef void *drvHdcSession_t;
-typedef void *drvHdcMsg_t;
-typedef void *drvHdcEpoll_t;
+typedef void* drvHdcClient_t;
+typedef void* drvHdcServer_t;
+typedef void* drvHdcSession_t;
+typedef void* drvHdcMsg_t;
+typedef void* drvHdcEpoll_t;
 
 enum {
     HDC_CHAN_TYPE_SOCKET = 2, /* the channel type whose capacity is asked for */
@@ -67,47 +67,47 @@ enum {
 /* ---- Clients and servers ----------------------------------------------------------- */
 
 /* `maxSessions`: sessions that may be open at once; `flag`: 0. */
-drvError_t drvHdcClientCreate(drvHdcClient_t *client, int maxSessions, int serviceType, int flag);
+drvError_t drvHdcClientCreate(drvHdcClient_t* client, int maxSessions, int serviceType, int flag);
 /* Its sessions must be closed before, else DRV_ERROR_CLIENT_BUSY. */
 drvError_t drvHdcClientDestroy(drvHdcClient_t client);
 /* Starts to listen. DRV_ERROR_DEVICE_NOT_READY while the device's channel is down. */
-drvError_t drvHdcServerCreate(int logicalDevice, int serviceType, drvHdcServer_t *server);
+drvError_t drvHdcServerCreate(int logicalDevice, int serviceType, drvHdcServer_t* server);
 /* Stops listening and makes a blocked accept on this server fail. Accepted sessions live on.
  * DRV_ERROR_CLIENT_BUSY while it can't be released yet; the handle then stays valid. */
 drvError_t drvHdcServerDestroy(drvHdcServer_t server);
 /* Blocks until a peer is connected. On a failure errno tells the system's reason (EINTR: a
  * signal came; try again), or is unchanged. */
-drvError_t drvHdcSessionAccept(drvHdcServer_t server, drvHdcSession_t *session);
+drvError_t drvHdcSessionAccept(drvHdcServer_t server, drvHdcSession_t* session);
 
 /* ---- Sessions ---------------------------------------------------------------------- */
 
 /* `peerNode`: 0 for the device side; `peerDevice`: logical device id there. */
 drvError_t drvHdcSessionConnect(int peerNode, int peerDevice, drvHdcClient_t client,
-                                drvHdcSession_t *session);
+                                drvHdcSession_t* session);
 /* The same in the name of another process of this host. */
-drvError_t halHdcSessionConnectEx(int peerNode, int peerDevice, int hostPid,
-                                  drvHdcClient_t client, drvHdcSession_t *session);
+drvError_t halHdcSessionConnectEx(int peerNode, int peerDevice, int hostPid, drvHdcClient_t client,
+                                  drvHdcSession_t* session);
 /* Binds the session to the calling process, so that it ends with it. */
 drvError_t drvHdcSetSessionReference(drvHdcSession_t session);
 /* Ends the session on both sides. Sends and receives that are blocked on it return
  * DRV_ERROR_SOCKET_CLOSE, on any thread. The handle is invalid from the call on; using it
  * again is refused with a failure. */
 drvError_t drvHdcSessionClose(drvHdcSession_t session);
-drvError_t halHdcGetSessionAttr(drvHdcSession_t session, int attribute, int *value);
-drvError_t drvHdcGetCapacity(drvHdcCapacity *capacity);
+drvError_t halHdcGetSessionAttr(drvHdcSession_t session, int attribute, int* value);
+drvError_t drvHdcGetCapacity(drvHdcCapacity* capacity);
 
 /* ---- Messages: the carriers of buffers ---------------------------------------------- */
 
 /* `count`: buffers that the message can carry; this system uses 1. */
-drvError_t drvHdcAllocMsg(drvHdcSession_t session, drvHdcMsg_t *message, int count);
+drvError_t drvHdcAllocMsg(drvHdcSession_t session, drvHdcMsg_t* message, int count);
 drvError_t drvHdcFreeMsg(drvHdcMsg_t message);
 /* Empties the message for its next use. */
 drvError_t drvHdcReuseMsg(drvHdcMsg_t message);
 /* Refers to `buffer` until the message is sent and reused or freed; the buffer stays the
  * caller's and must live that long. 1..maximum segment bytes. */
-drvError_t drvHdcAddMsgBuffer(drvHdcMsg_t message, char *buffer, int length);
+drvError_t drvHdcAddMsgBuffer(drvHdcMsg_t message, char* buffer, int length);
 /* The index-th received buffer; it belongs to the message, until its reuse or free. */
-drvError_t drvHdcGetMsgBuffer(drvHdcMsg_t message, int index, char **buffer, int *length);
+drvError_t drvHdcGetMsgBuffer(drvHdcMsg_t message, int index, char** buffer, int* length);
 /* Sends the message's buffers. A failure may come after part of a buffer went out; the
  * session is then of no further use. `timeout`: 0. */
 drvError_t halHdcSend(drvHdcSession_t session, drvHdcMsg_t message, uint64_t flag,
@@ -118,7 +118,7 @@ drvError_t halHdcSend(drvHdcSession_t session, drvHdcMsg_t message, uint64_t fla
  * DRV_ERROR_WAIT_TIMEOUT. A peer that has gone gives DRV_ERROR_SOCKET_CLOSE, after all that
  * it sent has been received. */
 drvError_t halHdcRecv(drvHdcSession_t session, drvHdcMsg_t message, int size, uint64_t flag,
-                      int *bufferCount, uint32_t timeout);
+                      int* bufferCount, uint32_t timeout);
 
 /* ---- Event wait --------------------------------------------------------------------- */
 
@@ -129,8 +129,8 @@ enum {
 
 /* Bits of drvHdcEvent.events. */
 enum {
-    HDC_EPOLL_CONN_IN = 1,     /* a peer wants to connect: accept will not block */
-    HDC_EPOLL_DATA_IN = 2,     /* data can be received */
+    HDC_EPOLL_CONN_IN = 1,       /* a peer wants to connect: accept will not block */
+    HDC_EPOLL_DATA_IN = 2,       /* data can be received */
     HDC_EPOLL_SESSION_CLOSE = 8, /* the peer has gone */
 };
 
@@ -141,25 +141,25 @@ typedef struct {
 } drvHdcEvent;
 
 /* `size`: events that one wait hands out at most. */
-drvError_t drvHdcEpollCreate(int size, drvHdcEpoll_t *epoll);
+drvError_t drvHdcEpollCreate(int size, drvHdcEpoll_t* epoll);
 drvError_t drvHdcEpollClose(drvHdcEpoll_t epoll);
 /* `target`: a server or a session handle. A handle that is closed leaves the set by itself. */
-drvError_t drvHdcEpollCtl(drvHdcEpoll_t epoll, int operation, void *target,
-                          const drvHdcEvent *event);
+drvError_t drvHdcEpollCtl(drvHdcEpoll_t epoll, int operation, void* target,
+                          const drvHdcEvent* event);
 /* Waits for at most `timeout` milliseconds, -1 for ever. 0 with a count of 0 when it ran out.
  * Level-triggered. `eventCount` <= `maxEvents`. */
-drvError_t drvHdcEpollWait(drvHdcEpoll_t epoll, drvHdcEvent *events, int maxEvents, int timeout,
-                           int *eventCount);
+drvError_t drvHdcEpollWait(drvHdcEpoll_t epoll, drvHdcEvent* events, int maxEvents, int timeout,
+                           int* eventCount);
 
 /* ---- Device numbers ------------------------------------------------------------------ */
 
 /* Number of devices that are up. */
-drvError_t drvGetDevNum(uint32_t *count);
+drvError_t drvGetDevNum(uint32_t* count);
 /* Logical ids of the devices that are up, at most `length` (limit of the driver: 64) of them;
  * entries beyond the number of devices are unchanged. */
-drvError_t drvGetDeviceLocalIDs(uint32_t *ids, uint32_t length);
+drvError_t drvGetDeviceLocalIDs(uint32_t* ids, uint32_t length);
 /* The physical id, which names the chip whatever logical id it has. */
-drvError_t drvDeviceGetPhyIdByIndex(uint32_t logicalDevice, uint32_t *physicalDevice);
+drvError_t drvDeviceGetPhyIdByIndex(uint32_t logicalDevice, uint32_t* physicalDevice);
 
 #ifdef __cplusplus
 }

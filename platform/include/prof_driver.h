@@ -32,9 +32,9 @@ enum {
 };
 
 enum {
-    PROF_CHANNEL_NUM_MAX = 160,  /* ids are 1..160, and so many fit a list */
+    PROF_CHANNEL_NUM_MAX = 160, /* ids are 1..160, and so many fit a list */
     PROF_CHANNEL_NAME_LEN = 32,
-    PROF_EVENT_NUM_MAX = 8,      /* of one core's counters */
+    PROF_EVENT_NUM_MAX = 8, /* of one core's counters */
 };
 
 /* ---- The channels of a device ------------------------------------------------------- */
@@ -59,7 +59,7 @@ static_assert(offsetof(ProfChannelList, channels) == 8, "layout of the driver");
 
 /* Fills the record with the channels of a device, by its logical id. Entries beyond
  * `channelNum` are unchanged; on a failure the whole record is undefined. */
-int prof_drv_get_channels(uint32_t device, ProfChannelList *channels);
+int prof_drv_get_channels(uint32_t device, ProfChannelList* channels);
 
 /* ---- Start and stop ------------------------------------------------------------------ */
 
@@ -73,7 +73,7 @@ typedef struct {
     uint32_t samplePeriod; /* in the driver's unit for that channel; 0 where it samples nothing */
     uint32_t realTime;     /* 1: data is read while it is collected */
     uint32_t padding0;
-    void *userData;        /* configuration record of the channel; null with a size of 0 */
+    void* userData;        /* configuration record of the channel; null with a size of 0 */
     uint32_t userDataSize; /* its size in bytes */
     uint32_t padding1;
 } ProfStartPara;
@@ -84,7 +84,7 @@ static_assert(offsetof(ProfStartPara, userData) == 16, "layout of the driver");
 static_assert(offsetof(ProfStartPara, userDataSize) == 24, "layout of the driver");
 
 /* Starts a channel. Both records stay the caller's and are read during the call only. */
-int prof_drv_start(uint32_t device, uint32_t channel, const ProfStartPara *para);
+int prof_drv_start(uint32_t device, uint32_t channel, const ProfStartPara* para);
 /* Stops it. What was collected until then can be read no longer. Polls and reads that wait
  * for the channel return soon. */
 int prof_stop(uint32_t device, uint32_t channel);
@@ -101,18 +101,18 @@ static_assert(offsetof(ProfPollInfo, channel) == 4, "layout of the driver");
 /* Copies what is there, at most `size` bytes, and returns how many; 0 when nothing is there.
  * Does not block. PROF_STOPPED_ALREADY: the channel has stopped, or was never started. On a
  * failure the content of the buffer is undefined. */
-int prof_channel_read(uint32_t device, uint32_t channel, char *buffer, uint32_t size);
+int prof_channel_read(uint32_t device, uint32_t channel, char* buffer, uint32_t size);
 
 /* Waits until started channels, of any device, have data, and fills a record for each, at most
  * `num`. Returns how many, 0 when `timeout` ran out, -1 on an error, PROF_STOPPED_ALREADY when
  * the driver polls no longer. `timeout` counts in a unit of the driver's, some tens of
  * milliseconds; 0 does not wait. Waits just as well while no channel is started. */
-int prof_channel_poll(ProfPollInfo *events, int num, int timeout);
+int prof_channel_poll(ProfPollInfo* events, int num, int timeout);
 
 /* Moves the side buffer that the driver keeps for some channels into the channel, where it is
  * read as ever, and tells its size in bytes. PROF_STOPPED_ALREADY: the channel is closed. Not
  * every driver has it: the symbol is then null. On a failure `size` is unchanged. */
-int halProfDataFlush(uint32_t device, uint32_t channel, uint32_t *size) __attribute__((weak));
+int halProfDataFlush(uint32_t device, uint32_t channel, uint32_t* size) __attribute__((weak));
 
 /* ---- Configuration records: the cores ---------------------------------------------------
  *
@@ -120,8 +120,8 @@ int halProfDataFlush(uint32_t device, uint32_t channel, uint32_t *size) __attrib
  * mask has bit n set for the core with id n. */
 
 enum {
-    PROF_AICORE_TASK = 0,   /* counted per task */
-    PROF_AICORE_SAMPLE = 1, /* sampled with a period */
+    PROF_AICORE_TASK = 0,             /* counted per task */
+    PROF_AICORE_SAMPLE = 1,           /* sampled with a period */
     PROF_AICORE_SAMPLE_MARK = 0x6666, /* ProfAicoreConfig.mark when sampling */
 };
 

@@ -27,31 +27,31 @@ typedef int errno_t;
 /* 0, or ERANGE (destMax out of range, or less than `count`), EINVAL (null pointer, with a
  * `count` of 0 too), or 128 + EINVAL for an overlap. `count` bytes are copied or set, none for 0.
  * memset_s with too large a `count` sets all bytes of the destination and fails. */
-errno_t memcpy_s(void *dest, size_t destMax, const void *src, size_t count);
-errno_t memset_s(void *dest, size_t destMax, int c, size_t count);
+errno_t memcpy_s(void* dest, size_t destMax, const void* src, size_t count);
+errno_t memset_s(void* dest, size_t destMax, int c, size_t count);
 
 /* 0, or an error as above, with EINVAL too for a destination to append to that has no end. The
  * n-forms copy at most `count` characters of the source, which needs no terminating zero within
  * them; a `count` above 0x7FFFFFFF is ERANGE. The result always ends in a zero; text that would
  * not fit with it is ERANGE, never cut. */
-errno_t strcpy_s(char *dest, size_t destMax, const char *src);
-errno_t strncpy_s(char *dest, size_t destMax, const char *src, size_t count);
-errno_t strcat_s(char *dest, size_t destMax, const char *src);
-errno_t strncat_s(char *dest, size_t destMax, const char *src, size_t count);
+errno_t strcpy_s(char* dest, size_t destMax, const char* src);
+errno_t strncpy_s(char* dest, size_t destMax, const char* src, size_t count);
+errno_t strcat_s(char* dest, size_t destMax, const char* src);
+errno_t strncat_s(char* dest, size_t destMax, const char* src, size_t count);
 
 /* The number of characters written without the terminating zero, or -1 with an empty
  * destination for invalid arguments or when the text does not fit (snprintf_s: nor in `count`
  * characters). */
-int sprintf_s(char *dest, size_t destMax, const char *format, ...)
+int sprintf_s(char* dest, size_t destMax, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
-int snprintf_s(char *dest, size_t destMax, size_t count, const char *format, ...)
+int snprintf_s(char* dest, size_t destMax, size_t count, const char* format, ...)
     __attribute__((format(printf, 4, 5)));
 
 /* The same, but text that does not fit is cut to destMax - 1 characters and that number is
  * returned. -1 only for invalid arguments or an invalid format. */
-int snprintf_truncated_s(char *dest, size_t destMax, const char *format, ...)
+int snprintf_truncated_s(char* dest, size_t destMax, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
-int vsnprintf_truncated_s(char *dest, size_t destMax, const char *format, va_list arguments)
+int vsnprintf_truncated_s(char* dest, size_t destMax, const char* format, va_list arguments)
     __attribute__((format(printf, 3, 0)));
 
 #ifdef __cplusplus
