@@ -86,7 +86,8 @@ def test_is_a_device_in_one_folder(caller):
         cmp /var/sudo "$0"
     """
     root = caller.folder / "device"
-    result = caller.run("--root", str(root), "--", "sh", "-c", script, str(STANDINS / "sudo"))
+    sudo = caller.folder / "standins" / "sudo"
+    result = caller.run("--root", str(root), "--", "sh", "-c", script, str(sudo))
     assert (result.returncode, result.stdout) == (0, ""), result.stderr
     assert result.stderr == f"files of the daemon: {root}\n"
     assert [p for p in LANDS_OUTSIDE if (root / p[1:]).read_text() != "seen\n"] == []
