@@ -8,6 +8,8 @@
 #include <google/protobuf/util/message_differencer.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
+
 #include "hdc/test_support.h"
 
 namespace analysis::nedra::message {
@@ -83,41 +85,15 @@ TEST(Codec, LiveMessagesKeepTheirBytesAndComeBack) {
 }
 
 TEST(Codec, EveryTypeOfTheSchemaIsFoundByName) {
-    const char* const types[] = {"Header",
-                                 "FileChunkReq",
-                                 "FileChunkFlushReq",
-                                 "FileAck",
-                                 "Response",
-                                 "RemoteJobStartReq",
-                                 "JobStartReq",
-                                 "JobStopReq",
-                                 "ReplayStartReq",
-                                 "ReplayStopReq",
-                                 "FinishJobRsp",
-                                 "CtrlChannelHandshake",
-                                 "DataChannelHandshake",
-                                 "DeviceInfo",
-                                 "SyncDeviceList",
-                                 "DataChannelFinish",
-                                 "TypeEvents",
-                                 "ProfilerTypeEvents",
-                                 "ProfilerEvents",
-                                 "JobCtx",
-                                 "ModuleConfig",
-                                 "ProfilerJobConfig",
-                                 "ProfilerConf",
-                                 "ProfilerFeature",
-                                 "ProfilerFeatureCtx",
-                                 "ProfilerFeatureConfig",
-                                 "TraceletPStartReq",
-                                 "DataChannelClose",
-                                 "InfoCpu",
-                                 "InfoDeviceInfo",
-                                 "NetCardInfo",
-                                 "InfoMain",
-                                 "AppLog",
-                                 "CollectionStartEndTime"};
-    for (const char* type : types) {
+    std::istringstream types(
+        "Header FileChunkReq FileChunkFlushReq FileAck Response RemoteJobStartReq "
+        "JobStartReq JobStopReq ReplayStartReq ReplayStopReq FinishJobRsp "
+        "CtrlChannelHandshake DataChannelHandshake DeviceInfo SyncDeviceList "
+        "DataChannelFinish TypeEvents ProfilerTypeEvents ProfilerEvents JobCtx "
+        "ModuleConfig ProfilerJobConfig ProfilerConf ProfilerFeature ProfilerFeatureCtx "
+        "ProfilerFeatureConfig TraceletPStartReq DataChannelClose InfoCpu InfoDeviceInfo "
+        "NetCardInfo InfoMain AppLog CollectionStartEndTime");
+    for (std::string type; types >> type;) {
         const auto message = DecodeMessage(Envelope(Named(type) + '\0', ""));
         ASSERT_NE(nullptr, message) << type;
         EXPECT_EQ(Named(type), message->GetTypeName());
