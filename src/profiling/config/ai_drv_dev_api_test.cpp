@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "profiling/config/device_test.h"
+#include "profiling/config/device_test_support.h"
 
 namespace analysis::nedra::driver {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-#include "profiling/config/device_test.h"
+#include "profiling/config/device_test_support.h"
 #include "profiling/config/profile_params.h"
 
 namespace Analysis::Nedra::Common::Config {

@@ -1,6 +1,6 @@
 #include "profiling/config/platform.h"
 
-#include "profiling/config/device_test.h"
+#include "profiling/config/device_test_support.h"
 
 namespace Analysis::Nedra::Common::Platform {
 namespace {
