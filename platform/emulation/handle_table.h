@@ -46,6 +46,7 @@ public:
         slot.value = static_cast<uint64_t>(kKind) << kKindShift |
                      (slot.generation & kGenerationMask) << kSlotBits | (index + 1);
         ++slot.generation;
+        // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle is never followed.
         return reinterpret_cast<void*>(slot.value);
     }
 

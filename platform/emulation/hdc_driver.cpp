@@ -157,9 +157,10 @@ drvError_t drvHdcServerCreate(int logicalDevice, int serviceType, drvHdcServer_t
         }
         auto made = Server::Create(device, serviceType, scenario->maxSegment);
         if (made == nullptr) {
+            const int reason = errno;
             std::fprintf(stderr, "orla platform: can't listen on %s: %s\n",
-                         SocketPath(logicalDevice, serviceType).c_str(), std::strerror(errno));
-            return errno == EADDRINUSE ? kAddressInUse : kSystemError;
+                         SocketPath(logicalDevice, serviceType).c_str(), std::strerror(reason));
+            return reason == EADDRINUSE ? kAddressInUse : kSystemError;
         }
         *server = Handles::Get().servers.Add(std::move(made));
         return kDone;

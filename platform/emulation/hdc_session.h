@@ -10,8 +10,8 @@
 // A session in an event wait doesn't read ahead, since the wait looks at the socket.
 //
 // Sending without waiting. The socket may take the first part of a frame and have no room for
-// the rest. Half a frame would ruin the stream, so the session then keeps the rest (a frame at
-// most), reports the frame as sent, and a thread brings the rest out; until that is done further
+// the rest. Half a frame would ruin the stream, so the session then keeps the rest of what the
+// message carries, reports it as sent, and a thread brings the rest out; until that is done further
 // sends without waiting answer DRV_ERROR_NON_BLOCK. Closing drops the rest.
 #pragma once
 
@@ -109,7 +109,7 @@ private:
     // Guarded by sendMutex_.
     std::vector<iovec> pieces_;
     std::vector<FrameHeader> headers_;
-    std::vector<char> tail_;  // of a frame that was sent without waiting
+    std::vector<char> tail_;  // of what was sent without waiting
 
     ClientPlace place_;  // touched by the one thread that gave the handle back
 };

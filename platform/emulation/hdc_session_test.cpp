@@ -255,6 +255,7 @@ TEST_F(HdcSessionTest, HandlesAreLookedUpNeverFollowed) {
     EXPECT_NE(halHdcSend(session.second, message, HDC_FLAG_WAIT, 0), 0);  // of the other session
     Close(session);
 
+    const auto other = MakeSession();  // takes the places of those that were closed
     int number = 0;
     char* buffer = nullptr;
     std::vector<void*> strange = {session.first, message,
@@ -283,6 +284,9 @@ TEST_F(HdcSessionTest, HandlesAreLookedUpNeverFollowed) {
             EXPECT_NE(drvHdcSessionConnect(0, 0, handle, &handle), 0);
         }
     }
+    EXPECT_EQ(Send(other.first, "untouched"), 0);
+    EXPECT_EQ(Receive(other.second), (Received{0, "untouched"}));
+    Close(other);
     // The message has outlived its session, and is freed once.
     EXPECT_NE(drvHdcGetMsgBuffer(message, 0, &buffer, &number), 0);
     EXPECT_EQ(drvHdcFreeMsg(message), 0);

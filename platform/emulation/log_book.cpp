@@ -86,6 +86,7 @@ void LogBook::ReadEnvironment() {
     logger->set_level(spdlog::level::trace);
     logger->flush_on(spdlog::level::trace);  // the process leaves without running destructors
     SetLevel(LevelFromEnvironment());
+    pid_ = 0;
     const std::lock_guard<std::mutex> lock(mutex_);
     logger_ = std::move(logger);
     capturing_ = false;

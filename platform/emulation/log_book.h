@@ -31,7 +31,7 @@ public:
     }
     void SetLevel(LogLevel level);
     void SetPid(uint32_t pid) { pid_ = pid; }
-    // Takes sink and level from the environment, and ends a capture.
+    // Takes sink and level from the environment, forgets the pid and ends a capture.
     void ReadEnvironment();
 
     // One record. `text` as formatted, at most one line feed at its end dropped by the caller.
