@@ -17,24 +17,36 @@ int LogMutex::Init() {
 }
 
 int LogMutex::Destroy() {
-    if (ready_ == 0) {
+    // First the flag, then the count, and Lock the other way round: one of both sees the other.
+    if (ready_.exchange(0) == 0) {
         return EN_OK;
     }
-    const int result = ToolMutexDestroy(&mutex_);
-    ready_ = result == EN_OK ? 0 : 1;
-    return result;
+    if (users_ != 0) {
+        ready_ = 1;
+        errno = EBUSY;
+        return EN_ERROR;
+    }
+    return ToolMutexDestroy(&mutex_);
 }
 
 int LogMutex::Lock() {
+    ++users_;
     if (ready_ == 0) {
+        --users_;
         errno = EINVAL;
         return EN_ERROR;
     }
-    return ToolMutexLock(&mutex_);
+    const int result = ToolMutexLock(&mutex_);
+    if (result != EN_OK) {
+        --users_;
+    }
+    return result;
 }
 
 int LogMutex::Unlock() {
-    return ToolMutexUnLock(&mutex_);
+    const int result = ToolMutexUnLock(&mutex_);
+    --users_;
+    return result;
 }
 
 LogLock::LogLock(LogMutex& mutex) : mutex_(&mutex) {

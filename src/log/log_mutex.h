@@ -15,7 +15,7 @@ class LogMutex {
 public:
     // 0 at once when it exists already. -1 with errno on failure.
     [[nodiscard]] int Init();
-    // A mutex that is held is left alive, with EBUSY: its holder must be able to release it.
+    // A mutex that is held or waited for is left alive, with EBUSY.
     int Destroy();
     [[nodiscard]] int Lock();
     [[nodiscard]] int Unlock();
@@ -23,6 +23,7 @@ public:
 private:
     mmMutex_t mutex_{};
     std::atomic<uint32_t> ready_{0};
+    std::atomic<uint32_t> users_{0};  // threads that hold it, wait for it or are about to
 };
 
 // Holds a LogMutex for a scope, or until Release. A failure to lock costs a warning only: a

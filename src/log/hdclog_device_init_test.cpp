@@ -1,0 +1,331 @@
+#include "log/hdclog_device_init.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <future>
+#include <mutex>
+
+#include "log/log_test_support.h"
+#include "log/slogd_test_support.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using namespace orla::test;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+
+constexpr uint32_t kDevice = 1000;
+constexpr char kEnd[] = "###[HDC_MSG]hdc_end_msg_used_by_framework###";
+constexpr char kUnknown[] = "unknown error, please check log file";
+constexpr char kSendFailed[] = "send message to slogd failed, maybe slogd has been stoped";
+constexpr char kReceiveFailed[] = "receive message from slogd failed, maybe slogd has been stoped";
+
+// What one host got, and what the service answered to its caller.
+struct Answer {
+    int32_t code = -1;
+    std::vector<std::string> messages;
+
+    bool operator==(const Answer& other) const {
+        return code == other.code && messages == other.messages;
+    }
+};
+void PrintTo(const Answer& answer, std::ostream* out) {
+    *out << answer.code << " " << testing::PrintToString(answer.messages);
+}
+
+// Serves the device's end of a session as the request loop does, and reads as a host does.
+template <typename Serve>
+Answer Converse(Session* session, Serve serve) {
+    Answer answer;
+    std::thread device([&] {
+        answer.code = serve(session->device);
+        Session::Close(&session->device);
+    });
+    while (auto message = ReadMessage(session->host)) {
+        answer.messages.push_back(*message);
+    }
+    device.join();
+    return answer;
+}
+
+// `length`: what the record says, the truth or not.
+int32_t Process(drvHdcSession_t device, const std::string& value, size_t length) {
+    std::vector<char> record(sizeof(IdeRequest) + value.size() + 1);
+    auto* const request = reinterpret_cast<IdeRequest*>(record.data());
+    *request = {orla::kRequestLog, kDevice, static_cast<uint32_t>(length)};
+    value.copy(request->value, value.size());
+    return IdeDeviceLogProcess(device, request);
+}
+
+class LogServiceTest : public testing::Test {
+protected:
+    void SetUp() override {
+        orla::control::Reset();
+        orla::control::SetLogLevel(orla::control::LogLevel::kError);
+        ASSERT_LT(msgget(kSlogdKey, 0), 0) << "a log daemon runs here: use the sandbox";
+        ASSERT_EQ(IdeDeviceLogInit(), kLogServiceDone);
+        orla::SetLogFiles(log_.files());
+    }
+    void TearDown() override {
+        EXPECT_EQ(IdeDeviceLogDestroy(), 0);
+        orla::control::Reset();
+    }
+
+    Answer Ask(const std::string& value) { return Ask(value, value.size()); }
+    Answer Ask(const std::string& value, size_t length) {
+        Session session(listener_);
+        return Converse(&session,
+                        [&](drvHdcSession_t device) { return Process(device, value, length); });
+    }
+
+    SelfLogHere log_;
+    Listener listener_;
+};
+
+Answer Full(int32_t code, const std::string& text) {
+    return {code, {text, kEnd}};
+}
+
+TEST_F(LogServiceTest, RelaysToTheLogDaemonAndBack) {
+    const std::tuple<std::string, std::string, std::string> cases[] = {
+        {"get", "[global] info [event] on", "get device level succeed."},
+        {"set CORE debug", "++OK++", "set device level succeed."},
+        {"set event off", "++OK++", "set device level succeed."},
+        {"get CORE", "[CORE] debug [event] off", "get device level succeed."},
+        {"get PROFILER", "[PROFILER] info [event] off", "get device level succeed."},
+        {"set global error", "++OK++", "set device level succeed."},
+        {"get", "[global] error [event] off [CORE] debug", "get device level succeed."},
+        {"set CORE default", "++OK++", "set device level succeed."},
+        {"get CORE", "[CORE] error [event] off", "get device level succeed."},
+        {"set NOBODY debug", "no such module: NOBODY",
+         "set device level failed, result_info=no such module: NOBODY."},
+        {"set CORE loud", "no such level: loud", "set device level failed"},
+        {"x", "no such command, help lists them: x", "set device level failed"},
+    };
+    SlogdProgram slogd;
+    for (const auto& [command, reply, line] : cases) {
+        EXPECT_EQ(Ask(command), Full(0, reply)) << command;
+        EXPECT_THAT(log_.Take(),
+                    AllOf(HasSubstr("request_value=" + command + ", request_length=" +
+                                    std::to_string(command.size()) + ", request_devId=1000."),
+                          HasSubstr(line), HasSubstr("operate device level finished, result=0.")));
+    }
+    EXPECT_THAT(Ask("help").messages, ElementsAre(HasSubstr("[event]"), kEnd));
+    EXPECT_EQ(slogd.Stop(), 0);
+    EXPECT_EQ(Ask("get"), Full(kLogServiceNoQueue, kSendFailed));
+    EXPECT_THAT(log_.Take(), HasSubstr("get message queue failed, strerr=No such file"));
+}
+
+TEST_F(LogServiceTest, PassesOnTheFirst1020BytesOfARequest) {
+    std::mutex mutex;  // the queue orders the threads as well, but no checker can see that
+    std::string seen;
+    ScriptedSlogd slogd([&](int queue, const SlogdMessage& request) {
+        const std::lock_guard<std::mutex> lock(mutex);
+        seen = std::to_string(request.deviceId) + " " + request.text;
+        SendReply(queue, SlogdMessage("++OK++"));
+    });
+    for (const size_t length : {1, 1019, 1020, 1021, 1023}) {
+        const std::string value(length, 'v');
+        EXPECT_EQ(Ask(value), Full(0, "++OK++"));
+        const std::lock_guard<std::mutex> lock(mutex);
+        EXPECT_EQ(seen, "1000 " + value.substr(0, 1020));
+    }
+}
+
+TEST_F(LogServiceTest, AnIllegalLengthTouchesNoQueue) {
+    const SlogdQueue queue;
+    for (const size_t length : {0ul, 1024ul, 0x80000000ul, 0xFFFFFFFFul}) {
+        EXPECT_EQ(Ask(std::string(1024, 'v'), length),
+                  Full(kLogServiceIllegalLength, "level infomtion is illegal"));
+    }
+    EXPECT_THAT(log_.Take(), HasSubstr("request length is illegal, request_length=1024."));
+    EXPECT_EQ(queue.Status().msg_lspid, 0) << "something was sent";
+}
+
+TEST_F(LogServiceTest, ForwardsWhateverTheDaemonAnswers) {
+    {
+        const SlogdProgram slogd({"--answer", "empty"});
+        EXPECT_EQ(Ask("get"), Full(0, kUnknown));
+        EXPECT_THAT(log_.Take(), HasSubstr("set device level failed, result_info=unknown error"));
+    }
+    {
+        const SlogdProgram slogd({"--answer", "garbage"});
+        std::string garbage;
+        for (int i = 0; i < 1020; ++i) {
+            garbage += static_cast<char>(1 + i % 255);
+        }
+        EXPECT_EQ(Ask("get"), Full(0, garbage));
+        log_.Take();
+    }
+    {
+        const SlogdProgram slogd({"--answer", "oversize"});
+        EXPECT_EQ(Ask("get"), Full(kLogServiceNoAnswer, kUnknown));
+        EXPECT_THAT(log_.Take(), HasSubstr("strerr=Argument list too long, retry_time="));
+    }
+    {
+        const SlogdProgram slogd({"--delay-ms", "400"});
+        EXPECT_EQ(Ask("set CORE debug"), Full(0, "++OK++"));
+    }
+}
+
+TEST_F(LogServiceTest, GivesUpOnADaemonThatDoesNotAnswer) {
+    {
+        const SlogdProgram slogd({"--answer", "none"});
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(Ask("get"), Full(kLogServiceNoAnswer, kReceiveFailed));
+        EXPECT_GE(std::chrono::steady_clock::now() - start, 900ms);
+        EXPECT_THAT(log_.Take(), HasSubstr("receive level setting result failed from slogd, "
+                                           "result=-1, strerr=No message of desired type, "
+                                           "retry_time=10."));
+    }
+    {
+        const SlogdProgram slogd({"--vanish-after", "1"});
+        EXPECT_EQ(Ask("get"), Full(kLogServiceNoAnswer, kReceiveFailed));
+        EXPECT_THAT(log_.Take(), Not(HasSubstr("retry_time=10.")));
+        EXPECT_EQ(Ask("get"), Full(kLogServiceNoQueue, kSendFailed));
+    }
+    {
+        SlogdProgram slogd({"--vanish-after", "2", "--leave-queue"});
+        EXPECT_EQ(Ask("get").code, kLogServiceDone);
+        EXPECT_EQ(Ask("get"), Full(kLogServiceNoAnswer, kReceiveFailed));
+    }
+    // A daemon that starts again takes the place of the one that was killed.
+    const SlogdProgram slogd;
+    EXPECT_EQ(Ask("get").code, kLogServiceDone);
+}
+
+// Answers of another request must never be taken for the answer of this one.
+TEST_F(LogServiceTest, StaleRepliesAreThrownAway) {
+    std::atomic<int> requests{0};
+    ScriptedSlogd slogd([&](int queue, const SlogdMessage& request) {
+        if (requests++ == 0) {
+            std::this_thread::sleep_for(1200ms);
+        }
+        SendReply(queue, SlogdMessage("[event] " + std::string(request.text)));
+    });
+    EXPECT_EQ(Ask("first"), Full(kLogServiceNoAnswer, kReceiveFailed));
+    while (slogd.queue.Status().msg_qnum == 0) {
+        std::this_thread::yield();  // until the late answer is there
+    }
+    SendReply(slogd.queue.id(), SlogdMessage("++OK++"));
+    SendReply(slogd.queue.id(), SlogdMessage(std::string(4000, 'x')), 4000);
+    EXPECT_EQ(Ask("second"), Full(0, "[event] second"));
+    EXPECT_EQ(slogd.queue.Status().msg_qnum, 0u);
+}
+
+TEST_F(LogServiceTest, TellsWhyTheQueueIsOfNoUse) {
+    {
+        const SlogdQueue full;
+        msqid_ds status = full.Status();
+        status.msg_qbytes = 100;
+        ASSERT_EQ(msgctl(full.id(), IPC_SET, &status), 0);
+        EXPECT_EQ(Ask("get"), Full(kLogServiceNotSent, kUnknown));
+        EXPECT_THAT(log_.Take(), HasSubstr("send level info to slogd failed, strerr=Resource"));
+    }
+    const SlogdQueue foreign(0200);
+    if (msgrcv(foreign.id(), nullptr, 0, 2, IPC_NOWAIT) < 0 && errno != EACCES) {
+        GTEST_SKIP() << "this user may do everything";
+    }
+    EXPECT_EQ(Ask("get"), Full(kLogServiceNoAnswer, kUnknown));
+    EXPECT_THAT(log_.Take(), HasSubstr("strerr=Permission denied, retry_time=0."));
+}
+
+TEST_F(LogServiceTest, RefusesSessionsWithoutAnEndMarker) {
+    const SlogdProgram slogd;
+    const std::tuple<const char*, const char*, Answer, std::string> cases[] = {
+        {"ORLA_HDC_RUN_ENV",
+         "4",
+         {kLogServiceVirtual, {"not support in virtual env."}},
+         "not support in virtual env docker."},
+        {"ORLA_HDC_VF_ID",
+         "1",
+         {kLogServicePowerGroup, {"multiple hosts use one device, prohibit operating log level"}},
+         "compute power group, vfId=1."},
+    };
+    for (const auto& [variable, value, answer, line] : cases) {
+        setenv(variable, value, 1);
+        EXPECT_EQ(Ask("get"), answer);
+        unsetenv(variable);
+        EXPECT_THAT(log_.Take(), HasSubstr(line));
+    }
+    for (const uint64_t passing : {0, 1}) {
+        orla::control::Fault fault;
+        fault.call = "halHdcGetSessionAttr";
+        fault.result = 99;
+        fault.after = passing;
+        ASSERT_TRUE(orla::control::InjectFault(fault));
+        EXPECT_EQ(Ask("get"), (Answer{kLogServiceNoAttribute, {kUnknown}}));
+        EXPECT_THAT(log_.Take(), HasSubstr(passing == 0 ? "get run env type by session failed"
+                                                        : "ide get vfid by session failed, ret="));
+    }
+    EXPECT_EQ(Process(nullptr, "get", 3), kLogServiceNoAttribute);
+}
+
+TEST_F(LogServiceTest, AnswersANullRequest) {
+    Session session(listener_);
+    EXPECT_EQ(Converse(&session,
+                       [](drvHdcSession_t device) { return IdeDeviceLogProcess(device, nullptr); }),
+              Full(kLogServiceNoRequest, kUnknown));
+    EXPECT_THAT(log_.Take(), HasSubstr("[input] request is null."));
+}
+
+TEST_F(LogServiceTest, NoticesAHostThatHasGone) {
+    const SlogdProgram slogd;
+    Session session(listener_);
+    Session::Close(&session.host);
+    EXPECT_EQ(Process(session.device, "get", 3), kLogServiceWriteFailed);
+    EXPECT_THAT(log_.Take(),
+                AllOf(HasSubstr("write level setting result to host failed, result=-1."),
+                      HasSubstr("response end message to host failed, ret=8.")));
+}
+
+TEST_F(LogServiceTest, EightHostsGetTheirOwnAnswers) {
+    const SlogdProgram slogd;
+    const std::vector<std::string> modules = {"SYSTEM", "CORE",  "DRIVER", "RUNTIME",
+                                              "MEMORY", "POWER", "CLOCK",  "PROFILER"};
+    for (int round = 0; round < 3; ++round) {
+        std::vector<std::future<Answer>> answers;
+        for (const std::string& module : modules) {
+            auto session = std::make_unique<Session>(listener_);
+            answers.push_back(std::async(std::launch::async, [&, session = std::move(session)] {
+                return Converse(session.get(), [&](drvHdcSession_t device) {
+                    const std::string command = "get " + module;
+                    return Process(device, command, command.size());
+                });
+            }));
+        }
+        for (size_t i = 0; i < modules.size(); ++i) {
+            EXPECT_EQ(answers[i].get(), Full(0, "[" + modules[i] + "] info [event] on"));
+        }
+    }
+}
+
+TEST_F(LogServiceTest, RequestsOutliveTheComponent) {
+    std::promise<void> received;
+    std::promise<void> destroyed;
+    ScriptedSlogd slogd([&, first = true](int queue, const SlogdMessage&) mutable {
+        if (first) {
+            received.set_value();
+            destroyed.get_future().wait();
+            first = false;
+        }
+        SendReply(queue, SlogdMessage("++OK++"));
+    });
+    auto answer = std::async(std::launch::async, [this] { return Ask("get"); });
+    received.get_future().wait();
+    EXPECT_EQ(IdeDeviceLogDestroy(), 0);
+    destroyed.set_value();
+    EXPECT_EQ(answer.get(), Full(0, "++OK++"));
+
+    EXPECT_EQ(IdeDeviceLogDestroy(), 0);
+    orla::SetLogFiles(log_.files());
+    EXPECT_EQ(Ask("get"), Full(0, "++OK++"));
+    EXPECT_THAT(log_.Take(), HasSubstr("can not lock, strerr=Invalid argument"));
+}
+
+}  // namespace
