@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <portability.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -13,27 +12,25 @@
 #include <sstream>
 #include <string>
 
-// A fresh directory for each test, with all that lies in it removed by other code than ours.
+// A fresh directory for each test, removed by other code than ours.
 class Scratch : public ::testing::Test {
 protected:
     explicit Scratch(const char* parent = "/tmp") : root_(std::string(parent) + "/posix.XXXXXX") {}
     void SetUp() override { ASSERT_NE(mkdtemp(root_.data()), nullptr); }
     void TearDown() override {
-        const std::string command = "chmod -R u+rwx " + root_ + " && rm -rf " + root_;
-        EXPECT_EQ(system(command.c_str()), 0);
+        EXPECT_EQ(system(("chmod -R u+rwx " + root_ + " && rm -rf " + root_).c_str()), 0);
     }
     std::string At(const std::string& name) const { return root_ + "/" + name; }
-    std::string MakeDir(const std::string& name, mode_t mode = 0755) const {
-        EXPECT_EQ(mkdir(At(name).c_str(), mode), 0) << name;
-        return At(name);
-    }
-    std::string MakeFile(const std::string& name, const std::string& text = "x") const {
+    void Make(const std::string& name, const std::string& text = "x", mode_t mode = 0644) const {
         std::ofstream(At(name)) << text;
-        return At(name);
+        EXPECT_EQ(chmod(At(name).c_str(), mode), 0);
     }
-    static std::string Read(const std::string& path) {
+    void MakeDirs(const std::string& names) const {
+        EXPECT_EQ(system(("cd " + root_ + " && mkdir -p " + names).c_str()), 0);
+    }
+    std::string Read(const std::string& name) const {
         std::stringstream text;
-        text << std::ifstream(path).rdbuf();
+        text << std::ifstream(At(name)).rdbuf();
         return text.str();
     }
 
@@ -45,17 +42,15 @@ class Interruptions {
 public:
     Interruptions() {
         struct sigaction action {};
-        action.sa_handler = [](int) { ++count_; };
+        action.sa_handler = [](int) {};
         sigaction(SIGALRM, &action, nullptr);
-        const itimerval often{{0, 3000}, {0, 3000}};
-        setitimer(ITIMER_REAL, &often, nullptr);
+        Every(3000);
     }
-    ~Interruptions() {
-        const itimerval never{};
-        setitimer(ITIMER_REAL, &never, nullptr);
-    }
-    static int Count() { return count_; }
+    ~Interruptions() { Every(0); }
 
 private:
-    static inline volatile sig_atomic_t count_ = 0;
+    static void Every(suseconds_t microseconds) {
+        const itimerval often{{0, microseconds}, {0, microseconds}};
+        setitimer(ITIMER_REAL, &often, nullptr);
+    }
 };
