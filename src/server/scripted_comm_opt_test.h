@@ -18,19 +18,6 @@ namespace Velt {
 
 class ScriptedCommOpt : public VeltCommOpt {
 public:
-    explicit ScriptedCommOpt(int32_t type) : type_(type) {}
-
-    // The process's own, cleared: the manager keeps the first option of a type for ever.
-    static ScriptedCommOpt& Fresh() {
-        static const auto option = std::make_shared<ScriptedCommOpt>(90);
-        static const bool registered = VeltCommOptManager::instance().CommOptsRegister(option);
-        static_cast<void>(registered);
-        option->deliveries.clear();
-        option->written.clear();
-        option->onWrite = nullptr;
-        return *option;
-    }
-
     struct Delivery {
         int ret;
         std::string bytes;                // a block of them, unless empty
@@ -40,10 +27,19 @@ public:
     std::vector<std::string> written;
     std::function<int()> onWrite;  // what a write answers; null: 0
 
-    CommHandle session() const { return {type_, 1}; }
+    // The one of the process, with a script of its own.
+    static ScriptedCommOpt& Fresh(std::deque<Delivery> deliveries = {}) {
+        static const auto option = std::make_shared<ScriptedCommOpt>();
+        static const bool known = VeltCommOptManager::instance().CommOptsRegister(option);
+        option->deliveries = known ? std::move(deliveries) : std::deque<Delivery>{};
+        option->written.clear();
+        option->onWrite = nullptr;
+        return *option;
+    }
+    static CommHandle Session() { return {kType, 1}; }
 
     std::string CommOptName() override { return "scripted"; }
-    int32_t CommOptType() override { return type_; }
+    int32_t CommOptType() override { return kType; }
     int64_t OpenServer(const CommOptions&) override { return kNoHandle; }
     int CloseServer(int64_t&) override { return -1; }
     int64_t OpenClient(const CommOptions&) override { return kNoHandle; }
@@ -51,17 +47,13 @@ public:
     int64_t Accept(int64_t) override { return kNoHandle; }
     int64_t Connect(int64_t, const CommOptions&) override { return kNoHandle; }
     int Close(int64_t&) override { return 0; }
-    std::shared_ptr<VeltDevice> GetDevice() override { return device_; }
+    std::shared_ptr<VeltDevice> GetDevice() override { return nullptr; }
     void Timer() override {}
 
     int Write(int64_t, const void* buffer, int32_t length, int) override {
-        const int ret = onWrite == nullptr ? 0 : onWrite();
-        if (ret == 0) {
-            written.emplace_back(static_cast<const char*>(buffer), static_cast<size_t>(length));
-        }
-        return ret;
+        written.emplace_back(static_cast<const char*>(buffer), static_cast<size_t>(length));
+        return onWrite == nullptr ? 0 : onWrite();
     }
-
     int Read(int64_t, void** buffer, int32_t* length, int) override {
         if (deliveries.empty()) {
             return 1;
@@ -77,28 +69,20 @@ public:
     }
 
 private:
-    const int32_t type_;
+    static constexpr int32_t kType = 90;
 };
 
 // A message as its sender states it, whatever follows the header.
 inline std::string MsgBytes(uint16_t msgType, uint16_t status, uint32_t totalLen, uint32_t sliceLen,
                             uint32_t offset, const std::string& data) {
-    MsgProto header{};
-    header.type = 14;
-    header.devId = 3;
-    header.totalLen = totalLen;
-    header.sliceLen = sliceLen;
-    header.offset = offset;
-    header.msgType = msgType;
-    header.status = status;
+    const MsgProto header{kMsgMagic, kMsgVersion, 0,      14,      3,
+                          totalLen,  sliceLen,    offset, msgType, status};
     return std::string(reinterpret_cast<const char*>(&header), sizeof(header)) + data;
 }
-
 inline std::string DataBytes(const std::string& data) {
     const auto size = static_cast<uint32_t>(data.size());
     return MsgBytes(kMsgData, 0, size, size, 0, data);
 }
-
 inline std::string ControlBytes(uint16_t status) {
     return MsgBytes(kMsgControl, status, 0, 0, 0, "");
 }
