@@ -12,7 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "descriptor.h"
 #include "results.h"
+
+using orla::posix::Descriptor;
 
 namespace {
 
@@ -109,35 +112,20 @@ bool MaySearchOn(int error) {
     return error == ENOENT || error == ENOTDIR || error == EACCES;
 }
 
-class Redirection {
-public:
-    explicit Redirection(const char* path)
-        : fd_(path == nullptr ? -1
-                              : open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY,
-                                     kRedirectionMode)) {}
-    ~Redirection() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    Redirection(const Redirection&) = delete;
-    Redirection& operator=(const Redirection&) = delete;
-    int fd() const { return fd_; }
-
-private:
-    const int fd_;
-};
+int OpenRedirection(const char* path) {
+    return open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, kRedirectionMode);
+}
 
 int CreateProcess(const char* program, const mmArgvEnv& arguments, const char* redirection,
                   pid_t* pid) {
     const std::vector<char*> argv = WithEnd(arguments.argv, arguments.argvCount);
     const std::vector<char*> envp = WithEnd(arguments.envp, arguments.envpCount);
-    const Redirection output(redirection);
-    if (redirection != nullptr && output.fd() < 0) {
+    const Descriptor output(redirection == nullptr ? -1 : OpenRedirection(redirection));
+    if (redirection != nullptr && output.get() < 0) {
         return errno;
     }
     Spawn spawn;
-    int error = spawn.Prepare(output.fd());
+    int error = spawn.Prepare(output.get());
     if (error != 0) {
         return error;
     }

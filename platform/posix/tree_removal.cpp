@@ -18,7 +18,10 @@
 #include <utility>
 #include <vector>
 
+#include "descriptor.h"
 #include "results.h"
+
+using orla::posix::Descriptor;
 
 namespace {
 
@@ -29,22 +32,6 @@ struct CloseStream {
     void operator()(DIR* stream) const { closedir(stream); }
 };
 using Stream = std::unique_ptr<DIR, CloseStream>;
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        if (fd_ >= 0) {
-            close(fd_);
-        }
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int get() const { return fd_; }
-
-private:
-    const int fd_;
-};
 
 // The directory `name` in `parent` as a stream. Null with errno when it is no directory (a
 // symbolic link is none) or can't be read.
