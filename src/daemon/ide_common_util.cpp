@@ -1,5 +1,6 @@
 #include "daemon/ide_common_util.h"
 
+#include <atomic>
 #include <cstdio>
 
 #include "hdc/log_side.h"
@@ -7,6 +8,13 @@
 namespace {
 
 IdeComponent IdeComponentsFuncs[kComponentSlots];
+// The table's last field once more, for the session threads: the stop clears it under them.
+std::atomic<decltype(IdeComponent::hdcProcess)> handlers[kComponentSlots];
+
+void Fill(uint32_t slot, const IdeComponent& component) {
+    IdeComponentsFuncs[slot] = component;
+    handlers[slot].store(component.hdcProcess);
+}
 
 struct ComponentName {
     uint32_t slot;
@@ -43,7 +51,7 @@ const char* ShortName(const ComponentName* row) {
 
 void IdeRegisterComponent(uint32_t slot, const IdeComponent& component) {
     if (slot < kComponentSlots) {
-        IdeComponentsFuncs[slot] = component;
+        Fill(slot, component);
     }
 }
 
@@ -75,12 +83,12 @@ void IdeComponentsDestroy() {
                 IDE_LOGE("call ideComponents Funcs destroy[%s] failed", IdeSlotName(slot));
             }
         }
-        IdeComponentsFuncs[slot] = {};
+        Fill(slot, {});
     }
 }
 
 decltype(IdeComponent::hdcProcess) IdeComponentHandler(uint32_t slot) {
-    return slot < kComponentSlots ? IdeComponentsFuncs[slot].hdcProcess : nullptr;
+    return slot < kComponentSlots ? handlers[slot].load() : nullptr;
 }
 
 const char* IdeSlotName(uint32_t slot) {

@@ -2,7 +2,8 @@
 // the names that its log lines give them.
 //
 // Written by the main thread before any component thread exists and after the server creation
-// loop has ended; the session threads in between read it without a lock.
+// loop has ended. Session threads look handlers up without a lock, also while the table is
+// cleared: a handler may be called for a moment after its component was destroyed.
 #pragma once
 
 #include <hdc_driver.h>
@@ -26,7 +27,7 @@ struct IdeComponent {
     int32_t (*destroy)();
     void (*reserved)();
     // Serves one request on the thread of its session. The record stays the caller's; so does
-    // the session, but for the profiling slot, which keeps it.
+    // the session, but for the profiling slot, which keeps it, also when it fails.
     int32_t (*hdcProcess)(drvHdcSession_t session, const IdeRequest* request);
 };
 
@@ -37,7 +38,8 @@ void IdeRegisterComponent(uint32_t slot, const IdeComponent& component);
 // other component may fail and the daemon serves on without it.
 [[nodiscard]] int IdeComponentsInit();
 
-// Runs every `destroy`, slots 17 down to 0, and clears the table. A failure stops nothing.
+// Runs every `destroy`, slots 17 down to 0, and clears each slot behind it. A failure stops
+// nothing.
 void IdeComponentsDestroy();
 
 // The request handler of a slot; null when the slot is empty or 18 or more.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -27,6 +28,9 @@ bool WaitForWords(const std::string& words) {
 
 // Answers with the device id that it saw and the value, as text.
 int32_t Echo(drvHdcSession_t session, const IdeRequest* request) {
+    if (std::string(request->value) == "throw") {
+        throw std::runtime_error("nobody catches this");
+    }
     const std::string answer = std::to_string(request->dev_id) + ":" + request->value;
     return HdcWrite(session, answer.data(), static_cast<int>(answer.size()));
 }
@@ -111,8 +115,10 @@ TEST_F(RequestLoop, ServesByTypeAndOverwritesTheDevice) {
     ASSERT_TRUE(WaitForWords("logDevId 0 phyDevId:1000 create HDC server successfully"));
     EXPECT_EQ("1000:text", Ask(4, "text"));
     EXPECT_EQ("1000:", Ask(4, ""));
+    EXPECT_EQ("closed", Ask(4, "throw"));
     EXPECT_EQ("closed", Ask(15, "x"));
     EXPECT_EQ("closed", Ask(16, "x"));
+    EXPECT_TRUE(WaitForWords("req->type: 16, call default process func failed, err: -1"));
     EXPECT_TRUE(WaitForWords("received hook_reg request, type 15, req->dev_id=0, phyDevId=1000."));
 }
 

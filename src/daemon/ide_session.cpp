@@ -7,6 +7,7 @@
 #include <exception>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "daemon/ide_common_util.h"
 #include "hdc/hdc_api.h"
@@ -38,8 +39,9 @@ int PollRead(drvHdcSession_t session, void** buffer, uint32_t* length) {
 }
 
 bool IsWhole(const IdeRequest* request, uint32_t length) {
-    const uint32_t stated = length >= sizeof(IdeRequest) ? request->len : 0;
-    if (length < sizeof(IdeRequest) || stated != length - sizeof(IdeRequest)) {
+    const bool hasHeader = length >= sizeof(IdeRequest);
+    const uint32_t stated = hasHeader ? request->len : 0;
+    if (!hasHeader || stated != length - sizeof(IdeRequest)) {
         IDE_LOGE("recv len: %u, req len %d, size %zu", length, static_cast<int>(stated),
                  sizeof(IdeRequest));
         return false;
@@ -47,42 +49,55 @@ bool IsWhole(const IdeRequest* request, uint32_t length) {
     return true;
 }
 
-int CallHandler(uint32_t slot, drvHdcSession_t session, const IdeRequest* request) {
+// The session for as long as it is this thread's: closed in the end, unless it was given away.
+class OwnedSession {
+public:
+    explicit OwnedSession(drvHdcSession_t session) : session_(session) {}
+    ~OwnedSession() {
+        if (session_ != nullptr) {
+            static_cast<void>(HdcSessionClose(session_));
+        }
+    }
+    OwnedSession(const OwnedSession&) = delete;
+    OwnedSession& operator=(const OwnedSession&) = delete;
+
+    drvHdcSession_t get() const { return session_; }
+    drvHdcSession_t Release() { return std::exchange(session_, nullptr); }
+
+private:
+    drvHdcSession_t session_;
+};
+
+int CallHandler(OwnedSession& session, const IdeRequest* request, const char* name) {
+    const uint32_t slot = IdeRequestSlot(request);
     const auto handler = IdeComponentHandler(slot);
     if (handler == nullptr) {
         IDE_LOGE("req->type: %d, Invalid request or no hdc process func register",
                  static_cast<int>(request->type));
         return -1;
     }
-    const char* name = IdeRequestName(request->type);
     mmSetCurrentThreadName((std::string(kThreadName) + "_" + name).c_str());
-    const int err = handler(session, request);
-    if (err != 0) {
-        IDE_LOGE("req->type: %d, call %s process func failed, err: %d",
-                 static_cast<int>(request->type), name, err);
-    }
-    return err;
+    return handler(slot == kSlotProfiling ? session.Release() : session.get(), request);
 }
 
-int ProcessSession(const IdeSession& session) {
-    const IdeTransport transport{kTransportHdc, session.session};
+int ProcessSession(const IdeSession& argument) {
+    OwnedSession session(argument.session);
+    const IdeTransport transport{kTransportHdc, session.get()};
     IdeRequest* received = nullptr;
     const int ret = IdeHdcReadRequest(&transport, &received);
     const RequestPtr request(received);
     if (ret != 0) {
         IDE_LOGE("Ide Hdc Read Request failed, err: %d", ret);
-        static_cast<void>(HdcSessionClose(session.session));
         return -1;
     }
-    IDE_LOGI("received %s request, type %d, req->dev_id=%d, phyDevId=%d.",
-             IdeRequestName(request->type), static_cast<int>(request->type),
-             static_cast<int>(request->dev_id), static_cast<int>(session.phyDevId));
-    request->dev_id = session.phyDevId;
-    const uint32_t slot = IdeRequestSlot(request.get());
-    const bool handedOver = slot == kSlotProfiling && IdeComponentHandler(slot) != nullptr;
-    const int status = CallHandler(slot, session.session, request.get());
-    if (!handedOver) {
-        static_cast<void>(HdcSessionClose(session.session));
+    const int type = static_cast<int>(request->type);
+    const char* name = IdeRequestName(request->type);
+    IDE_LOGI("received %s request, type %d, req->dev_id=%d, phyDevId=%d.", name, type,
+             static_cast<int>(request->dev_id), static_cast<int>(argument.phyDevId));
+    request->dev_id = argument.phyDevId;
+    const int status = CallHandler(session, request.get(), name);
+    if (status != 0) {
+        IDE_LOGE("req->type: %d, call %s process func failed, err: %d", type, name, status);
     }
     return status;
 }
@@ -140,15 +155,15 @@ void* IdeDaemonHdcProcessEvent(void* argument) {
     if (SIDE_REFUSES(orla::kCoreSide, {argument == nullptr, "invalid parameter"})) {
         return nullptr;
     }
-    const std::unique_ptr<IdeSession> session(static_cast<IdeSession*>(argument));
+    const std::unique_ptr<IdeSession> owned(static_cast<IdeSession*>(argument));
     mmSetCurrentThreadName(kThreadName);
     try {
-        const int err = ProcessSession(*session);
+        const int err = ProcessSession(*owned);
         if (err != 0) {
             IDE_LOGE("Daemon Hdc Process Event Process Failed, err: %d", err);
         }
     } catch (const std::exception& e) {
-        // A handler that throws costs its own session; whose session it then is, is unknown.
+        // A handler that throws costs its own session.
         IDE_LOGE("Daemon Hdc Process Event Process threw: %s", e.what());
     }
     return nullptr;
