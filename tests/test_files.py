@@ -7,7 +7,7 @@ import threading
 
 import pytest
 
-from device import Device, threads_and_descriptors, wait_for
+from device import Device, settled, threads_and_descriptors, wait_for
 from wire import FRAMEWORK, Peer, hello
 
 SLICE = 512000
@@ -18,16 +18,15 @@ def served():
     with Device() as device:
         program = device.daemon()
         wait_for(lambda: device.listens(0, FRAMEWORK), "file server")
-        yield device, program
+        yield device, program, settled(program)
 
 
 @pytest.fixture
 def daemon(served):
-    device, program = served
+    device, program, before = served
     for folder in ("sablebox_logs", "coredump"):
         shutil.rmtree(device.root / "var/log/npu" / folder)
         (device.root / "var/log/npu" / folder).mkdir()
-    before = threads_and_descriptors(program)
     yield device
     assert program.poll() is None
     wait_for(lambda: threads_and_descriptors(program) == before, "return of threads, descriptors")
@@ -172,6 +171,14 @@ def test_host_that_vanishes_at_any_step(daemon):
     assert exchange(daemon, b"bbox")[-1] == END
 
 
+def in_parallel(work, count):
+    threads = [threading.Thread(target=work, args=(n,)) for n in range(count)]
+    for thread in threads:
+        thread.start()
+    for thread in threads:
+        thread.join()
+
+
 def test_twenty_pulls_at_once(daemon, tmp_path):
     content = os.urandom(2 * SLICE)
     put(daemon, "var/log/npu/sablebox_logs/large", content)
@@ -181,15 +188,28 @@ def test_twenty_pulls_at_once(daemon, tmp_path):
     def pull(number):
         results[number] = daemon.orlactl("pull", "bbox", "message", "-o", tmp_path / str(number))
 
-    threads = [threading.Thread(target=pull, args=(n,)) for n in range(20)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
+    in_parallel(pull, 20)
     for number, result in results.items():
         assert result.returncode == 0, result.stderr
         assert (tmp_path / str(number) / "bbox/large").read_bytes() == content
         assert (tmp_path / str(number) / "message/messages").read_bytes() == b"system log"
+    assert len(results) == 20
+
+
+def test_sessions_of_one_host_process_do_not_take_each_others_copies(daemon):
+    contents = [os.urandom(8 * SLICE) for _ in range(3)]
+    for number, content in enumerate(contents):
+        put(daemon, f"var/log/npu/sablebox_logs/{number}", content)
+    results = {}
+
+    def pull(number):
+        results[number] = exchange(daemon, b"bbox", greeting=hello(pid=77))
+
+    in_parallel(pull, 4)
+    for seen in results.values():
+        assert seen[-1] == END
+        assert b"".join(m[4] for m in seen if m[1] == 0) == b"".join(contents)
+    assert len(results) == 4
 
 
 def test_host_tool_tells_refusals_from_silence(daemon, tmp_path):

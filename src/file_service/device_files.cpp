@@ -6,7 +6,9 @@
 #include <algorithm>
 #include <charconv>
 #include <climits>
+#include <condition_variable>
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include "file_service/file_utils.h"
@@ -59,6 +61,33 @@ private:
     const char* const words_;
 };
 
+// The right to a temporary name. The process id in it keeps processes of the host apart, but not
+// two sessions of one: the second waits until the first has opened its copy.
+class NameClaim {
+public:
+    explicit NameClaim(std::string name) : name_(std::move(name)) {
+        std::unique_lock<std::mutex> lock(mutex);
+        released.wait(lock, [this] { return claimed.count(name_) == 0; });
+        claimed.insert(name_);
+    }
+    ~NameClaim() {
+        const std::lock_guard<std::mutex> lock(mutex);
+        claimed.erase(name_);
+        released.notify_all();
+    }
+    NameClaim(const NameClaim&) = delete;
+    NameClaim& operator=(const NameClaim&) = delete;
+
+    const std::string& name() const { return name_; }
+
+private:
+    static inline std::mutex mutex;  // guards claimed; nothing else is waited for under it
+    static inline std::condition_variable released;
+    static inline std::set<std::string> claimed;
+
+    const std::string name_;
+};
+
 // cp answers nothing that is looked at, so a full disk shows in the size alone. A source that
 // grows or shrinks meanwhile has two sizes, of which the copy has at least the smaller one.
 bool CopyIsShort(const std::string& source, uint64_t sizeBefore, const std::string& copy) {
@@ -75,8 +104,8 @@ uint64_t SizeOf(const std::string& path) {
     return size;
 }
 
-// The copy's name: that of the file with the host's process id, so that two hosts don't meet. A
-// name that would get too long loses its end; the copy is gone before the next file's is made.
+// The copy's name: that of the file with the host's process id. A name that would get too long
+// loses its end; the copy is gone before the next file's is made.
 std::string TemporaryName(const std::string& path, int peerPid) {
     const std::string suffix = "." + std::to_string(peerPid) + ".tmp";
     const size_t nameAt = path.rfind('/') + 1;
@@ -112,11 +141,12 @@ std::string RelativeName(const std::string& path) {
 
 std::optional<DeviceFile> OpenToSend(const DeviceFileType& type, const std::string& path,
                                      int peerPid) {
-    const bool inPlace = type.source == Source::kInPlace;
     std::string source = path;
+    std::optional<NameClaim> claim;  // goes last, when nothing is left under the name
     std::optional<RemovedAtEnd> removed;
-    if (!inPlace) {
-        source = TemporaryName(path, peerPid);
+    if (type.source != Source::kInPlace) {
+        claim.emplace(TemporaryName(path, peerPid));
+        source = claim->name();
         removed.emplace(source, "remove tmp file");
         if (!CopyToTemporary(path, source)) {
             return std::nullopt;
@@ -188,6 +218,7 @@ std::optional<std::string> PrepareMessage(const std::string& path) {
     }
     if (!IsFileExist(copy) || CopyIsShort(path, size, copy)) {
         IDE_LOGE("copy message file failed, %s", path.c_str());
+        mmUnlink(copy.c_str());  // a full disk needs the room
         return std::nullopt;
     }
     return copy;

@@ -56,7 +56,7 @@ private:
 // Hands the files of a type out, one after the other. For one request, on its thread.
 class DeviceFileWalk {
 public:
-    // `peerPid` keeps the copies of two hosts apart.
+    // `peerPid`, the host's process, becomes part of the names of copies.
     DeviceFileWalk(const DeviceFileType& type, int peerPid) : type_(type), peerPid_(peerPid) {}
 
     // Finds the files. 0, also when there is none; -1, with a log line, when the scripts of the
