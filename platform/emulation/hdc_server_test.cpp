@@ -13,6 +13,16 @@ namespace {
 
 using HdcServerTest = HdcTest;
 
+// As a server leaves it that was killed.
+void LeaveStaleSocket(const std::string& path) {
+    const int left = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    ASSERT_EQ(bind(left, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    close(left);
+}
+
 TEST_F(HdcServerTest, SilentClientsDelayNobody) {
     Listen();
     const std::string hello = RawPeer::HelloBytes();
@@ -131,15 +141,7 @@ TEST_F(HdcServerTest, SignalInterruptsTheAccept) {
 
 TEST_F(HdcServerTest, SocketFileBelongsToWhoeverListens) {
     drvHdcServer_t second = nullptr;
-    // One that a killed server left.
-    {
-        const int left = socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, Path().c_str(), sizeof(address.sun_path) - 1);
-        ASSERT_EQ(bind(left, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-        close(left);
-    }
+    LeaveStaleSocket(Path());
     Listen();
     // A live one stays, and works on.
     EXPECT_NE(drvHdcServerCreate(0, kService, &second), 0);
@@ -160,18 +162,27 @@ TEST_F(HdcServerTest, SocketFileBelongsToWhoeverListens) {
 }
 
 TEST_F(HdcServerTest, ServersThatStartTogetherAgreeOnOne) {
-    std::atomic<int> made{0};
-    std::vector<std::thread> threads;
-    std::vector<drvHdcServer_t> servers(8);
-    for (drvHdcServer_t& server : servers) {
-        threads.emplace_back([&] { made += drvHdcServerCreate(0, kService, &server) == 0; });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(made, 1);
-    for (const drvHdcServer_t server : servers) {
-        server_ = server != nullptr ? server : server_;
+    for (int round = 0; round < 300; ++round) {
+        LeaveStaleSocket(Path());
+        std::atomic<int> waiting{4};
+        std::atomic<int> made{0};
+        std::vector<std::thread> threads;
+        std::vector<drvHdcServer_t> servers(4);
+        for (drvHdcServer_t& server : servers) {
+            threads.emplace_back([&] {
+                for (--waiting; waiting > 0;) {
+                    std::this_thread::yield();
+                }
+                made += drvHdcServerCreate(0, kService, &server) == 0;
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        EXPECT_EQ(made, 1);
+        for (const drvHdcServer_t server : servers) {
+            EXPECT_EQ(drvHdcServerDestroy(server) == 0, server != nullptr);
+        }
     }
 }
 

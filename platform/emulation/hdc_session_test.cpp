@@ -138,6 +138,19 @@ TEST_F(HdcSessionTest, SendingWithoutWaitingLeavesNoHalfFrame) {
         }
         EXPECT_EQ(Send(session.first, "after"), 0);
         EXPECT_EQ(Receive(session.second), (Received{0, "after"}));
+        // The same while room comes and goes under the sender.
+        constexpr size_t kMore = 100;
+        std::thread sender([&] {
+            for (size_t i = 0; i < kMore; ++i) {
+                while (Send(session.first, Pattern(size, i), HDC_FLAG_NOWAIT) != 0) {
+                    std::this_thread::yield();
+                }
+            }
+        });
+        for (size_t i = 0; i < kMore; ++i) {
+            EXPECT_EQ(Receive(session.second), (Received{0, Pattern(size, i)})) << i;
+        }
+        sender.join();
         Close(session);
     }
 }
