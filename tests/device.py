@@ -97,6 +97,18 @@ def threads_and_descriptors(program):
     return len(list((status / "task").iterdir())), len(list((status / "fd").iterdir()))
 
 
+def settled(program):
+    """The same, once a start or a burst of sessions has come to rest."""
+    seen = []
+
+    def resting():
+        seen.append(threads_and_descriptors(program))
+        return len(seen) >= 50 and len(set(seen[-50:])) == 1
+
+    wait_for(resting, "rest of threads and descriptors")
+    return seen[-1]
+
+
 def end(program, number=signal.SIGTERM, seconds=10):
     """Sends a signal; the exit code, and how long the end took."""
     started = time.monotonic()

@@ -7,21 +7,22 @@ import time
 
 import pytest
 
-from device import BIN, Device, end, threads_and_descriptors, wait_for
-from wire import MAX_SEGMENT, Peer, frame, hello, request, segment
+from device import BIN, Device, end, settled, threads_and_descriptors, wait_for
+from wire import FRAMEWORK, MAX_SEGMENT, Peer, frame, hello, request, segment
 
 
 @pytest.fixture(scope="module")
 def served():
     """A running daemon, which every test must leave as it found it."""
     with Device() as device:
-        yield device, device.daemon()
+        program = device.daemon()
+        wait_for(lambda: device.listens(0, FRAMEWORK), "file server")
+        yield device, program, settled(program)
 
 
 @pytest.fixture
 def daemon(served):
-    device, program = served
-    before = threads_and_descriptors(program)
+    device, program, before = served
     yield device
     assert program.poll() is None
     wait_for(lambda: threads_and_descriptors(program) == before, "return of threads, descriptors")
