@@ -12,6 +12,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -216,7 +217,6 @@ double Median(std::vector<double> values) {
 }
 
 void Report(size_t size, int count, int pings) {
-    // Each measuring process is a child of its own, since the driver keeps threads and handles.
     std::vector<double> hdcRate, bareRate, hdcTrip, bareTrip;
     uint32_t maxSegment = 0;
     Check(HdcGetCapacity(&maxSegment) == 0, "HdcGetCapacity");

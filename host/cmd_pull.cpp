@@ -153,9 +153,13 @@ Json ToJson(const TypeResult& result) {
 
 int RunPull(const CommonOptions& common, const PullOptions& options) {
     const auto devices = SelectDevices(common);
-    const auto client = Client::Create(kHdcServiceFramework);
-    if (devices.empty() || client == nullptr) {
+    if (devices.empty()) {
         fmt::print(stderr, "orlactl: no such device\n");
+        return kExitConnection;
+    }
+    const auto client = Client::Create(kHdcServiceFramework);
+    if (client == nullptr) {
+        fmt::print(stderr, "orlactl: the driver gives no client\n");
         return kExitConnection;
     }
     int code = kExitOk;

@@ -60,12 +60,10 @@ PullEnd FilePull::Run(Session& session, const std::string& type) {
         std::string bytes;
         const ReceiveResult result = session.Receive(options_.idleTimeoutMs, &bytes);
         if (result != ReceiveResult::kMessage) {
-            if (ended_) {
+            if (ended_ && result != ReceiveResult::kTimeout) {
                 return PullEnd::kDone;
             }
-            if (result == ReceiveResult::kClosed && refused_) {
-                return PullEnd::kRefused;
-            }
+            EndTextWasAName();
             if (result == ReceiveResult::kClosed && !answered) {
                 return PullEnd::kNoAnswer;
             }
@@ -78,8 +76,8 @@ PullEnd FilePull::Run(Session& session, const std::string& type) {
         switch (Take(session, bytes)) {
             case Step::kGoOn:
                 break;
-            case Step::kEnd:
-                return refused_ ? PullEnd::kRefused : PullEnd::kDone;
+            case Step::kRefused:
+                return PullEnd::kRefused;
             case Step::kFailed:
                 return PullEnd::kBroken;
         }
@@ -101,6 +99,7 @@ FilePull::Step FilePull::Take(Session& session, const std::string& bytes) {
         return Fail("the device sent what is no message");
     }
     if (message.msgType == Velt::kMsgControl) {
+        EndTextWasAName();
         if (open_) {
             Drop("the device broke off");
         }
@@ -112,14 +111,14 @@ FilePull::Step FilePull::Take(Session& session, const std::string& bytes) {
 FilePull::Step FilePull::TakeText(const MsgProto& message) {
     const std::string text(message.data, strnlen(message.data, message.sliceLen));
     if (message.status == Velt::kMsgStatusRefused) {
-        refused_ = true;
         reason_ = text;
-        return Step::kEnd;
+        return Step::kRefused;
     }
+    // A file of that name is told from the end by what follows: something, or nothing.
+    EndTextWasAName();
     if (open_) {
         Drop("the device went on to the next file");
     }
-    // A file of that name is told from the end by what follows: its content, or nothing.
     ended_ = text == kEndText;
     if (!ended_) {
         Begin(text);
@@ -128,15 +127,13 @@ FilePull::Step FilePull::TakeText(const MsgProto& message) {
 }
 
 FilePull::Step FilePull::TakeSlice(Session& session, const MsgProto& message) {
-    if (ended_) {
-        ended_ = false;
-        Begin(kEndText);
-    }
+    EndTextWasAName();
     if (!open_) {
         return Fail("the device sent content without a name");
     }
     PulledFile& file = files_.back();
     if (message.offset != file.bytes || message.totalLen < message.offset ||
+        (file.bytes > 0 && message.totalLen != file.size) ||
         message.sliceLen > message.totalLen - message.offset) {
         return Fail("the device sent slices that do not fit together");
     }
@@ -156,6 +153,13 @@ FilePull::Step FilePull::TakeSlice(Session& session, const MsgProto& message) {
     return Step::kGoOn;
 }
 
+void FilePull::EndTextWasAName() {
+    if (ended_) {
+        ended_ = false;
+        Begin(kEndText);
+    }
+}
+
 void FilePull::Begin(const std::string& name) {
     open_ = true;
     files_.emplace_back();
@@ -172,7 +176,9 @@ void FilePull::Begin(const std::string& name) {
     std::error_code error;
     std::filesystem::create_directories(target_.parent_path(), error);
     temporary_ = target_.parent_path() / fmt::format(".orlactl-{}.part", getpid());
-    out_.reset(std::fopen(temporary_.c_str(), "wbe"));
+    // What lies at that name is left from a pull that was killed.
+    std::filesystem::remove(temporary_, error);
+    out_.reset(std::fopen(temporary_.c_str(), "wbxe"));
     if (out_ == nullptr) {
         files_.back().problem = std::strerror(errno);
     }
@@ -182,7 +188,8 @@ void FilePull::Write(const char* data, size_t size) {
     if (out_ != nullptr && std::fwrite(data, 1, size, out_.get()) != size) {
         files_.back().problem = std::strerror(errno);
         out_.reset();
-        std::filesystem::remove(temporary_);
+        std::error_code ignored;
+        std::filesystem::remove(temporary_, ignored);
     }
 }
 

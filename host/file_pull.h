@@ -60,12 +60,13 @@ private:
         void operator()(std::FILE* file) const { std::fclose(file); }
     };
 
-    enum class Step { kGoOn, kEnd, kFailed };
+    enum class Step { kGoOn, kRefused, kFailed };
 
     Step Take(Session& session, const std::string& bytes);
     Step TakeText(const Velt::MsgProto& message);
     Step TakeSlice(Session& session, const Velt::MsgProto& message);
     Step Fail(const std::string& reason);
+    void EndTextWasAName();
     void Begin(const std::string& name);
     void Write(const char* data, size_t size);
     void Finish();
@@ -74,8 +75,7 @@ private:
     const Options options_;
     std::vector<PulledFile> files_;
     std::string reason_;
-    bool refused_ = false;
-    bool ended_ = false;  // the end text came; a file may have that name, too
+    bool ended_ = false;  // the end text came last; a file may have that name, too
     bool open_ = false;   // files_.back() is being received
     std::filesystem::path target_;
     std::filesystem::path temporary_;
