@@ -243,8 +243,10 @@ TEST_F(FrameworkTest, WhatFailsToOpenIsTriedAgain) {
 
 TEST_F(FrameworkTest, SuspendedDeviceComesBack) {
     Start();
+    const uint64_t accepted = CallCount("drvHdcSessionAccept");
     Host before;
     ASSERT_TRUE(before.Connect(1));
+    ASSERT_TRUE(WaitFor([&] { return CallCount("drvHdcSessionAccept") > accepted; }));
     // A failed delete from the event wait does not keep a server that could be closed.
     Fail("drvHdcEpollCtl", 5, 1);
     Notify(3);
