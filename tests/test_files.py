@@ -1,6 +1,7 @@
 """Pulling files: the real component, its shell commands and the host tool."""
 import json
 import os
+import resource
 import shutil
 import struct
 import threading
@@ -15,8 +16,11 @@ SLICE = 512000
 
 @pytest.fixture(scope="module")
 def served():
+    limit = resource.getrlimit(resource.RLIMIT_NOFILE)
     with Device() as device:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (min(1024, limit[1]), limit[1]))
         program = device.daemon()
+        resource.setrlimit(resource.RLIMIT_NOFILE, limit)
         wait_for(lambda: device.listens(0, FRAMEWORK), "file server")
         yield device, program, settled(program)
 
@@ -132,7 +136,13 @@ def test_module_files_are_made_by_scripts_and_taken(daemon):
         assert [m[4] for m in exchange(daemon, b"module_info")] == [b"dvpp\0", b"made\n",
                                                                     b"game_over\0"]
         assert not (daemon.root / "home/SableUser/ide_daemon/module/dvpp").exists()
+    # More than the daemon may have open: taken in turns, none of them lost.
     script.unlink()
+    names = {f"f{number}".encode() for number in range(1050)}
+    for name in names:
+        put(daemon, f"home/SableUser/ide_daemon/module/{name.decode()}", name)
+    assert {m[4] for m in exchange(daemon, b"module_info") if m[1] == 0} == names
+    assert not list((daemon.root / "home/SableUser/ide_daemon/module").iterdir())
 
 
 def test_driver_files_are_read_in_place(daemon):

@@ -22,6 +22,7 @@ using Source = DeviceFileType::Source;
 
 constexpr const char* kWorkDir = "/home/SableUser/ide_daemon/";
 constexpr int kMaxAging = 99;
+constexpr size_t kMaxOpened = 256;  // scripted files of one request; others need descriptors too
 
 // In the order of their names, in which the prefix of a path is looked for.
 constexpr DeviceFileType kFileTypes[] = {
@@ -326,21 +327,30 @@ int DeviceFileWalk::FindScripted() {
     if (!IsDirAccessible(type_.directory)) {
         return 0;
     }
-    std::vector<std::string> made;
-    if (Scan(type_, &made) != 0) {
+    if (Scan(type_, &paths_) != 0) {
         return -1;
     }
-    for (const std::string& path : made) {
+    OpenScripted();
+    return 0;
+}
+
+// Under the mutex.
+void DeviceFileWalk::OpenScripted() {
+    while (next_ < paths_.size() && opened_.size() < kMaxOpened) {
+        const std::string& path = paths_[next_++];
         const RemovedAtEnd removed(path, "remove prepared message file");
         auto file = OpenInOrder(type_, path, peerPid_);
         if (file) {
             opened_.push_back(std::move(*file));
         }
     }
-    return 0;
 }
 
 std::optional<DeviceFile> DeviceFileWalk::Next() {
+    if (type_.source == Source::kScripted && opened_.empty()) {
+        const std::lock_guard<std::mutex> lock(workDirMutex);
+        OpenScripted();
+    }
     if (!opened_.empty()) {
         DeviceFile file = std::move(opened_.front());
         opened_.pop_front();

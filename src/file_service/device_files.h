@@ -1,9 +1,9 @@
 // The files that a device offers: which types there are, where each one's files lie, and how a
 // file becomes a descriptor that can be sent while others of the same kind are prepared.
 //
-// Everything here is done before the first byte goes to the host. Opened files are unlinked
-// copies: nothing of them is left on disk, whatever becomes of the transfer, and no other
-// request can take them away. Any thread; the types that share the working directory
+// All of it is done before the first byte of the file goes to the host. But for driver files,
+// what is open is an unlinked copy: nothing of it is left on disk, whatever becomes of the
+// transfer, and no other request can take it away. Any thread; the types that share the working directory
 // ("message", "module_info") exclude each other by one process-wide mutex, which is never held
 // while a host is waited for.
 #pragma once
@@ -69,11 +69,13 @@ public:
 
 private:
     int FindScripted();
+    void OpenScripted();
 
     const DeviceFileType& type_;
     const int peerPid_;
     std::vector<std::string> paths_;  // found, and not opened yet from `next_` on
     size_t next_ = 0;
-    // Scripted files are all opened by Find, while nobody else can touch their directory.
+    // Scripted files that nobody can touch any more: Find opens as many as one request may hold
+    // open, and Next more when those are sent. What another request has cleared by then is lost.
     std::deque<DeviceFile> opened_;
 };
