@@ -34,9 +34,9 @@ fuzz: setup  ## run each fuzzer for FUZZ_SECONDS (30) from its corpus in tests/c
 	@set -e; for fuzzer in build/fuzz/bin/*_fuzzer; do \
 	    name=$${fuzzer##*/}; found=build/fuzz/found/$$name; mkdir -p $$found; \
 	    echo "== $$name: $(FUZZ_SECONDS) s"; \
-	    $(SANDBOX) --quiet --bind $$found -- $$fuzzer -max_total_time=$(FUZZ_SECONDS) \
-	        -timeout=10 -rss_limit_mb=2048 -verbosity=0 -print_final_stats=1 \
-	        -artifact_prefix=$(CURDIR)/$$found/ $(CURDIR)/$$found tests/corpus/$$name; \
+	    ORLA_LOG_FILE=/tmp/log $(SANDBOX) --quiet --bind $$found -- \
+	        $$fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	        -verbosity=0 -print_final_stats=1 -artifact_prefix=$(CURDIR)/$$found/ $(CURDIR)/$$found tests/corpus/$$name; \
 	done
 
 bench: build  ## run all benchmarks
