@@ -111,6 +111,21 @@ TEST(ThreadPool, DoesNothingUnlessItRuns) {
     EXPECT_THAT(log.Take("EW"), IsEmpty());
 }
 
+// The worker has found its queue empty, and before it goes on a task comes and the pool stops.
+TEST(ThreadPool, RunsWhatComesBetweenTheLastLookAndTheQuit) {
+    for (int round = 0; round < 20; ++round) {
+        ThreadPool pool(LoadBalanceMethod::kById, 1);
+        ASSERT_EQ(0, pool.Start());
+        const auto first = std::make_shared<Probe>(0, [] { orla::test::restsAfterUnlock = true; });
+        const auto last = std::make_shared<Probe>(0);
+        pool.Dispatch(first);
+        ASSERT_TRUE(WaitFor([&] { return first->runs == 1; }));
+        pool.Dispatch(last);
+        pool.Stop();
+        EXPECT_EQ(1, last->runs);
+    }
+}
+
 TEST(ThreadPool, OneBadTaskCostsItselfOnly) {
     LogCapture log;
     ThreadPool pool(LoadBalanceMethod::kById, 1);

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <pthread.h>
+#include <time.h>
 
 #include <cerrno>
 #include <stdexcept>
@@ -11,7 +12,8 @@
 
 namespace orla::test {
 std::atomic<int> threadsLeft{-1};
-}
+thread_local bool restsAfterUnlock = false;
+}  // namespace orla::test
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*routine)(void*), void* argument) {
@@ -24,6 +26,17 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
         --orla::test::threadsLeft;
     }
     return real(thread, attributes, routine, argument);
+}
+
+extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    static const auto real =
+        reinterpret_cast<decltype(&pthread_mutex_unlock)>(dlsym(RTLD_NEXT, "pthread_mutex_unlock"));
+    const int result = real(mutex);
+    if (orla::test::restsAfterUnlock) {
+        const timespec rest{0, 1000000};
+        nanosleep(&rest, nullptr);
+    }
+    return result;
 }
 
 namespace analysis::nedra::common::thread {
@@ -114,11 +127,17 @@ TEST(Thread, LetsNoExceptionOut) {
 
 TEST(Thread, NeverJoinsItself) {
     std::atomic<int> own{1};
-    Probe probe([&](Probe& self) { own = self.Stop(); });
+    std::atomic<bool> ended{false};
+    Probe probe([&](Probe& self) {
+        own = self.Stop();
+        mmSleep(20);  // for a Stop that would not wait
+        ended = true;
+    });
     ASSERT_EQ(0, probe.Start());
     ASSERT_TRUE(WaitFor([&] { return own != 1; }));
     EXPECT_EQ(-1, own);
-    EXPECT_EQ(0, probe.Stop()) << "another thread can still join it";
+    EXPECT_EQ(0, probe.Stop());
+    EXPECT_TRUE(ended) << "another thread can still join it";
 }
 
 TEST(Thread, TwoThatStopItJoinItOnce) {

@@ -1,4 +1,5 @@
-// For the tests of threads: waiting for a condition, and a system that runs out of threads.
+// For the tests of threads: waiting for a condition, a system that runs out of threads, and one
+// that takes a thread off its processor at a bad moment. thread_test.cpp holds the system's side.
 #pragma once
 
 #include <atomic>
@@ -10,8 +11,7 @@
 
 namespace orla::test {
 
-// How many more threads the system gives; negative: as many as are wanted. thread_test.cpp holds
-// the pthread_create that heeds it.
+// How many more threads the system gives; negative: as many as are wanted.
 extern std::atomic<int> threadsLeft;
 
 class ThreadsLeft {
@@ -21,6 +21,10 @@ public:
     ThreadsLeft(const ThreadsLeft&) = delete;
     ThreadsLeft& operator=(const ThreadsLeft&) = delete;
 };
+
+// Whether the thread rests for a millisecond whenever it has unlocked a mutex, so that others do
+// what they can in between.
+extern thread_local bool restsAfterUnlock;
 
 // Waits until `condition` holds. False after a minute, which only a fault takes.
 [[nodiscard]] inline bool WaitFor(const std::function<bool()>& condition) {
