@@ -3,9 +3,9 @@
 //
 // All of it is done before the first byte of the file goes to the host. But for driver files,
 // what is open is an unlinked copy: nothing of it is left on disk, whatever becomes of the
-// transfer, and no other request can take it away. Any thread; the types that share the working directory
-// ("message", "module_info") exclude each other by one process-wide mutex, which is never held
-// while a host is waited for.
+// transfer, and no other request can take it away. Any thread; the types that share the working
+// directory ("message", "module_info") exclude each other by one process-wide mutex, which is
+// never held while a host is waited for.
 #pragma once
 
 #include <deque>
