@@ -46,7 +46,21 @@ static_assert(sizeof(QueueMessage) == 1040 && offsetof(QueueMessage, deviceId) =
 
 constexpr QueueMessage kEmptyMessage = {0, 0xFFFFFFFF, {}};
 
+// How long after its time a reply is waited for, so that it is nobody else's answer.
+constexpr int64_t kLateReplyMs = 1000;
+
 orla::LogMutex g_queueMutex;
+
+// The reply that the last request did not get, and may get yet. Guarded by g_queueMutex.
+struct {
+    int queue;
+    int64_t untilMs;  // 0: none is outstanding
+} g_lateReply = {-1, 0};
+
+int64_t NowMs() {
+    const mmTimespec now = mmGetTickCount();
+    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+}
 
 int32_t WriteToHost(drvHdcSession_t session, const char* text) {
     const int result = HdcWrite(session, text, static_cast<int>(std::strlen(text)));
@@ -93,8 +107,23 @@ int Receive(int queue, QueueMessage* message, int flags) {
     return static_cast<int>(msgrcv(queue, message, kTransferSize, kReplyType, flags));
 }
 
-// Replies that came too late for their request must not answer this one. One that is too large
-// for a reply is cut rather than left, since nobody else ever takes it out.
+// A reply carries no word of its request. One that is only late would come while the next
+// request waits for its own, so its time is granted before that request is sent. A log daemon
+// that has started anew has another queue, and owes nothing.
+void AwaitLateReply(int queue) {
+    QueueMessage late;
+    while (g_lateReply.queue == queue && NowMs() < g_lateReply.untilMs) {
+        if (Receive(queue, &late, IPC_NOWAIT | MSG_NOERROR) >= 0 ||
+            (errno != ENOMSG && errno != EINTR)) {
+            break;
+        }
+        static_cast<void>(ToolSleep(kPollPauseMs / 2));
+    }
+    g_lateReply.untilMs = 0;
+}
+
+// What else lies in the queue answers nobody. A message that is too large for a reply is cut
+// rather than left, since nobody else ever takes it out.
 void DrainReplies(int queue) {
     QueueMessage stale;
     while (Receive(queue, &stale, IPC_NOWAIT | MSG_NOERROR) >= 0 || errno == EINTR) {
@@ -154,6 +183,7 @@ int32_t ForwardReply(drvHdcSession_t session, const char* text) {
 
 int32_t Converse(drvHdcSession_t session, int queue, const QueueMessage& message) {
     orla::LogLock lock(g_queueMutex);
+    AwaitLateReply(queue);
     DrainReplies(queue);
     if (Send(queue, message) != 0) {
         const int error = ToolGetErrorCode();
@@ -166,6 +196,7 @@ int32_t Converse(drvHdcSession_t session, int queue, const QueueMessage& message
     QueueMessage reply;
     const char* const failure = WaitForReply(queue, &reply);
     if (failure != nullptr) {
+        g_lateReply = {queue, NowMs() + kLateReplyMs};
         return Refuse(session, failure, kLogServiceNoAnswer);
     }
     lock.Release();
