@@ -1,7 +1,7 @@
 """The socket protocol of the emulated channel and the session layer above it, once more.
 
-Written from docs/emulation.md and the drawings in the headers alone, without the project's own libraries: what
-these tests send and accept is what another client in another language would.
+Written from docs/emulation.md and the drawings in the headers alone, without the project's own
+libraries: what these tests send and accept is what another client in another language would.
 """
 import socket
 import struct
