@@ -7,10 +7,11 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <functional>
-#include <optional>
+#include <numeric>
 #include <random>
 #include <sstream>
 #include <thread>
@@ -69,13 +70,11 @@ TEST(SelfLog, EndsEveryLineInOneLineFeed) {
     SelfLogHere log;
     const std::pair<std::string, std::string> cases[] = {
         {"text", "text"},
-        {"text\n", "text"},
         {"text\n\n", "text"},
         {"two\nlines\r\n", "two lines "},
         {"", ""},
         {std::string(998, 'x'), std::string(998, 'x')},
         {std::string(999, 'x'), std::string(998, 'x')},
-        {std::string(998, 'x') + "\n", std::string(998, 'x')},
         {std::string(5000, 'x') + "\n", std::string(998, 'x')},
     };
     for (const auto& [text, expected] : cases) {
@@ -86,14 +85,6 @@ TEST(SelfLog, EndsEveryLineInOneLineFeed) {
         EXPECT_EQ(written.substr(kTimeLength), expected + "\n");
         EXPECT_LE(written.size(), 1022u);
     }
-}
-
-TEST(SelfLog, KeepsErrnoForItsCaller) {
-    SelfLogHere log;
-    std::filesystem::remove_all(log.root());  // so that opening fails first
-    errno = EXDEV;
-    SelfLog("text");
-    EXPECT_EQ(errno, EXDEV);
 }
 
 TEST(SelfLog, RotatesWhenTheLineDoesNotFit) {
@@ -115,8 +106,9 @@ TEST(SelfLog, RotatesWhenTheLineDoesNotFit) {
     EXPECT_FALSE(exists(log.lock()));
 }
 
-// A rotation that was killed leaves its lock file; one that is stopped keeps it locked.
-TEST(SelfLog, LockFileOfAnotherProcess) {
+// A rotation that was killed leaves its lock file; one that is stopped keeps it locked, and may
+// go on or not.
+TEST(SelfLog, WaitsForWhoeverRotatesButNotForEver) {
     SelfLogHere log;
     Fill(log.log(), kLimit);
     const int lock = open(log.lock().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
@@ -125,52 +117,6 @@ TEST(SelfLog, LockFileOfAnotherProcess) {
     EXPECT_EQ(file_size(log.log()), kLimit);
     EXPECT_FALSE(exists(log.old()));
 
-    close(lock);
-    SelfLog("written");
-    EXPECT_EQ(file_size(log.log()), kTimeLength + sizeof("written"));
-    EXPECT_EQ(file_size(log.old()), kLimit);
-    EXPECT_FALSE(exists(log.lock()));
-}
-
-// Between the opening of the lock file and its locking, one process finishes a rotation and the
-// next one begins: what is locked then is not the lock file any more.
-TEST(SelfLog, DoesNotRotateUnderALockFileThatHasGone) {
-    SelfLogHere log;
-    Fill(log.log(), kLimit);
-    WriteFile(log.old(), "must not be lost");
-    int others = -1;
-    g_beforeFlock = [&](int operation) {
-        if (operation == (LOCK_EX | LOCK_NB) && others < 0) {
-            std::filesystem::remove(log.lock());
-            others = open(log.lock().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
-            ASSERT_EQ(syscall(SYS_flock, others, LOCK_EX), 0);
-        }
-    };
-    SelfLog("dropped");
-    g_beforeFlock = nullptr;
-    close(others);
-    EXPECT_EQ(ReadFile(log.old()), "must not be lost");
-}
-
-TEST(SelfLog, LeavesNoMomentWithAnUnlockedLockFile) {
-    SelfLogHere log;
-    Fill(log.log(), kLimit);
-    std::vector<bool> wasThere;
-    g_beforeFlock = [&](int operation) {
-        if (operation == LOCK_UN) {
-            wasThere.push_back(exists(log.lock()));
-        }
-    };
-    SelfLog("text");
-    g_beforeFlock = nullptr;
-    EXPECT_EQ(wasThere, std::vector<bool>{false});
-}
-
-TEST(SelfLog, WaitsForWhoeverRotates) {
-    SelfLogHere log;
-    Fill(log.log(), kLimit);
-    const int lock = open(log.lock().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
-    ASSERT_EQ(flock(lock, LOCK_EX), 0);
     std::thread other;
     g_beforeFlock = [&](int) {
         if (!other.joinable()) {
@@ -185,6 +131,41 @@ TEST(SelfLog, WaitsForWhoeverRotates) {
     other.join();
     EXPECT_EQ(file_size(log.log()), kTimeLength + sizeof("text"));
     EXPECT_EQ(file_size(log.old()), kLimit);
+}
+
+// What other processes may do between the opening of the lock file and its locking.
+TEST(SelfLog, NeverLosesTheOldFileToASecondRotation) {
+    SelfLogHere log;
+    const auto oldFileAfter = [&](const std::function<void()>& others) {
+        Fill(log.log(), kLimit);
+        WriteFile(log.old(), "kept");
+        g_beforeFlock = [&](int operation) {
+            if (operation != LOCK_UN) {
+                return others();
+            }
+            EXPECT_FALSE(exists(log.lock())) << "unlocked, but still to be had";
+        };
+        SelfLog("text");
+        g_beforeFlock = nullptr;
+        return ReadFile(log.old());
+    };
+    const auto rotate = [&] {
+        std::filesystem::rename(log.log(), log.old());
+        WriteFile(log.log(), "other\n");
+    };
+    EXPECT_EQ(oldFileAfter(rotate), std::string(kLimit, 'o'));
+
+    // One has finished and the next one has begun: what is locked now is not the lock file.
+    int lock = -1;
+    const auto beginNext = [&] {
+        if (lock < 0) {
+            std::filesystem::remove(log.lock());
+            lock = open(log.lock().c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0640);
+            ASSERT_EQ(syscall(SYS_flock, lock, LOCK_EX), 0);
+        }
+    };
+    EXPECT_EQ(oldFileAfter(beginNext), "kept");
+    close(lock);
 }
 
 TEST(SelfLog, NeverFollowsALink) {
@@ -207,7 +188,9 @@ TEST(SelfLog, MakesItsDirectoriesAgain) {
     SelfLogHere log;
     std::filesystem::remove_all(log.root());
     const mode_t mask = umask(077);
+    errno = EXDEV;
     SelfLog("text");
+    EXPECT_EQ(errno, EXDEV) << "which opening the file has changed in between";
     umask(mask);
     EXPECT_EQ(file_size(log.log()), kTimeLength + sizeof("text"));
     EXPECT_EQ(ModeOf(log.root()), 0750u);
@@ -244,72 +227,20 @@ constexpr int kKilled = 3;
 constexpr int kLines = 80;
 constexpr size_t kPadding = 120;
 
-// Writers that all start at one moment: when Open closes the gate that they read from.
-class Writers {
-public:
-    Writers() {
-        EXPECT_EQ(pipe2(gate_, O_CLOEXEC), 0);
-        for (int i = 0; i < kWriters; ++i) {
-            const pid_t child = fork();
-            if (child == 0) {
-                Write(i);
-            }
-            children_.push_back(child);
-        }
-        close(gate_[0]);
+// A process that writes its lines as soon as the file `go` exists.
+pid_t StartWriter(int writer, const std::string& go) {
+    const pid_t child = fork();
+    if (child != 0) {
+        return child;
     }
-    void Open() { close(gate_[1]); }
-    void KillSome() {
-        for (int i = 0; i < kKilled; ++i) {
-            kill(children_[i], SIGKILL);
-        }
+    while (access(go.c_str(), F_OK) != 0) {
     }
-    void Wait() {
-        for (const pid_t child : children_) {
-            EXPECT_EQ(waitpid(child, nullptr, 0), child);
-        }
+    const std::string padding(kPadding, 'x');
+    for (int n = 0; n < kLines; ++n) {
+        SelfLog("writer %d line %d %s", writer, n, padding.c_str());
     }
-
-private:
-    [[noreturn]] void Write(int writer) const {
-        char end = 0;
-        close(gate_[1]);
-        while (read(gate_[0], &end, 1) != 0) {
-        }
-        const std::string padding(kPadding, 'x');
-        for (int n = 0; n < kLines; ++n) {
-            SelfLog("writer %d line %d %s", writer, n, padding.c_str());
-        }
-        syscall(SYS_exit_group, 0);  // without a second of a sanitizer's own last checks
-        abort();
-    }
-
-    int gate_[2] = {-1, -1};
-    std::vector<pid_t> children_;
-};
-
-struct WriterLine {
-    int writer = -1;
-    int number = -1;
-    std::string before;  // what stands in front of it
-};
-
-// By hand, since a regular expression takes a minute for all of them under a sanitizer.
-std::optional<WriterLine> ParseLine(const std::string& line) {
-    WriterLine parsed;
-    const size_t mark = line.rfind("writer ");
-    if (mark == std::string::npos || mark < kTimeLength) {
-        return std::nullopt;
-    }
-    const size_t start = mark - kTimeLength;
-    int end = 0;
-    std::sscanf(&line[start], "%*4d-%*2d-%*2d %*2d:%*2d:%*2d.%*3dwriter %d line %d %n",
-                &parsed.writer, &parsed.number, &end);
-    if (end == 0 || line.substr(start + static_cast<size_t>(end)) != std::string(kPadding, 'x')) {
-        return std::nullopt;
-    }
-    parsed.before = line.substr(0, start);
-    return parsed;
+    syscall(SYS_exit_group, 0);  // without a second of a sanitizer's own last checks
+    return 0;
 }
 
 // The numbers that each writer's lines carry, in the order of the files. The kernel may end a
@@ -320,13 +251,20 @@ std::vector<std::vector<int>> ParseLines(const std::string& text) {
     std::vector<std::string> fragments;
     std::istringstream in(text);
     for (std::string line; std::getline(in, line);) {
-        const auto parsed = ParseLine(line);
-        const std::string& fragment = parsed ? parsed->before : line;
-        if (!fragment.empty()) {
-            fragments.push_back(fragment);
+        const size_t mark = line.rfind("writer ");
+        const size_t start =
+            mark == std::string::npos || mark < kTimeLength ? 0 : mark - kTimeLength;
+        size_t writer = 0;
+        int number = 0;
+        int end = 0;
+        std::sscanf(&line[start], "%*4d-%*2d-%*2d %*2d:%*2d:%*2d.%*3dwriter %zu line %d %n",
+                    &writer, &number, &end);
+        const bool isWhole = end > 0 && line.substr(start + end) == std::string(kPadding, 'x');
+        if (isWhole) {
+            seen.at(writer).push_back(number);
         }
-        if (parsed) {
-            seen.at(static_cast<size_t>(parsed->writer)).push_back(parsed->number);
+        if (!isWhole || start > 0) {
+            fragments.push_back(isWhole ? line.substr(0, start) : line);
         }
     }
     EXPECT_LE(fragments.size(), static_cast<size_t>(kKilled)) << testing::PrintToString(fragments);
@@ -341,8 +279,11 @@ TEST(SelfLog, TenProcessesRotateWithoutLosingALine) {
         // The first lines fit, the rest goes to a new file.
         const std::string filling(kLimit - 20000 - round * 37, 'o');
         WriteFile(log.log(), filling + "\n");
-        Writers writers;
-        writers.Open();
+        std::vector<pid_t> writers;
+        for (int i = 0; i < kWriters; ++i) {
+            writers.push_back(StartWriter(i, log.root() + "/go"));
+        }
+        WriteFile(log.root() + "/go", "");
         // Around the time of the rotation.
         const size_t killAt = filling.size() + random() % 20000;
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -351,8 +292,10 @@ TEST(SelfLog, TenProcessesRotateWithoutLosingALine) {
                std::chrono::steady_clock::now() < deadline) {
             std::this_thread::yield();
         }
-        writers.KillSome();
-        writers.Wait();
+        std::for_each_n(writers.begin(), kKilled, [](pid_t pid) { kill(pid, SIGKILL); });
+        for (const pid_t pid : writers) {
+            EXPECT_EQ(waitpid(pid, nullptr, 0), pid);
+        }
 
         const std::string old = ReadFile(log.old());
         const std::string text = ReadFile(log.log());
@@ -362,13 +305,11 @@ TEST(SelfLog, TenProcessesRotateWithoutLosingALine) {
         ASSERT_EQ(old.substr(0, filling.size() + 1), filling + "\n");
         const auto seen = ParseLines(old.substr(filling.size() + 1) + text);
         for (int i = 0; i < kWriters; ++i) {
-            std::vector<int> sorted = seen[i];
-            std::sort(sorted.begin(), sorted.end());
-            for (size_t n = 0; n < sorted.size(); ++n) {
-                ASSERT_EQ(sorted[n], static_cast<int>(n)) << "writer " << i;
-            }
+            std::vector<int> unbroken(seen[i].size());
+            std::iota(unbroken.begin(), unbroken.end(), 0);
+            EXPECT_EQ(seen[i], unbroken) << "writer " << i;
             if (i >= kKilled) {
-                EXPECT_EQ(sorted.size(), static_cast<size_t>(kLines)) << "writer " << i;
+                EXPECT_EQ(seen[i].size(), static_cast<size_t>(kLines)) << "writer " << i;
             }
         }
     }
