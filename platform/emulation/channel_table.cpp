@@ -50,8 +50,8 @@ constexpr Range kChannels[] = {
 
 }  // namespace
 
-std::vector<ChannelSpec> AllChannels(uint64_t bytesPerSecond) {
-    std::vector<ChannelSpec> channels;
+std::vector<SimulatedChannel> AllChannels(uint64_t bytesPerSecond) {
+    std::vector<SimulatedChannel> channels;
     for (const Range& range : kChannels) {
         for (uint32_t id = range.first; id <= range.last; ++id) {
             channels.push_back({id, range.name, 0, bytesPerSecond});

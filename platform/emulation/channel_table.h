@@ -8,6 +8,6 @@
 namespace orla::emulation {
 
 // All channels, in rising order of their ids, each producing `bytesPerSecond`.
-[[nodiscard]] std::vector<ChannelSpec> AllChannels(uint64_t bytesPerSecond);
+[[nodiscard]] std::vector<SimulatedChannel> AllChannels(uint64_t bytesPerSecond);
 
 }  // namespace orla::emulation

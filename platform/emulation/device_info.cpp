@@ -20,7 +20,7 @@ int64_t MonotonicNanoseconds() {
 
 // The counter of a device runs at the frequency that the device tells of it, so that a reader
 // who divides the one by the other gets the time; without a frequency it counts nanoseconds.
-int64_t Counter(const DeviceSpec& device) {
+int64_t Counter(const SimulatedDevice& device) {
     const InfoAnswer* told = device.FindInfo(DEV_MODULE_SYSTEM, DEV_INFO_DEVICE_FREQ);
     const bool known = told != nullptr && told->result == DRV_ERROR_NONE && told->value > 0;
     const int64_t kiloHertz = known ? told->value : kNanosecondsPerMillisecond;
@@ -28,7 +28,7 @@ int64_t Counter(const DeviceSpec& device) {
                                 kNanosecondsPerMillisecond);
 }
 
-int Answer(const DeviceSpec& device, int32_t module, int32_t info, int64_t* value) {
+int Answer(const SimulatedDevice& device, int32_t module, int32_t info, int64_t* value) {
     if (const InfoAnswer* told = device.FindInfo(module, info)) {
         if (told->result == DRV_ERROR_NONE) {
             *value = told->value;
@@ -51,11 +51,11 @@ int DeviceInfo(uint32_t device, int32_t module, int32_t info, int64_t* value) {
         return kInvalidArgument;
     }
     const auto scenario = DriverState::Get().scenario();
-    const DeviceSpec* spec = scenario->FindDevice(device);
-    if (spec == nullptr || DriverState::Get().StateOf(device) == DeviceState::kDown) {
+    const SimulatedDevice* found = scenario->FindDevice(device);
+    if (found == nullptr || DriverState::Get().StateOf(device) == DeviceState::kDown) {
         return kNoDevice;
     }
-    return Answer(*spec, module, info, value);
+    return Answer(*found, module, info, value);
 }
 
 // One number of the scenario that no device has a part in.

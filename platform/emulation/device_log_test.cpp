@@ -134,6 +134,7 @@ TEST_F(DeviceLogTest, UnusableFileGoesToStderr) {
 TEST_F(DeviceLogTest, ThreadsWriteWholeLinesAndWaitersSeeThem) {
     const control::LogCapture capture;
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([i] {
             for (int n = 0; n < 100; ++n) {

@@ -23,7 +23,7 @@ DeviceState DriverState::StateOf(uint32_t logicalDevice) const {
 std::vector<DeviceIds> DriverState::PresentDevices() const {
     const std::lock_guard<std::mutex> lock(mutex_);
     std::vector<DeviceIds> present;
-    for (const DeviceSpec& device : scenario_->devices) {
+    for (const SimulatedDevice& device : scenario_->devices) {
         if (states_.at(device.logicalId) != DeviceState::kDown) {
             present.push_back({device.logicalId, device.physicalId});
         }
@@ -35,7 +35,7 @@ void DriverState::Use(std::shared_ptr<const Scenario> scenario) {
     faults_.Set(scenario->faults);
     const std::lock_guard<std::mutex> lock(mutex_);
     states_.clear();
-    for (const DeviceSpec& device : scenario->devices) {
+    for (const SimulatedDevice& device : scenario->devices) {
         states_[device.logicalId] = device.state;
     }
     scenario_ = std::move(scenario);

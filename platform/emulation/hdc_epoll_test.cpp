@@ -156,6 +156,7 @@ TEST_F(HdcEpollTest, SetChangesUnderTheWait) {
                     const drvHdcSession_t session = Accept();
                     EXPECT_EQ(Add(session, reinterpret_cast<uint64_t>(session)), 0);
                 } else if ((bits & HDC_EPOLL_DATA_IN) != 0) {
+                    // NOLINTNEXTLINE(performance-no-int-to-ptr): what was added above
                     const auto session = reinterpret_cast<drvHdcSession_t>(data);
                     EXPECT_EQ(Receive(session), (Received{0, "hello"}));
                     EXPECT_EQ(drvHdcSessionClose(session), 0);
@@ -165,6 +166,7 @@ TEST_F(HdcEpollTest, SetChangesUnderTheWait) {
         }
     });
     std::vector<std::thread> hosts;
+    hosts.reserve(4);
     for (int i = 0; i < 4; ++i) {
         hosts.emplace_back([&] {
             for (int round = 0; round < 25; ++round) {

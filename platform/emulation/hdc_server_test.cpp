@@ -97,6 +97,7 @@ TEST_F(HdcServerTest, DestroyAndLostDeviceWakeTheAccept) {
         Listen();
         const uint64_t before = blocked();
         std::vector<std::thread> threads;
+        threads.reserve(3);
         for (int i = 0; i < 3; ++i) {
             threads.emplace_back(accept);
         }
@@ -168,6 +169,7 @@ TEST_F(HdcServerTest, ServersThatStartTogetherAgreeOnOne) {
         std::atomic<int> made{0};
         std::vector<std::thread> threads;
         std::vector<drvHdcServer_t> servers(4);
+        threads.reserve(servers.size());
         for (drvHdcServer_t& server : servers) {
             threads.emplace_back([&] {
                 for (--waiting; waiting > 0;) {

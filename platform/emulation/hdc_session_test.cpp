@@ -45,20 +45,20 @@ TEST_F(HdcSessionTest, BuffersArriveWholeAndInOrderInBothDirections) {
 }
 
 TEST_F(HdcSessionTest, SessionsRunSideBySide) {
-    constexpr int kSessions = 6;
-    constexpr int kRounds = 200;
+    constexpr size_t kSessions = 6;
+    constexpr size_t kRounds = 200;
     std::vector<std::thread> threads;
     std::atomic<int> wrong{0};
-    for (int s = 0; s < kSessions; ++s) {
+    for (size_t s = 0; s < kSessions; ++s) {
         const auto session = MakeSession();
         threads.emplace_back([&, session, s] {
-            for (int i = 0; i < kRounds; ++i) {
-                wrong += Send(session.first, Pattern(static_cast<size_t>(i * 97 + 1), i + s)) != 0;
+            for (size_t i = 0; i < kRounds; ++i) {
+                wrong += Send(session.first, Pattern(i * 97 + 1, i + s)) != 0;
             }
         });
         threads.emplace_back([&, session, s] {
-            for (int i = 0; i < kRounds; ++i) {
-                const auto wanted = Pattern(static_cast<size_t>(i * 97 + 1), i + s);
+            for (size_t i = 0; i < kRounds; ++i) {
+                const auto wanted = Pattern(i * 97 + 1, i + s);
                 wrong += !(Receive(session.second) == Received{0, wanted});
             }
             wrong += drvHdcSessionClose(session.second) != 0;
@@ -271,10 +271,12 @@ TEST_F(HdcSessionTest, HandlesAreLookedUpNeverFollowed) {
     const auto other = MakeSession();  // takes the places of those that were closed
     int number = 0;
     char* buffer = nullptr;
+    // NOLINTBEGIN(performance-no-int-to-ptr): what hostile callers do
     std::vector<void*> strange = {session.first, message,
                                   client_,       server_,
                                   nullptr,       reinterpret_cast<void*>(-1),
                                   &number,       reinterpret_cast<void*>(0x123456789ABCULL)};
+    // NOLINTEND(performance-no-int-to-ptr)
     for (void* handle : strange) {
         EXPECT_NE(drvHdcSessionClose(handle), 0);
         EXPECT_NE(drvHdcSetSessionReference(handle), 0);

@@ -117,7 +117,7 @@ private:
 };
 
 // What a device of the built-in kind answers, before its scenario says otherwise.
-std::map<DeviceSpec::InfoKey, InfoAnswer> DefaultInfo() {
+std::map<SimulatedDevice::InfoKey, InfoAnswer> DefaultInfo() {
     return {
         {{DEV_MODULE_SYSTEM, DEV_INFO_ENVIRONMENT}, {0}},
         {{DEV_MODULE_SYSTEM, DEV_INFO_TYPE_VERSION}, {5 << 8}},
@@ -149,7 +149,7 @@ DeviceState ReadState(ObjectReader& reader) {
     return found->second;
 }
 
-void ReadInfo(ObjectReader& reader, std::map<DeviceSpec::InfoKey, InfoAnswer>* info) {
+void ReadInfo(ObjectReader& reader, std::map<SimulatedDevice::InfoKey, InfoAnswer>* info) {
     const auto type = reader.Unsigned("type", 0xFF);
     const auto version = reader.Unsigned("version", 0xFF);
     InfoAnswer& chip = (*info)[{DEV_MODULE_SYSTEM, DEV_INFO_TYPE_VERSION}];
@@ -164,8 +164,8 @@ void ReadInfo(ObjectReader& reader, std::map<DeviceSpec::InfoKey, InfoAnswer>* i
         const auto number = [&](const char* key) {
             return answer.Integer<int32_t>(key, INT32_MIN, INT32_MAX);
         };
-        const DeviceSpec::InfoKey key = {answer.Required("module", number("module")),
-                                         answer.Required("info", number("info"))};
+        const SimulatedDevice::InfoKey key = {answer.Required("module", number("module")),
+                                              answer.Required("info", number("info"))};
         const auto value = answer.Integer<int64_t>("value", INT64_MIN, INT64_MAX);
         const auto result = number("result");
         if (value.has_value() == result.has_value()) {
@@ -178,13 +178,14 @@ void ReadInfo(ObjectReader& reader, std::map<DeviceSpec::InfoKey, InfoAnswer>* i
 uint64_t ReadRate(ObjectReader& reader) {
     const Json* rate = reader.Find("rate");
     if (rate != nullptr && rate->is_string() && *rate == "unlimited") {
-        return ChannelSpec::kUnlimited;
+        return SimulatedChannel::kUnlimited;
     }
-    return reader.Integer<uint64_t>("rate", 0, ChannelSpec::kUnlimited - 1).value_or(kDefaultRate);
+    return reader.Integer<uint64_t>("rate", 0, SimulatedChannel::kUnlimited - 1)
+        .value_or(kDefaultRate);
 }
 
-void AddChannel(ObjectReader& reader, DeviceSpec* device) {
-    ChannelSpec channel;
+void AddChannel(ObjectReader& reader, SimulatedDevice* device) {
+    SimulatedChannel channel;
     channel.id = reader.Required("id", reader.Integer<uint32_t>("id", 1, kMaxChannelId));
     channel.name = reader.Text("name").value_or("CHANNEL_" + std::to_string(channel.id));
     if (channel.name.size() > kMaxChannelName) {
@@ -199,10 +200,10 @@ void AddChannel(ObjectReader& reader, DeviceSpec* device) {
 }
 
 void AddDevice(ObjectReader& reader, Scenario* scenario) {
-    DeviceSpec device;
+    SimulatedDevice device;
     device.logicalId = reader.Required("logical", reader.Unsigned("logical", kMaxDevices - 1));
     device.physicalId = reader.Unsigned("physical", UINT32_MAX).value_or(device.logicalId);
-    for (const DeviceSpec& other : scenario->devices) {
+    for (const SimulatedDevice& other : scenario->devices) {
         if (other.logicalId == device.logicalId || other.physicalId == device.physicalId) {
             reader.Fail("a second device with this id");
         }
@@ -259,17 +260,18 @@ const T* Find(const std::vector<T>& items, Matches&& matches) {
 
 }  // namespace
 
-const InfoAnswer* DeviceSpec::FindInfo(int32_t module, int32_t what) const {
+const InfoAnswer* SimulatedDevice::FindInfo(int32_t module, int32_t what) const {
     const auto found = info.find({module, what});
     return found == info.end() ? nullptr : &found->second;
 }
 
-const ChannelSpec* DeviceSpec::FindChannel(uint32_t id) const {
-    return Find(channels, [id](const ChannelSpec& channel) { return channel.id == id; });
+const SimulatedChannel* SimulatedDevice::FindChannel(uint32_t id) const {
+    return Find(channels, [id](const SimulatedChannel& channel) { return channel.id == id; });
 }
 
-const DeviceSpec* Scenario::FindDevice(uint32_t logicalId) const {
-    return Find(devices, [=](const DeviceSpec& device) { return device.logicalId == logicalId; });
+const SimulatedDevice* Scenario::FindDevice(uint32_t logicalId) const {
+    return Find(devices,
+                [=](const SimulatedDevice& device) { return device.logicalId == logicalId; });
 }
 
 std::shared_ptr<const Scenario> ParseScenario(std::string_view text, std::string* error) {

@@ -27,7 +27,7 @@ struct InfoAnswer {
     int32_t result = 0;
 };
 
-struct ChannelSpec {
+struct SimulatedChannel {
     static constexpr uint64_t kUnlimited = UINT64_MAX;  // every read is filled
 
     uint32_t id = 0;   // 1..160
@@ -36,7 +36,7 @@ struct ChannelSpec {
     uint64_t bytesPerSecond = 0;  // 0: idle
 };
 
-struct DeviceSpec {
+struct SimulatedDevice {
     using InfoKey = std::pair<int32_t, int32_t>;  // module, what is asked
 
     uint32_t logicalId = 0;
@@ -45,20 +45,20 @@ struct DeviceSpec {
     // Every constant answer: chip type and version and both frequencies are here as well. What
     // is not here (and does not run, as a counter does) is not supported.
     std::map<InfoKey, InfoAnswer> info;
-    std::vector<ChannelSpec> channels;  // ids are unique
+    std::vector<SimulatedChannel> channels;  // ids are unique
 
     [[nodiscard]] const InfoAnswer* FindInfo(int32_t module, int32_t what) const;
-    [[nodiscard]] const ChannelSpec* FindChannel(uint32_t id) const;
+    [[nodiscard]] const SimulatedChannel* FindChannel(uint32_t id) const;
 };
 
 struct Scenario {
     uint32_t maxSegment = 524288;
-    uint32_t platformInfo = 0;        // answer of drvGetPlatformInfo
-    int32_t apiVersion = 465157;      // answer of halGetAPIVersion
-    std::vector<DeviceSpec> devices;  // logical and physical ids are unique
-    std::vector<Fault> faults;        // each names an operation of the driver
+    uint32_t platformInfo = 0;             // answer of drvGetPlatformInfo
+    int32_t apiVersion = 465157;           // answer of halGetAPIVersion
+    std::vector<SimulatedDevice> devices;  // logical and physical ids are unique
+    std::vector<Fault> faults;             // each names an operation of the driver
 
-    [[nodiscard]] const DeviceSpec* FindDevice(uint32_t logicalId) const;
+    [[nodiscard]] const SimulatedDevice* FindDevice(uint32_t logicalId) const;
 };
 
 // From JSON text; on a failure null, with the reason in `error`.
