@@ -37,6 +37,7 @@ int32_t IdeDeviceLogInit();
 // Undoes it, always 0. Requests in flight finish, on the default self log.
 int32_t IdeDeviceLogDestroy();
 
-// Serves one request; both arguments stay the caller's, who closes the session afterwards. May
-// take 900 ms and the time of the requests before it when slogd is slow.
+// Serves one request; both arguments stay the caller's, who closes the session afterwards. Takes
+// up to 0.9 s when slogd is slow, another second when the request before got no answer and its
+// reply may yet come, and the time of the requests before it.
 int32_t IdeDeviceLogProcess(drvHdcSession_t session, const IdeRequest* request);
