@@ -26,18 +26,6 @@ struct RequestDeleter {
 };
 using RequestPtr = std::unique_ptr<IdeRequest, RequestDeleter>;
 
-int PollRead(drvHdcSession_t session, void** buffer, uint32_t* length) {
-    for (uint32_t i = 1; i < kMaxReadTimes; ++i) {
-        const int ret = HdcReadNb(session, buffer, length);
-        if (ret != kHdcReadEmpty) {
-            return ret;
-        }
-        mmSleep(i);
-    }
-    IDE_LOGW("no received request in %d times", kMaxReadTimes);
-    return -1;
-}
-
 bool IsWhole(const IdeRequest* request, uint32_t length) {
     const bool hasHeader = length >= sizeof(IdeRequest);
     const uint32_t stated = hasHeader ? request->len : 0;
@@ -111,7 +99,7 @@ int IdeRead(const IdeTransport* transport, void** buffer, uint32_t* length, int 
         return -1;
     }
     return waitFlag == 0 ? HdcRead(transport->session, buffer, length)
-                         : PollRead(transport->session, buffer, length);
+                         : HdcReadPolling(transport->session, buffer, length, kMaxReadTimes);
 }
 
 int IdeHdcReadRequest(const IdeTransport* transport, IdeRequest** request) {

@@ -76,6 +76,11 @@ int HdcSessionDestroy(drvHdcSession_t session, const orla::LogSide& side = orla:
 [[nodiscard]] int HdcReadNb(drvHdcSession_t session, void** buffer, uint32_t* length,
                             const orla::LogSide& side = orla::kCoreSide);
 
+// HdcReadNb until it answers anything but kHdcReadEmpty, with a sleep of 1, 2, … times - 1 ms
+// behind each empty answer; after the last it fails with a warning. 142 `times` make 10,011 ms.
+[[nodiscard]] int HdcReadPolling(drvHdcSession_t session, void** buffer, uint32_t* length,
+                                 int times, const orla::LogSide& side = orla::kCoreSide);
+
 // Writes one message of `length` bytes, 1 to 2,147,483,647. `buffer` stays the caller's. After
 // a failure the message may be out in part, and the peer never sees its end: the session is
 // then of use for closing only. HdcWrite blocks while the peer doesn't read; HdcWriteNb fails

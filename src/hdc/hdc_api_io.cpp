@@ -222,6 +222,19 @@ int HdcReadNb(drvHdcSession_t session, void** buffer, uint32_t* length, const Lo
     return HdcSessionRead(session, buffer, length, HDC_FLAG_NOWAIT, side);
 }
 
+int HdcReadPolling(drvHdcSession_t session, void** buffer, uint32_t* length, int times,
+                   const LogSide& side) {
+    for (int i = 1; i < times; ++i) {
+        const int ret = HdcReadNb(session, buffer, length, side);
+        if (ret != kHdcReadEmpty) {
+            return ret;
+        }
+        mmSleep(static_cast<uint32_t>(i));
+    }
+    SIDE_LOG(side, kWarning, "no received request in %d times", times);
+    return kHdcReadFailed;
+}
+
 int HdcWrite(drvHdcSession_t session, const void* buffer, int length, const LogSide& side) {
     return HdcSessionWrite(session, buffer, length, HDC_FLAG_WAIT, side);
 }

@@ -41,18 +41,6 @@ void* ToHandle(int64_t value) {
     return reinterpret_cast<void*>(static_cast<intptr_t>(value));
 }
 
-int PollRead(drvHdcSession_t session, void** buffer, uint32_t* length) {
-    for (uint32_t i = 1; i < kMaxReadTimes; ++i) {
-        const int ret = HdcReadNb(session, buffer, length);
-        if (ret != kHdcReadEmpty) {
-            return ret;
-        }
-        mmSleep(i);
-    }
-    IDE_LOGW("no received request in %d times", kMaxReadTimes);
-    return -1;
-}
-
 }  // namespace
 
 int64_t HdcCommOpt::OpenServer(const CommOptions& options) {
@@ -201,7 +189,7 @@ int HdcCommOpt::Read(int64_t session, void** buffer, int32_t* length, int flag) 
     }
     uint32_t received = 0;
     const int ret = flag == 0 ? HdcRead(ToHandle(session), buffer, &received)
-                              : PollRead(ToHandle(session), buffer, &received);
+                              : HdcReadPolling(ToHandle(session), buffer, &received, kMaxReadTimes);
     *length = static_cast<int32_t>(received);
     return ret;
 }
