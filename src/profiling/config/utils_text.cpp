@@ -3,9 +3,6 @@
 #include "hdc/log_side.h"
 #include "profiling/config/utils.h"
 
-// Prefix of the log lines of one check, which name it.
-#define NUMBER_CHECK "[Utils::CheckStringIsNonNegativeIntNum]"
-
 namespace analysis::nedra::common::utils {
 
 namespace {
@@ -74,16 +71,18 @@ bool Utils::CheckStringIsNonNegativeIntNum(const std::string& text) {
         return false;
     }
     if (text.size() > kLargestIntDigits) {
-        PROF_LOGE(NUMBER_CHECK "numberStr(%s) is too long", text.c_str());
+        PROF_LOGE("[Utils::CheckStringIsNonNegativeIntNum]numberStr(%s) is too long", text.c_str());
         return false;
     }
     if (!IsAllDigit(text)) {
-        PROF_LOGE(NUMBER_CHECK "numberStr(%s) is not a number", text.c_str());
+        PROF_LOGE("[Utils::CheckStringIsNonNegativeIntNum]numberStr(%s) is not a number",
+                  text.c_str());
         return false;
     }
     // Texts of one length compare digit by digit.
     if (text.size() == kLargestIntDigits && text > kLargestInt) {
-        PROF_LOGE(NUMBER_CHECK "numberStr(%s) is over than %s", text.c_str(), kLargestInt);
+        PROF_LOGE("[Utils::CheckStringIsNonNegativeIntNum]numberStr(%s) is over than %s",
+                  text.c_str(), kLargestInt);
         return false;
     }
     return true;

@@ -14,14 +14,6 @@ namespace orla::test {
 // How many more threads the system gives; negative: as many as are wanted.
 extern std::atomic<int> threadsLeft;
 
-class ThreadsLeft {
-public:
-    explicit ThreadsLeft(int count) { threadsLeft = count; }
-    ~ThreadsLeft() { threadsLeft = -1; }
-    ThreadsLeft(const ThreadsLeft&) = delete;
-    ThreadsLeft& operator=(const ThreadsLeft&) = delete;
-};
-
 // Whether the thread rests for a millisecond whenever it has unlocked a mutex, so that others do
 // what they can in between.
 extern thread_local bool restsAfterUnlock;
