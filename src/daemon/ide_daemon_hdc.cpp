@@ -24,6 +24,7 @@ namespace {
 constexpr int kMaxClientSessions = 96;
 constexpr int kDiscoveryRounds = 600;
 constexpr uint32_t kDiscoveryPauseMs = 1000;
+constexpr uint32_t kDiscoverySliceMs = 50;
 constexpr int kServerPauseMs = 5000;
 constexpr auto kAcceptPause = std::chrono::milliseconds(1000);
 constexpr auto kServerThreadsEnd = std::chrono::seconds(1);
@@ -266,6 +267,14 @@ void InitCtrl() {
     ctrl.ctrlReady = true;
 }
 
+// Sleeps in slices: what ends the wait is a signal handler, which can't wake anybody.
+void PauseDiscovery() {
+    for (uint32_t slept = 0; slept < kDiscoveryPauseMs && !Ctrl().stopRequested.load();
+         slept += kDiscoverySliceMs) {
+        mmSleep(kDiscoverySliceMs);
+    }
+}
+
 int FindDevices(std::vector<uint32_t>& ids, uint32_t* count) {
     int ret = 0;
     for (int round = 0; round < kDiscoveryRounds && !Ctrl().stopRequested.load(); ++round) {
@@ -274,7 +283,7 @@ int FindDevices(std::vector<uint32_t>& ids, uint32_t* count) {
         if (ret == 0 && *count != 0) {
             return 0;
         }
-        mmSleep(kDiscoveryPauseMs);
+        PauseDiscovery();
     }
     return ret;
 }
