@@ -1,6 +1,6 @@
 # The ways in. Everything is built below build/<preset>; CMakePresets.json has the presets.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test sanitize fuzz bench format format-check check tidy clean
+.PHONY: help setup build demo test sanitize fuzz bench device format format-check check tidy clean
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 30
@@ -43,6 +43,10 @@ bench: build  ## run all benchmarks
 	@set -e; for program in build/release/bench/*_bench; do \
 	    echo "== $${program##*/}"; $(SANDBOX) --quiet -- $$program; \
 	done
+
+device: setup  ## link the daemon as for a device, against libraries made from the contract headers
+	@cmake --preset device -DORLA_PLATFORM_LIBS="$$(scripts/device-stubs build/device-stubs)"
+	@cmake --build --preset device -j $(JOBS)
 
 format:  ## put all sources into the house style
 	@$(SOURCES) | xargs -0 clang-format -i
