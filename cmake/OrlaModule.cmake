@@ -22,6 +22,7 @@ endif()
 # Every test runs in the sandbox: private /var, /home and SysV queues, so that the paths of a
 # device are the ones that are tested and nothing of the machine is touched.
 set(ORLA_SANDBOX ${PROJECT_SOURCE_DIR}/platform/standins/orla-sandbox)
+set(ORLA_RUN ${ORLA_SANDBOX} --quiet -- ${CMAKE_CROSSCOMPILING_EMULATOR})
 
 # orla_module(<name> DIR <folder> [SHARED] [DEPENDS …] [PRIVATE_DEPENDS …])
 function(orla_module name)
@@ -77,7 +78,7 @@ function(orla_test name)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR})  # platform/emulation/control.h
   target_link_libraries(${name} PRIVATE orla_options ${ARG_DEPENDS} ${ORLA_PLATFORM_TARGETS}
                         GTest::gmock GTest::gtest_main)
-  add_test(NAME ${name} COMMAND ${ORLA_SANDBOX} --quiet -- $<TARGET_FILE:${name}>)
+  add_test(NAME ${name} COMMAND ${ORLA_RUN} $<TARGET_FILE:${name}>)
   set_tests_properties(${name} PROPERTIES TIMEOUT 300)
 endfunction()
 
@@ -91,7 +92,7 @@ function(orla_fuzzer source module)
     target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   elseif(BUILD_TESTING)
     add_executable(${name} ${source} ${PROJECT_SOURCE_DIR}/tests/fuzz_replay.cpp)
-    add_test(NAME ${name} COMMAND ${ORLA_SANDBOX} --quiet -- $<TARGET_FILE:${name}> ${corpus})
+    add_test(NAME ${name} COMMAND ${ORLA_RUN} $<TARGET_FILE:${name}> ${corpus})
     set_tests_properties(${name} PROPERTIES TIMEOUT 300)
   else()
     return()
