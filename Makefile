@@ -1,6 +1,6 @@
 # The ways in. Everything is built below build/<preset>; CMakePresets.json has the presets.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test sanitize fuzz bench device aarch64 format format-check check tidy clean
+.PHONY: help setup build demo test sanitize fuzz bench device aarch64 package format format-check check tidy clean
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 30
@@ -48,7 +48,10 @@ device: setup  ## link the daemon as for a device, against libraries made from t
 	@cmake --preset device -DORLA_PLATFORM_LIBS="$$(scripts/device-stubs build/device-stubs)"
 	@cmake --build --preset device -j $(JOBS)
 
-# The presets leave out the unit tests that start another program of the build, or wait for the
+package: build  ## Debian packages of daemon and host tool: build/packages
+	@cd build/release && cpack -B ../packages >/dev/null && ls ../packages/*.deb
+
+# The test preset leaves out the unit tests that start another program of the build, or wait for the
 # failure of an exec: qemu's user emulation can do neither.
 aarch64:  ## build for the card's processor, and run the unit tests under qemu
 	@scripts/setup aarch64
