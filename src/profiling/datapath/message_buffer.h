@@ -1,0 +1,36 @@
+// The buffers in which messages wait for their way to the host, and the room in them that spares
+// every copy on that way.
+//
+//     0                        kFrontRoom            size - kTailRoom       size
+//     | heads of packet and    | message             | end of the last      |
+//     | first segment          |                     | segment              |
+//
+// A producer takes a buffer, which holds the front room and nothing more, and appends its message
+// (AppendEnvelope does just that). The uploader adds the tail room, and the transport writes the
+// heads in front of the message where it lies. When the last owner lets a buffer go it returns to
+// a small list and serves the next message: to fault in the pages of a fresh block takes longer
+// than to copy into them.
+//
+// Any thread may take a buffer and any thread may release it.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace analysis::nedra::transport {
+
+constexpr size_t kFrontRoom = 24;  // bytes; at least what ITransport::SendInPlace overwrites
+constexpr size_t kTailRoom = 3;
+
+using MessageBuffer = std::shared_ptr<std::string>;
+
+// A buffer that holds kFrontRoom bytes and has the capacity for a message of `messageSize` bytes
+// and the tail room. Null, with a log line, when memory is out.
+[[nodiscard]] MessageBuffer TakeMessageBuffer(size_t messageSize);
+
+// Gives back to the system what is kept for later use. Buffers in use aren't concerned, and return
+// to the list as before.
+void TrimMessageBuffers();
+
+}  // namespace analysis::nedra::transport

@@ -1,0 +1,86 @@
+// Finds the uploader of a job: producers know their job's id and nothing else. Keeps also which
+// job runs on a device in which mode.
+//
+// Any thread may call anything. The mutex is held for the map operation only: uploads wait, and
+// uploaders end, outside it. A producer that has got an uploader may still send through it after
+// its removal; it lives until the last reference goes.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "profiling/config/job_records.h"
+#include "profiling/config/singleton.h"
+#include "profiling/datapath/uploader.h"
+
+namespace analysis::nedra::transport {
+
+// What is said of one chunk of a file beside its bytes.
+struct FileChunkInfo {
+    std::string fileName;  // of the target file, relative: "data/…"
+    bool isLastChunk = false;
+    uint32_t dataModule = 0;
+};
+
+class UploaderMgr : public common::singleton::Singleton<UploaderMgr> {
+public:
+    UploaderMgr() = default;  // one's own for tests; the agent uses instance()
+    ~UploaderMgr() override;
+
+    // ---- The uploaders ---------------------------------------------------------------------
+
+    // Takes the uploader in; one of the same id is replaced and released. An empty id or pointer
+    // changes nothing.
+    void AddUploader(const std::string& id, const std::shared_ptr<Uploader>& uploader);
+    // `out` is null for an id that is not known.
+    void GetUploader(const std::string& id, std::shared_ptr<Uploader>& out);
+    // Removes the entry, if there is one. What is queued is dropped if nobody else holds the
+    // uploader: Flush comes before.
+    void DelUploader(const std::string& id);
+    int DelAllUploader();
+    // Forgets everything; at the agent's end. Always 0, as is DelAllUploader.
+    int Uninit();
+    // Makes, names, starts and adds an uploader on `transport`, with a queue of `queueCapacity`
+    // messages. 0, or what failed.
+    [[nodiscard]] int CreateUploader(const std::string& id, std::shared_ptr<ITransport> transport,
+                                     uint64_t queueCapacity);
+    // Uploader::BoundStall of that job's uploader, if there is one.
+    void BoundStall(const std::string& id, bool on);
+
+    // ---- Sending: 0, or -1 with a log line. Blocks while the queue is full --------------------
+
+    // One encoded message of `len` bytes, copied.
+    [[nodiscard]] int UploadData(const std::string& id, const void* data, uint32_t len);
+    // The same in a buffer that is handed over, see Uploader::UploadData.
+    [[nodiscard]] int UploadData(const std::string& id, MessageBuffer message);
+    // One FileChunkReq with the bytes `data`, at least one.
+    [[nodiscard]] int UploadData(const std::string& id, const std::string& data,
+                                 const FileChunkInfo& info,
+                                 const std::shared_ptr<message::JobContext>& jobCtx);
+    // The same for bulk data: `len` bytes are copied once, straight behind the head of their
+    // message in a recycled buffer. `jobCtxText` is the text of the job's context.
+    [[nodiscard]] int UploadData(const std::string& id, const void* data, uint32_t len,
+                                 const FileChunkInfo& info, const std::string& jobCtxText);
+
+    // ---- Which job runs on a device in a mode; an empty mode is "def_mode" --------------------
+
+    void UpdateDevModeJobMap(uint32_t devId, const std::string& mode, const std::string& jobId);
+    // Empty when there is none.
+    [[nodiscard]] std::string GetJobId(uint32_t devId, const std::string& mode);
+
+private:
+    using UploaderMap = std::map<std::string, std::shared_ptr<Uploader>>;
+
+    // Empties the map and releases the uploaders.
+    void ReleaseAll();
+
+    std::mutex mutex_;
+    // Guarded by mutex_.
+    UploaderMap uploaderMap_;
+    std::map<std::string, std::string> devModeJobMap_;
+};
+
+}  // namespace analysis::nedra::transport
