@@ -1,6 +1,5 @@
 // orlactl pull: fetches all files of one or more types.
 #include <fmt/format.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <memory>
@@ -11,6 +10,7 @@
 #include "host/device_session.h"
 #include "host/exit_codes.h"
 #include "host/file_pull.h"
+#include "host/terminal_text.h"
 
 namespace orla::host {
 
@@ -26,54 +26,27 @@ struct PullOptions {
     int timeoutSeconds = 300;
 };
 
-// Control characters of foreign names must not reach a terminal.
-std::string Printable(std::string name) {
-    for (char& c : name) {
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') {
-            c = '?';
-        }
-    }
-    return name;
-}
-
-std::string Amount(double bytes) {
-    const char* units[] = {"B", "kB", "MB", "GB"};
-    size_t unit = 0;
-    while (bytes >= 1000 && unit + 1 < std::size(units)) {
-        bytes /= 1000;
-        ++unit;
-    }
-    return fmt::format(unit == 0 ? "{:.0f} {}" : "{:.1f} {}", bytes, units[unit]);
-}
-
 // One line that is written over, a few times a second, on a terminal only.
 class Progress {
 public:
-    explicit Progress(bool wanted) : shown_(wanted && isatty(STDERR_FILENO) == 1) {}
-    ~Progress() { Clear(); }
+    explicit Progress(bool wanted) : line_(wanted) {}
 
     void Update(const PulledFile& file) {
         total_ += file.bytes >= last_ ? file.bytes - last_ : file.bytes;
         last_ = file.bytes == file.size ? 0 : file.bytes;
         const auto now = Clock::now();
-        if (!shown_ || now - drawn_ < std::chrono::milliseconds(100)) {
+        if (!line_.shown() || now - drawn_ < std::chrono::milliseconds(100)) {
             return;
         }
         drawn_ = now;
         const double seconds = std::chrono::duration<double>(now - start_).count();
-        fmt::print(stderr, "\r\x1b[K{}: {} of {}, {}/s", Printable(file.name),
-                   Amount(static_cast<double>(file.bytes)), Amount(static_cast<double>(file.size)),
-                   Amount(static_cast<double>(total_) / seconds));
-    }
-
-    void Clear() const {
-        if (shown_) {
-            fmt::print(stderr, "\r\x1b[K");
-        }
+        line_.Show(fmt::format(
+            "{}: {} of {}, {}/s", Printable(file.name), Amount(static_cast<double>(file.bytes)),
+            Amount(static_cast<double>(file.size)), Amount(static_cast<double>(total_) / seconds)));
     }
 
 private:
-    const bool shown_;
+    const StatusLine line_;
     const Clock::time_point start_ = Clock::now();
     Clock::time_point drawn_;
     uint64_t total_ = 0;

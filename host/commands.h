@@ -23,6 +23,7 @@ using Command = std::function<int()>;
 Command AddDevicesCommand(CLI::App& app, const CommonOptions& options);
 Command AddLogCommand(CLI::App& app, const CommonOptions& options);
 Command AddPullCommand(CLI::App& app, const CommonOptions& options);
+Command AddProfileCommand(CLI::App& app, const CommonOptions& options);
 
 // The devices that were asked for, of those that the driver knows.
 [[nodiscard]] std::vector<Device> SelectDevices(const CommonOptions& options);

@@ -35,6 +35,7 @@ int main(int argc, char** argv) {
     commands["devices"] = AddDevicesCommand(app, options);
     commands["log"] = AddLogCommand(app, options);
     commands["pull"] = AddPullCommand(app, options);
+    commands["profile"] = AddProfileCommand(app, options);
 
     try {
         app.parse(argc, argv);
