@@ -89,6 +89,11 @@ int HdcSessionDestroy(drvHdcSession_t session, const orla::LogSide& side = orla:
                            const orla::LogSide& side = orla::kCoreSide);
 [[nodiscard]] int HdcWriteNb(drvHdcSession_t session, const void* buffer, int length,
                              const orla::LogSide& side = orla::kCoreSide);
+// HdcWrite without a copy, for a message that need not survive it: segments are made where it
+// lies. The orla::kSegmentFront bytes in front of `buffer` and the orla::kSegmentTail bytes behind
+// its end belong to the caller too; the ones in front and the message are overwritten.
+[[nodiscard]] int HdcWriteInPlace(drvHdcSession_t session, char* buffer, int length,
+                                  const orla::LogSide& side = orla::kCoreSide);
 
 // The driver's maximum segment, 1024 to 524288 bytes. A null `maxSegment` fails.
 [[nodiscard]] int HdcGetCapacity(uint32_t* maxSegment, const orla::LogSide& side = orla::kCoreSide);

@@ -67,8 +67,29 @@ int SendSegment(drvHdcSession_t session, DriverMessage& message, IdeHdcPacket* s
     return message.Reuse();
 }
 
-int HdcSessionWrite(drvHdcSession_t session, const void* buffer, int length, uint64_t flag,
-                    const LogSide& side) {
+// Sends the segments of a message, each made in `block`, or without one in front of its payload:
+// there lies nothing but the caller's room, or bytes that are out already.
+int SendSegments(drvHdcSession_t session, DriverMessage& message, const char* payload,
+                 uint32_t remaining, uint32_t limit, IdeHdcPacket* block, uint64_t flag,
+                 const LogSide& side) {
+    while (remaining > 0) {
+        IdeHdcPacket* segment = block;
+        if (segment == nullptr) {
+            segment =
+                reinterpret_cast<IdeHdcPacket*>(const_cast<char*>(payload) - orla::kSegmentFront);
+        }
+        const uint32_t taken = orla::CutSegment(payload, remaining, limit, segment);
+        if (SendSegment(session, message, segment, flag, side) != 0) {
+            return -1;
+        }
+        payload += taken;
+        remaining -= taken;
+    }
+    return message.Free();
+}
+
+int HdcSessionWrite(drvHdcSession_t session, const void* buffer, int length, bool inPlace,
+                    uint64_t flag, const LogSide& side) {
     if (SIDE_REFUSES(side, {session == nullptr, "session is nullptr"},
                      {buffer == nullptr, "buf is nullptr"}, {length < 1, "len is invalid"})) {
         return -1;
@@ -85,27 +106,22 @@ int HdcSessionWrite(drvHdcSession_t session, const void* buffer, int length, uin
         SIDE_LOG(side, kError, "Hdc Alloc Msg, error: %d", ret);
         return -1;
     }
-    // One segment buffer serves the whole message, and is no larger than a short one needs.
+    const char* payload = static_cast<const char*>(buffer);
     const uint32_t limit = maxSegment - orla::kSegmentOverhead;
-    auto remaining = static_cast<uint32_t>(length);
-    const size_t segmentSize = std::min(remaining, limit) + orla::kSegmentOverhead;
-    const HeapBlock segmentBlock(static_cast<char*>(IdeXmalloc(segmentSize)));
-    if (segmentBlock == nullptr) {
+    const auto size = static_cast<uint32_t>(length);
+    if (inPlace) {
+        return SendSegments(session, message, payload, size, limit, nullptr, flag, side);
+    }
+    // One segment buffer serves the whole message, and is no larger than a short one needs.
+    const size_t segmentSize = std::min(size, limit) + orla::kSegmentOverhead;
+    const HeapBlock block(static_cast<char*>(IdeXmalloc(segmentSize)));
+    if (block == nullptr) {
         SIDE_LOG(side, kError, "%sIdeXmalloc %lu Size failed",
                  OperationName(side, "[HdcSessionWrite]"), segmentSize);
         return -1;
     }
-    auto* segment = reinterpret_cast<IdeHdcPacket*>(segmentBlock.get());
-    const char* payload = static_cast<const char*>(buffer);
-    while (remaining > 0) {
-        const uint32_t taken = orla::CutSegment(payload, remaining, limit, segment);
-        if (SendSegment(session, message, segment, flag, side) != 0) {
-            return -1;
-        }
-        payload += taken;
-        remaining -= taken;
-    }
-    return message.Free();
+    return SendSegments(session, message, payload, size, limit,
+                        reinterpret_cast<IdeHdcPacket*>(block.get()), flag, side);
 }
 
 // Takes the buffers of one receive. The message is the driver's until its reuse.
@@ -236,9 +252,13 @@ int HdcReadPolling(drvHdcSession_t session, void** buffer, uint32_t* length, int
 }
 
 int HdcWrite(drvHdcSession_t session, const void* buffer, int length, const LogSide& side) {
-    return HdcSessionWrite(session, buffer, length, HDC_FLAG_WAIT, side);
+    return HdcSessionWrite(session, buffer, length, false, HDC_FLAG_WAIT, side);
 }
 
 int HdcWriteNb(drvHdcSession_t session, const void* buffer, int length, const LogSide& side) {
-    return HdcSessionWrite(session, buffer, length, HDC_FLAG_NOWAIT, side);
+    return HdcSessionWrite(session, buffer, length, false, HDC_FLAG_NOWAIT, side);
+}
+
+int HdcWriteInPlace(drvHdcSession_t session, char* buffer, int length, const LogSide& side) {
+    return HdcSessionWrite(session, buffer, length, true, HDC_FLAG_WAIT, side);
 }

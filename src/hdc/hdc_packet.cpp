@@ -19,7 +19,9 @@ uint32_t CutSegment(const char* payload, uint32_t remaining, uint32_t limit,
     segment->len = taken;
     segment->type = kSegmentType;
     segment->isLast = taken == remaining ? 1 : 0;
-    std::memcpy(segment->value, payload, taken);
+    if (segment->value != payload) {
+        std::memcpy(segment->value, payload, taken);
+    }
     return taken;
 }
 

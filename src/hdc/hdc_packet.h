@@ -49,6 +49,9 @@ namespace orla {
 
 constexpr uint32_t kSegmentType = 176;
 constexpr uint32_t kSegmentOverhead = 12;  // what a segment adds to its payload on the wire
+// Where these bytes lie: the header in front of the payload, and the padding behind it.
+constexpr uint32_t kSegmentFront = sizeof(IdeHdcPacket);
+constexpr uint32_t kSegmentTail = kSegmentOverhead - kSegmentFront;
 constexpr uint32_t kMinMaxSegment = 1024;
 constexpr uint32_t kMaxMaxSegment = 0x80000;
 
@@ -63,7 +66,8 @@ using HeapBlock = std::unique_ptr<char, FreeDeleter>;
 
 // Fills `segment` with the next segment of a message: at most `limit` of the `remaining` bytes
 // at `payload`, marked last when nothing remains. `segment` has room for the taken bytes plus
-// 12. Returns the payload bytes taken; the caller hands that many plus 12 to the driver.
+// 12; it may lie kSegmentFront bytes in front of the payload, which is then not moved. Returns the
+// payload bytes taken; the caller hands that many plus 12 to the driver.
 uint32_t CutSegment(const char* payload, uint32_t remaining, uint32_t limit, IdeHdcPacket* segment);
 
 // Joins the segments of one message. Feed it driver buffers in the order of their arrival until

@@ -62,6 +62,7 @@ public:
     // what was given up stays so. Any thread; the same call twice is one.
     void BoundStall(bool on);
 
+    using Thread::Stop;
     // Ends the thread: with `forceQuit` after the message at hand, else when all that is queued
     // is out. Stalls are bounded from here on. Works once. Always 0.
     int Stop(bool forceQuit);
@@ -79,27 +80,27 @@ protected:
 private:
     using Queue = common::queue::BoundQueue<MessageBuffer>;
 
-    // Thread's own, which would leave the thread in its Pop.
-    using Thread::Stop;
-
-    int Push(MessageBuffer message);
-    void RunLoop();
-    void Send(ITransport& transport, std::string& message);
-    // On the thread of the watch. `bytes` of the message that hangs.
+    // Whether there is a queue, and `data` for it; a log line when not.
+    bool Accepts(const void* data) const;
+    void SendQueued();
+    void Send(ITransport* transport, std::string& message);
+    // On the thread of the watch, when the send of `bytes` hangs.
     void GiveUp(size_t bytes);
-    void Wake();
+    // Nothing will be taken from the queue any more.
+    void End();
 
+    const std::chrono::milliseconds stallLimit_;
     std::shared_ptr<Queue> queue_;  // set by Init, unchanged from then on
     std::atomic<bool> inited_{false};
     std::atomic<bool> forceQuit_{false};
     std::atomic<bool> stopped_{false};
     std::atomic<bool> gaveUp_{false};
-    std::atomic<bool> ended_{false};
 
     mutable std::mutex mutex_;
     std::condition_variable drained_;  // for Flush: empty, given up or ended
     // Guarded by mutex_.
     std::shared_ptr<ITransport> transport_;
+    bool ended_ = false;
 
     StallWatch watch_;
 };

@@ -14,16 +14,10 @@
 
 #include "profiling/config/job_records.h"
 #include "profiling/config/singleton.h"
+#include "profiling/datapath/file_chunk.h"
 #include "profiling/datapath/uploader.h"
 
 namespace analysis::nedra::transport {
-
-// What is said of one chunk of a file beside its bytes.
-struct FileChunkInfo {
-    std::string fileName;  // of the target file, relative: "data/…"
-    bool isLastChunk = false;
-    uint32_t dataModule = 0;
-};
 
 class UploaderMgr : public common::singleton::Singleton<UploaderMgr> {
 public:
@@ -74,6 +68,8 @@ public:
 private:
     using UploaderMap = std::map<std::string, std::shared_ptr<Uploader>>;
 
+    // Null, with a log line, when there is none for a message of `len` bytes.
+    std::shared_ptr<Uploader> UploaderFor(const std::string& id, size_t len);
     // Empties the map and releases the uploaders.
     void ReleaseAll();
 

@@ -1,0 +1,223 @@
+#include "profiling/datapath/hdc_transport.h"
+
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "hdc/hdc_api.h"
+#include "hdc/log_side.h"
+#include "profiling/config/param_validation.h"
+
+namespace analysis::nedra::transport {
+
+using Analysis::Nedra::Common::Statistics::PerfCount;
+using common::validation::ParamValidation;
+using orla::kProfilingSide;
+
+namespace {
+
+constexpr uint32_t kMarkerLength = sizeof(kContainerNoSupport) - 1;
+constexpr int kDeviceSide = 0;  // the node to connect to
+constexpr uint64_t kPacketsPerReport = 128;
+
+bool IsRefusal(const IdeRequest& packet, uint32_t length) {
+    return packet.len == kMarkerLength && length >= sizeof(IdeRequest) + kMarkerLength &&
+           std::memcmp(packet.value, kContainerNoSupport, kMarkerLength) == 0;
+}
+
+}  // namespace
+
+HDCTransport::~HDCTransport() {
+    HDCTransport::CloseSession();
+    if (isClient_ && client_ != nullptr) {
+        HdcClientDestroy(client_, kProfilingSide);
+        client_ = nullptr;
+    }
+}
+
+int HDCTransport::CloseSession() {
+    // Of two that close at once only one may have the handle.
+    const drvHdcSession_t session = session_.exchange(nullptr);
+    if (session == nullptr) {
+        return 0;
+    }
+    PROF_LOGI("close HDC session");
+    if (isClient_) {
+        HdcSessionDestroy(session, kProfilingSide);
+    } else {
+        HdcSessionClose(session, kProfilingSide);
+    }
+    return 0;
+}
+
+void HDCTransport::Release() {
+    session_ = nullptr;
+    client_ = nullptr;
+}
+
+namespace {
+
+int Outcome(int err, int length) {
+    if (err != 0) {
+        PROF_LOGE("hdc write failed, outLen=%d, err=%d.", length, err);
+        return -1;
+    }
+    return 0;
+}
+
+}  // namespace
+
+int HDCTransport::SendVeltBuffer(void* packet, int length) {
+    return Outcome(HdcWrite(session_, packet, length, kProfilingSide), length);
+}
+
+int HDCTransport::SendPacketInPlace(char* packet, int length) {
+    return Outcome(HdcWriteInPlace(session_, packet, length, kProfilingSide), length);
+}
+
+int HDCTransport::RecvPacket(IdeRequest** packet) {
+    if (packet == nullptr) {
+        return kRecvFailed;
+    }
+    void* buffer = nullptr;
+    uint32_t length = 0;
+    const int ret = HdcRead(session_, &buffer, &length, kProfilingSide);
+    orla::HeapBlock block(static_cast<char*>(buffer));
+    if (ret != kHdcReadDone || length < sizeof(IdeRequest) || length > INT32_MAX) {
+        PROF_LOGW("hdc read failed: ret=%d; bufLen=%d", ret, static_cast<int>(length));
+        return kRecvFailed;
+    }
+    *packet = reinterpret_cast<IdeRequest*>(block.release());
+    return IsRefusal(**packet, length) ? kRecvContainerNoSupport : static_cast<int>(length);
+}
+
+void HDCTransport::DestroyPacket(IdeRequest* packet) {
+    IdeFreePacket(packet);
+}
+
+// ---- The factory -------------------------------------------------------------------------------
+
+namespace {
+
+using TransportPtr = std::shared_ptr<HDCTransport>;
+
+TransportPtr MakeTransport(drvHdcSession_t session, bool isClient = false,
+                           drvHdcClient_t client = nullptr) {
+    try {
+        return std::make_shared<HDCTransport>(session, isClient, client);
+    } catch (const std::exception& e) {
+        PROF_LOGE("make shared failed, message: %s", e.what());
+        return nullptr;
+    }
+}
+
+// Null when there is no transport or its counter cannot be made; the session is then not the
+// transport's any more.
+TransportPtr WithCounter(TransportPtr transport, int devId) {
+    if (transport == nullptr) {
+        return nullptr;
+    }
+    try {
+        transport->perfCount =
+            std::make_shared<PerfCount>("HdcTransport_" + std::to_string(devId), kPacketsPerReport);
+    } catch (const std::exception& e) {
+        PROF_LOGE("make shared failed, message: %s", e.what());
+        transport->Release();
+        return nullptr;
+    }
+    return transport;
+}
+
+// For a session that this side has made and nobody else knows.
+TransportPtr OrClosed(TransportPtr transport, drvHdcSession_t session) {
+    if (transport == nullptr) {
+        HdcSessionClose(session, kProfilingSide);
+    }
+    return transport;
+}
+
+TransportPtr FromConnect(int ret, drvHdcSession_t session, int devId, drvHdcClient_t owned) {
+    if (ret != 0) {
+        PROF_LOGW("CreateHdcTransport failed, ret is %d", ret);
+        return nullptr;
+    }
+    return OrClosed(WithCounter(MakeTransport(session, true, owned), devId), session);
+}
+
+bool IsClient(drvHdcClient_t client) {
+    if (client == nullptr) {
+        PROF_LOGE("HDC client is invalid");
+    }
+    return client != nullptr;
+}
+
+bool KnowsDevice(drvHdcSession_t session, int* devId) {
+    if (const int err = IdeGetDevIdBySession(session, devId, kProfilingSide); err != 0) {
+        PROF_LOGE("IdeGetDevIdBySession failed, err: %d", err);
+        return false;
+    }
+    if (!ParamValidation::instance().CheckDeviceIdIsValid(std::to_string(*devId))) {
+        PROF_LOGE("[CreateHdcTransport]devId: %d is not valid!", *devId);
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcTransport(drvHdcSession_t session) {
+    if (session == nullptr) {
+        PROF_LOGE("HDC session is invalid");
+        return nullptr;
+    }
+    TransportPtr transport = MakeTransport(session);
+    if (transport == nullptr) {
+        return nullptr;
+    }
+    int devId = 0;
+    if (!KnowsDevice(session, &devId)) {
+        transport->Release();
+        return nullptr;
+    }
+    PROF_LOGI("IdeGetDevIdBySession success, devid:%d", devId);
+    return WithCounter(std::move(transport), devId);
+}
+
+std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcServerTransport(int logicDevId,
+                                                                          drvHdcServer_t server) {
+    PROF_LOGI("CreateHdcServerTransport begin, logicDevId:%d", logicDevId);
+    const drvHdcSession_t session = HdcServerAccept(server, kProfilingSide);
+    if (session == nullptr) {
+        PROF_LOGW("HDC session is invalid");
+        return nullptr;
+    }
+    TransportPtr transport = OrClosed(WithCounter(MakeTransport(session), logicDevId), session);
+    if (transport != nullptr) {
+        PROF_LOGI("CreateHdcServerTransport success, logicDevId:%d", logicDevId);
+    }
+    return transport;
+}
+
+std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcClientTransport(drvHdcClient_t client,
+                                                                          int devId) {
+    if (!IsClient(client)) {
+        return nullptr;
+    }
+    drvHdcSession_t session = nullptr;
+    const int ret = HdcSessionConnect(kDeviceSide, devId, client, &session, kProfilingSide);
+    return FromConnect(ret, session, devId, nullptr);
+}
+
+std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcClientTransport(int hostPid, int devId,
+                                                                          drvHdcClient_t client) {
+    if (!IsClient(client)) {
+        return nullptr;
+    }
+    PROF_LOGI("CreateHdcClientTransport, hostPid:%d, devId:%d", hostPid, devId);
+    drvHdcSession_t session = nullptr;
+    const int ret =
+        HdcSessionConnectEx(kDeviceSide, devId, hostPid, client, &session, kProfilingSide);
+    return FromConnect(ret, session, devId, client);
+}
+
+}  // namespace analysis::nedra::transport
