@@ -21,7 +21,6 @@
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -89,17 +88,17 @@ public:
     [[nodiscard]] int CollectStop(message::StatusInfo& status);
 
 private:
-    [[nodiscard]] int ParseSampleConfig(message::StatusInfo& status);
-    [[nodiscard]] int OpenSession(message::StatusInfo& status);
+    [[nodiscard]] int ParseSampleConfig(const std::string& sampleConfig,
+                                        message::StatusInfo& status);
+    [[nodiscard]] int OpenChannels();
     void ReleaseChannelPoll();
-    [[nodiscard]] const std::string& JobId() const;
+    [[nodiscard]] std::string JobId() const;  // empty without parameters
     void BoundStall(bool on) const;
 
     // collect_engine_dirs.cpp
     [[nodiscard]] int CreateTmpRootDir(std::string& out);
     void RemoveTmpDir();
-    [[nodiscard]] int HoldDir(const std::string& path);  // these two need the process's mutex
-    void ReleaseDir(const std::string& path);
+    [[nodiscard]] int HoldDir(const std::string& path);
 
     // collect_engine_jobs.cpp
     void CreateCollectionJobArray();
@@ -107,8 +106,8 @@ private:
                                            const Events& llcEvents) const;
     [[nodiscard]] int PrepareReplay(const Events& ctrlCpuEvents, const Events& llcEvents);
     [[nodiscard]] int CollectionJobRegisterAndRun(message::StatusInfo& status);
-    [[nodiscard]] int RunJob(CollectionJobInfo& slot);
-    [[nodiscard]] int CollectionJobStop(message::StatusInfo& status);
+    [[nodiscard]] int RunJob(int tag, const CollectionJobInfo& slot);
+    [[nodiscard]] int StopJobs(message::StatusInfo& status);
     [[nodiscard]] bool IsRegistered(const CollectionJobInfo& slot) const;
 
     std::string sampleConfig_;
@@ -120,7 +119,7 @@ private:
     std::string tmpResultDir_;
     bool isStarted_ = false;  // a session is open
     bool usesChannelPoll_ = false;
-    std::set<std::string> heldDirs_;  // what this engine made and has to give up
+    std::vector<std::string> heldDirs_;  // what this engine made and has to give up
 };
 
 }  // namespace analysis::nedra::device

@@ -47,6 +47,10 @@ private:
     using Tasks = std::map<std::string, std::shared_ptr<ProfJobHandler>>;
 
     [[nodiscard]] bool IsInited() const;  // logs when not
+    // CreateTask's second half; needs the mutex.
+    [[nodiscard]] std::shared_ptr<IJobCallback> EnterTask(
+        int hostId, const std::string& key,
+        const std::shared_ptr<transport::ITransport>& transport);
 
     std::mutex mutex_;
     std::atomic<bool> isInited_{false};  // written under mutex_

@@ -1,0 +1,97 @@
+// The work directories of an engine, below one root. Several engines may work in one directory:
+// a job of several devices in that of the job, two modes on a device in that of the device. It
+// goes with its last user.
+
+#include <algorithm>
+#include <map>
+#include <mutex>
+
+#include "hdc/log_side.h"
+#include "profiling/collect/collect_engine.h"
+#include "profiling/config/config_manager.h"
+#include "profiling/config/param_validation.h"
+#include "profiling/config/utils.h"
+
+namespace analysis::nedra::device {
+namespace {
+
+using Analysis::Nedra::Common::Config::ConfigManager;
+using common::utils::Utils;
+using common::validation::ParamValidation;
+
+std::mutex tmpDirMutex;
+// How many engines use a directory. Guarded by tmpDirMutex.
+std::map<std::string, int> dirUsers;
+
+// An empty id is good: such a job works in the root.
+bool CanBeDirectory(const std::string& jobId) {
+    return jobId.empty() || ParamValidation::instance().CheckJobIdIsValid(jobId);
+}
+
+// 0, or what the directory utility answered.
+int CreateDirLogged(const std::string& path) {
+    const std::string name = Utils::BaseName(path);
+    const int ret = Utils::CreateDir(path);
+    if (ret != 0) {
+        PROF_LOGE("Creating dir failed: %s", name.c_str());
+        Utils::PrintSysErrorMsg();
+        return ret;
+    }
+    PROF_LOGI("Creating dir: \"%s\", ret=%d", name.c_str(), ret);
+    return 0;
+}
+
+}  // namespace
+
+int CollectEngine::CreateTmpRootDir(std::string& out) {
+    const ConfigManager& config = ConfigManager::instance();
+    const std::string root = config.GetInotifyDir();
+    if (root.empty()) {
+        PROF_LOGE("GetInotifyDir failed");
+        return -1;
+    }
+    const std::string jobId = JobId();
+    out = root + jobId;
+    if (!CanBeDirectory(jobId)) {
+        PROF_LOGE("Creating dir failed: %s", Utils::BaseName(out).c_str());
+        return -1;
+    }
+    const std::lock_guard<std::mutex> lock(tmpDirMutex);
+    // The root is nobody's own.
+    const int ret = jobId.empty() ? CreateDirLogged(root) : HoldDir(out);
+    if (ret != 0) {
+        return ret;
+    }
+    const std::string perfDir = config.GetPerfDataDir(static_cast<uint32_t>(jobCommParams_->devId));
+    if (perfDir.empty()) {
+        PROF_LOGE("GetPerfDataDir failed");
+        return -1;
+    }
+    return HoldDir(perfDir);
+}
+
+int CollectEngine::HoldDir(const std::string& path) {
+    const int ret = CreateDirLogged(path);
+    if (ret == 0 && std::find(heldDirs_.begin(), heldDirs_.end(), path) == heldDirs_.end()) {
+        heldDirs_.push_back(path);
+        ++dirUsers[path];
+    }
+    return ret;
+}
+
+void CollectEngine::RemoveTmpDir() {
+    const std::lock_guard<std::mutex> lock(tmpDirMutex);
+    for (const std::string& path : heldDirs_) {
+        const auto users = dirUsers.find(path);
+        if (--users->second > 0) {
+            continue;
+        }
+        dirUsers.erase(users);
+        PROF_LOGI("Removing collected data: \"%s\"", Utils::BaseName(path).c_str());
+        Utils::RemoveDir(path, true);
+    }
+    heldDirs_.clear();
+    tmpResultDir_.clear();
+}
+
+}  // namespace analysis::nedra::device
