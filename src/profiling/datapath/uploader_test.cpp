@@ -1,0 +1,342 @@
+#include "profiling/datapath/uploader.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <thread>
+#include <vector>
+
+#include "hdc/test_support.h"
+#include "profiling/datapath/thread_test_support.h"
+#include "profiling/datapath/uploader_mgr.h"
+#include "proto/codec.h"
+#include "proto/profiler.pb.h"
+
+namespace analysis::nedra::transport {
+
+namespace {
+
+using orla::test::LogCapture;
+using orla::test::WaitFor;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using Texts = std::vector<std::string>;
+
+constexpr milliseconds kShort{60};
+
+// A host that reads, pauses, or has gone; what it got, in order.
+class ScriptedTransport : public ITransport {
+public:
+    int SendBuffer(const void* buffer, int length) override {
+        std::unique_lock<std::mutex> lock(mutex_);
+        ++begun_;
+        changed_.wait_for(lock, pace_, [this] { return closed_; });
+        changed_.wait(lock, [this] { return reads_ || closed_; });
+        if (closed_) {
+            return -1;
+        }
+        got_.emplace_back(static_cast<const char*>(buffer), static_cast<size_t>(length));
+        return got_.back() == "short" ? length - 1 : length;
+    }
+    int CloseSession() override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        closed_ = true;
+        changed_.notify_all();
+        return 0;
+    }
+    void WriteDone() override {}
+    int SendVeltBuffer(void*, int) override { return -1; }
+    int RecvPacket(IdeRequest**) override { return -1; }
+    void DestroyPacket(IdeRequest*) override {}
+
+    void Read(bool on, milliseconds pace = {}) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        reads_ = on;
+        pace_ = pace;
+        changed_.notify_all();
+    }
+    Texts Got() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return got_;
+    }
+    int Begun() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return begun_;
+    }
+
+private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool reads_ = true;
+    bool closed_ = false;
+    milliseconds pace_{};
+    int begun_ = 0;
+    Texts got_;
+};
+
+int Upload(Uploader& uploader, const std::string& text) {
+    return uploader.UploadData(text.data(), static_cast<int>(text.size()));
+}
+
+struct Road {
+    explicit Road(uint64_t capacity, milliseconds limit = kStallLimit, bool start = true)
+        : uploader(std::make_shared<Uploader>(host, limit)) {
+        EXPECT_EQ(0, uploader->Init(capacity));
+        EXPECT_EQ(0, start ? uploader->Start() : 0);
+    }
+    // The thread hangs in the send of "0"; `count` more are queued.
+    void Hang(int count) {
+        host->Read(false);
+        EXPECT_EQ(0, Upload(*uploader, "0"));
+        EXPECT_TRUE(WaitFor([this] { return host->Begun() == 1; }));
+        for (int i = 1; i <= count; ++i) {
+            EXPECT_EQ(0, Upload(*uploader, std::to_string(i)));
+        }
+    }
+
+    std::shared_ptr<ScriptedTransport> host = std::make_shared<ScriptedTransport>();
+    std::shared_ptr<Uploader> uploader;
+};
+
+Texts Numbers(int count) {
+    Texts texts;
+    for (int i = 0; i < count; ++i) {
+        texts.push_back(std::to_string(i));
+    }
+    return texts;
+}
+
+TEST(Uploader, SendsAllOfManyProducersInTheirOrderBeforeItStops) {
+    constexpr int kProducers = 4;
+    constexpr int kMessages = 300;
+    Road road(3);
+    std::vector<std::thread> producers;
+    for (int p = 0; p < kProducers; ++p) {
+        producers.emplace_back([&road, p] {
+            for (int i = 0; i < kMessages; ++i) {
+                MessageBuffer message = TakeMessageBuffer(8);
+                message->append({static_cast<char>('a' + p)}).append(std::to_string(i));
+                EXPECT_EQ(0, i % 2 == 0 ? road.uploader->UploadData(message)
+                                        : Upload(*road.uploader, message->substr(kFrontRoom)));
+            }
+        });
+    }
+    for (std::thread& producer : producers) {
+        producer.join();
+    }
+    EXPECT_EQ(0, road.uploader->Stop(false));
+    Texts perProducer[kProducers];
+    for (const std::string& text : road.host->Got()) {
+        perProducer[text[0] - 'a'].push_back(text.substr(1));
+    }
+    for (const Texts& got : perProducer) {
+        EXPECT_EQ(Numbers(kMessages), got);
+    }
+}
+
+TEST(Uploader, ForcedStopDropsTheQueueAndFreesTheBlockedProducer) {
+    LogCapture log;
+    Road road(10);
+    road.Hang(10);
+    auto blocked = std::async([&road] { return Upload(*road.uploader, "late"); });
+    auto stop = std::async([&road] { return road.uploader->Stop(true); });
+    EXPECT_EQ(-1, blocked.get());
+    road.host->Read(true);
+    EXPECT_EQ(0, stop.get());
+    road.uploader->Flush();
+    EXPECT_EQ(Numbers(1), road.host->Got());
+    EXPECT_THAT(log.Take("EI"),
+                testing::IsSupersetOf({"I Stopping uploader, force_quit:1.",
+                                       "E [Uploader::UploadData]Push data failed.",
+                                       "I queue size remaining: 10, force_quit:1"}));
+}
+
+TEST(Uploader, GivesUpAHostThatTakesNothingWhileTheJobStops) {
+    LogCapture log;
+    Road road(2, kShort);
+    road.Hang(2);
+    std::vector<std::future<int>> blocked;
+    for (int i = 0; i < 3; ++i) {
+        blocked.push_back(std::async([&road] { return Upload(*road.uploader, "late"); }));
+    }
+    road.uploader->BoundStall(true);
+    road.uploader->Flush();
+    for (auto& producer : blocked) {
+        EXPECT_EQ(-1, producer.get());
+    }
+    road.uploader->BoundStall(false);  // nothing comes back
+    EXPECT_EQ(-1, Upload(*road.uploader, "too late"));
+    road.uploader.reset();
+    EXPECT_EQ(Texts(), road.host->Got());
+    EXPECT_THAT(log.Take("E"),
+                testing::IsSupersetOf({"E Host took no message for 60 ms, uploader gives up, "
+                                       "messages lost:3, bytes:3",
+                                       "E Failed to upload data, data_len=1, sent len=-1"}));
+}
+
+TEST(Uploader, LosesNothingAtAHostThatOnlyPauses) {
+    const struct {
+        const char* what;
+        bool bound, lift;
+        milliseconds limit, pause, pace;
+    } cases[] = {
+        {"before the stop", false, false, kShort, 3 * kShort, {}},
+        {"the bound is lifted", true, true, 10 * kShort, 11 * kShort, {}},
+        {"slow, but within the limit", true, false, 10 * kShort, {}, kShort},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        constexpr int kMessages = 15;
+        Road road(kMessages, c.limit);
+        road.Hang(kMessages - 1);
+        if (c.bound) {
+            road.uploader->BoundStall(true);
+            road.uploader->BoundStall(!c.lift);
+        }
+        std::this_thread::sleep_for(c.pause);
+        road.host->Read(true, c.pace);
+        road.uploader->Flush();
+        EXPECT_EQ(0, road.uploader->Stop(false));
+        EXPECT_EQ(Numbers(kMessages), road.host->Got());
+    }
+}
+
+TEST(Uploader, FailedSendCostsThatMessageOnly) {
+    LogCapture log;
+    Road road(4);
+    for (const char* text : {"a", "short", "b"}) {
+        EXPECT_EQ(0, Upload(*road.uploader, text));
+    }
+    road.uploader->Stop(false);
+    EXPECT_THAT(road.host->Got(), ElementsAre("a", "short", "b"));
+    EXPECT_THAT(log.Take("E"), ElementsAre("E Failed to upload data, data_len=5, sent len=4"));
+}
+
+TEST(Uploader, RefusesWhatItCannotSend) {
+    LogCapture log;
+    Uploader raw(std::make_shared<ScriptedTransport>());
+    EXPECT_EQ(-1, Upload(raw, "a"));
+    raw.Flush();
+    EXPECT_EQ(0, raw.Stop(true));
+    ASSERT_EQ(0, raw.Init(1));
+    EXPECT_EQ(-1, raw.UploadData(nullptr, 3));
+    EXPECT_EQ(-1, raw.UploadData(nullptr));
+    EXPECT_EQ(-1, raw.UploadData("a", -1));
+    EXPECT_EQ(-1, raw.UploadData(std::make_shared<std::string>("no front room")));
+    EXPECT_EQ(0u, raw.GetQueueSize());
+    EXPECT_EQ(0, raw.UploadData("", 0));
+    EXPECT_EQ(0, raw.Uninit());
+    EXPECT_EQ(nullptr, raw.GetTransport());
+    EXPECT_EQ(-1, Upload(raw, "a"));
+    raw.Flush();  // never started: nothing will take the message
+    EXPECT_THAT(
+        log.Take("E"),
+        ElementsAre("E Uploader was not inited.", "E [Uploader::UploadData]data is nullptr.",
+                    "E [Uploader::UploadData]data is nullptr.",
+                    "E [Uploader::UploadData]data of 13 bytes is no message.",
+                    "E Uploader was not inited."));
+}
+
+// ---- The manager -------------------------------------------------------------------------------
+
+TEST(UploaderMgr, HoldsNobodyUpWhileAReplacedUploaderHangs) {
+    UploaderMgr mgr;
+    Road old(4, 10 * kShort);
+    old.Hang(1);
+    mgr.AddUploader("job", std::exchange(old.uploader, nullptr));
+    auto replace = std::async(
+        [&mgr] { return mgr.CreateUploader("job", std::make_shared<ScriptedTransport>(), 4); });
+    std::shared_ptr<Uploader> found;
+    ASSERT_TRUE(WaitFor([&] {
+        mgr.GetUploader("job", found);
+        const bool isNew = found->GetTransport() != old.host;
+        return std::exchange(found, nullptr) != nullptr && isNew;
+    }));
+    EXPECT_EQ(0, mgr.UploadData("job", "a", 1));
+    EXPECT_EQ(0, replace.get());
+    mgr.AddUploader("stalled", Road(1, kShort).uploader);
+    EXPECT_EQ(0, mgr.Uninit());
+    mgr.GetUploader("job", found);
+    EXPECT_EQ(nullptr, found);
+}
+
+TEST(UploaderMgr, KnowsItsIdsAndModes) {
+    LogCapture log;
+    UploaderMgr mgr;
+    std::shared_ptr<Uploader> found;
+    const Road road(4);
+    mgr.AddUploader("", road.uploader);
+    mgr.AddUploader("empty", nullptr);
+    mgr.AddUploader("job", road.uploader);
+    for (const char* id : {"", "empty"}) {
+        mgr.GetUploader(id, found);
+        EXPECT_EQ(nullptr, found) << id;
+    }
+    mgr.BoundStall("nobody", true);
+    EXPECT_EQ(-1, mgr.UploadData("nobody", "abc", 3));
+    EXPECT_EQ(-1, mgr.UploadData("nobody", std::make_shared<std::string>(kFrontRoom + 5, 'x')));
+    EXPECT_EQ(-1, mgr.UploadData("job", "", {}, std::make_shared<message::JobContext>()));
+    EXPECT_EQ(-1, mgr.UploadData("job", "x", {}, nullptr));
+    EXPECT_EQ(-1, mgr.CreateUploader("job", nullptr, 1));
+    EXPECT_THAT(log.Take("E"),
+                ElementsAre("E Get id[nobody] uploader failed, dataLen:3",
+                            "E Get id[nobody] uploader failed, dataLen:5", "E data is empty",
+                            "E jobCtx is null", "E Transport is invalid!"));
+    mgr.UpdateDevModeJobMap(0, "", "first");
+    mgr.UpdateDevModeJobMap(0, "def_mode", "second");
+    EXPECT_THAT(log.Take("I"), ElementsAre("I devModeKey:0_def_mode, jobId:first Entering "
+                                           "UpdateDevModeJobMap...",
+                                           "I Add to devModeJobMap_",
+                                           "I devModeKey:0_def_mode, jobId:second Entering "
+                                           "UpdateDevModeJobMap...",
+                                           "I Upadate devModeJobMap_"));
+    EXPECT_EQ("second", mgr.GetJobId(0, ""));
+    EXPECT_EQ("", mgr.GetJobId(3, "system-wide"));
+    mgr.DelUploader("job");
+    EXPECT_EQ(-1, mgr.UploadData("job", "abc", 3));
+    EXPECT_EQ(0, Upload(*road.uploader, "whoever holds it goes on"));
+}
+
+TEST(UploaderMgr, ChunksAreWhatTheCodecWouldMake) {
+    for (const size_t size : {1u, 127u, 128u, 16384u, 70000u}) {
+        const Road road(1);
+        UploaderMgr mgr;
+        mgr.AddUploader("job", road.uploader);
+        const auto jobCtx = std::make_shared<message::JobContext>();
+        jobCtx->job_id = "job";
+        std::string data(size, '\xff');
+        data.back() = '\0';
+        EXPECT_EQ(0, mgr.UploadData("job", data, {"data/x.data", size == 128, 5}, jobCtx));
+        mgr.DelAllUploader();
+        road.uploader->Stop(false);
+
+        const auto expected = std::make_shared<proto::FileChunkReq>();
+        expected->mutable_hdr()->set_job_ctx(jobCtx->ToString());
+        expected->set_filename("data/x.data");
+        expected->set_offset(-1);
+        expected->set_chunk(data);
+        expected->set_chunksizeinbytes(static_cast<int>(size));
+        expected->set_islastchunk(size == 128);
+        expected->set_datamodule(5);
+        EXPECT_THAT(road.host->Got(), ElementsAre(message::EncodeMessage(expected)));
+    }
+}
+
+TEST(MessageBuffer, LargeOnesServeAgainUntilTrimmed) {
+    constexpr size_t kLarge = 1 << 20;
+    TrimMessageBuffers();
+    MessageBuffer first = TakeMessageBuffer(kLarge);
+    const std::string* block = first.get();
+    first->append(kLarge, 'x');
+    first.reset();
+    EXPECT_NE(block, TakeMessageBuffer(2 * kLarge).get());  // too small for that
+    const MessageBuffer again = TakeMessageBuffer(kLarge / 2);
+    EXPECT_EQ(block, again.get());
+    EXPECT_EQ(std::string(kFrontRoom, '\0'), *again);
+    TrimMessageBuffers();
+}
+
+}  // namespace
+
+}  // namespace analysis::nedra::transport
