@@ -1,0 +1,97 @@
+#include "profiling/collect/collection_register.h"
+
+#include <gmock/gmock.h>
+
+#include "hdc/test_support.h"
+#include "profiling/collect/collect_test_support.h"
+
+namespace Analysis::Nedra::JobWrapper {
+namespace {
+
+using orla::test::LogCapture;
+using orla::test::ScriptedJob;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+struct CollectionRegister : testing::Test {
+    CollectionRegisterMgr& registry = CollectionRegisterMgr::instance();
+    std::shared_ptr<ScriptedJob> a = std::make_shared<ScriptedJob>();
+    std::shared_ptr<ScriptedJob> b = std::make_shared<ScriptedJob>();
+    LogCapture log;
+};
+
+TEST_F(CollectionRegister, RefusesWhatIsNoPlaceOrNoJob) {
+    for (const auto& [device, tag] : {std::pair{-1, 5}, {0, 37}, {0, -1}}) {
+        EXPECT_EQ(registry.CollectionJobRegisterAndRun(device, tag, a), -1);
+        EXPECT_EQ(registry.CollectionJobUnregisterAndStop(device, tag), -1);
+    }
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(0, 5, nullptr), -1);
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(0, 5), -1);
+    EXPECT_EQ(a->calls, "");
+    EXPECT_THAT(log.Take("EW"), IsEmpty());
+}
+
+TEST_F(CollectionRegister, AJobRunsOncePerDeviceAndIsStoppedThroughItsOwnObject) {
+    b->processResult = 7;
+    b->uninitResult = 8;
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(0, 36, a), 0);
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(0, 36, b), -1) << "the tag is held";
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(1, 36, b), 7);
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(0, 36, b), -1) << "another engine's job";
+    EXPECT_TRUE(registry.Holds(0, 36, a));
+    EXPECT_FALSE(registry.Holds(0, 36, b) || registry.Holds(0, 35, a) || registry.Holds(2, 36, a));
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(0, 36, a), 0);
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(0, 36), -1) << "stopped twice";
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(1, 36), 8)
+        << "a failed job stays to be stopped";
+    EXPECT_EQ(a->calls, "PU");
+    EXPECT_EQ(b->calls, "PU");
+}
+
+TEST_F(CollectionRegister, AGlobalJobKeepsOtherDevicesOffUntilItEnds) {
+    a->isGlobal = b->isGlobal = true;
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(3, 28, a), 0);
+    log.Take();
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(1, 28, b), -1);
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(3, 28, b), -1);
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(1, 28), -1);
+    EXPECT_THAT(log.Take(), testing::Each("W IsGlobalJobLevel, devId:3 jobTag:28"));
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(3, 28, a), 0);
+    EXPECT_THAT(log.Take(), ElementsAre("W IsGlobalJobLevel, devId:3 jobTag:28",
+                                        "D Collection Job Unregisteter, devId:3 jobTag:28"));
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(1, 28, b), 0);
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(1, 28, b), 0);
+    EXPECT_EQ(a->calls + b->calls, "PUPU");
+}
+
+TEST_F(CollectionRegister, ChecksWhatAJobWorksFrom) {
+    using Check = bool (*)(const std::shared_ptr<CollectionJobCfg>&);
+    const auto cfg = std::make_shared<CollectionJobCfg>();
+    const auto outcome = [&](Check check) {
+        const bool passes = check(cfg);
+        const auto lines = log.Take();
+        return passes ? "pass" : lines.size() == 1 ? lines[0] : "wrong lines";
+    };
+    EXPECT_FALSE(CheckJobCommonParam(nullptr) || CheckJobEventParam(nullptr) ||
+                 CheckJobContextParam(nullptr));
+    log.Take();
+    cfg->events = std::make_shared<std::vector<std::string>>(1, "0x11");
+    EXPECT_EQ(outcome(CheckJobCommonParam), "I Job check comm param failed");
+    EXPECT_EQ(outcome(CheckJobEventParam), "I Job check event param not pass");
+    cfg->commonParams = std::make_shared<CollectionJobCommonParams>();
+    EXPECT_EQ(outcome(CheckJobCommonParam), "pass");
+    EXPECT_EQ(outcome(CheckJobEventParam), "pass");
+    cfg->events->clear();
+    EXPECT_EQ(outcome(CheckJobEventParam), "I Job check event param not pass");
+    EXPECT_FALSE(IsDeviceSideJob(*cfg)) << "no parameters";
+    cfg->commonParams->params = std::make_shared<analysis::nedra::message::ProfileParams>();
+    EXPECT_EQ(outcome(CheckJobContextParam), "I Job check context param failed");
+    cfg->commonParams->jobCtx = std::make_shared<analysis::nedra::message::JobContext>();
+    EXPECT_EQ(outcome(CheckJobContextParam), "pass");
+    EXPECT_TRUE(IsDeviceSideJob(*cfg));
+    cfg->commonParams->params->host_profiling = 1;
+    EXPECT_FALSE(IsDeviceSideJob(*cfg));
+}
+
+}  // namespace
+}  // namespace Analysis::Nedra::JobWrapper
