@@ -36,6 +36,7 @@ int main(int argc, char** argv) {
     commands["log"] = AddLogCommand(app, options);
     commands["pull"] = AddPullCommand(app, options);
     commands["profile"] = AddProfileCommand(app, options);
+    commands["report"] = AddReportCommand(app, options);
 
     try {
         app.parse(argc, argv);

@@ -1,0 +1,170 @@
+// The arithmetic of a report on made-up devices, and what damage of a file costs.
+#include "host/report_model.h"
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "host/report_output.h"
+
+namespace orla::host {
+namespace {
+
+constexpr uint64_t kSecond = 1'000'000'000;
+
+std::string Record(uint64_t time, uint64_t index, const std::string& data) {
+    return fmt::format("TimeStamp:{}\nIndex:{}\nDataLen:{}\n{}\n", time, index, data.size(), data);
+}
+
+std::string Cpu(uint64_t user, uint64_t system, uint64_t idle) {
+    return fmt::format("cpu  {} 0 {} {} 0 0 0 0 0 0\ncpu0 0\ncpu1 0\n", user, system, idle);
+}
+
+std::string Stat(const std::string& name, uint64_t ticks, uint64_t machine, uint64_t start) {
+    return fmt::format(
+        "7 ({0}) S 1 7 7 0 -1 64 9 0 0 0 {1} 0 0 0 20 0 3 0 {3} 10 5\nProcessName:{0}\n"
+        "cpu  {2} 0 0 0 0 0 0 0 0 0\n",
+        name, ticks, machine, start);
+}
+
+std::string Statm(uint64_t pages) {
+    return fmt::format("100 {} 3 1 0 2 0\nProcessName:self\n", pages);
+}
+
+using Files = std::vector<std::pair<std::string, std::string>>;
+
+std::unique_ptr<ReportBuilder> Build(const Files& files, double askedMs = 1000) {
+    auto builder = std::make_unique<ReportBuilder>(ReportBuilder::Options{
+        {{SampleKind::kCpu, askedMs}, {SampleKind::kProcessCpu, askedMs}}, 4096});
+    for (const auto& [name, bytes] : files) {
+        builder->Scan(SourceOf(name).value(), bytes);
+    }
+    builder->BeginReport();
+    for (const auto& [name, bytes] : files) {
+        builder->Take(SourceOf(name).value(), bytes);
+    }
+    return builder;
+}
+
+TEST(ReportModel, SharesAreThoseOfTheTicksBetweenTheSamples) {
+    const std::string cpu = Record(kSecond, 0, Cpu(1000, 500, 500)) +
+                            Record(2 * kSecond, 1, Cpu(1100, 550, 550)) +
+                            Record(3 * kSecond, 2, Cpu(1100, 550, 750));
+    const auto builder = Build({{"data/SystemCpuUsage.data", cpu}});
+    const Report& report = builder->report();
+    EXPECT_EQ(report.processors, 2u);
+    EXPECT_DOUBLE_EQ(report.seconds(), 2);
+    EXPECT_DOUBLE_EQ(report.cpuShare[kUser], 25);
+    EXPECT_DOUBLE_EQ(report.cpuShare[kIdle], 62.5);
+    EXPECT_FLOAT_EQ(report.cpu[kUser].At(0).value(), 50);
+    EXPECT_FLOAT_EQ(report.cpu[kUser].At(1).value(), 0);
+    EXPECT_EQ(report.quality.at(SampleKind::kCpu).gaps, 0u);
+}
+
+TEST(ReportModel, MemoryInUseIsWhatIsNotAvailable) {
+    const auto meminfo = [](int available) {
+        return fmt::format("MemTotal: 1000 kB\nMemFree: 100 kB\nMemAvailable: {} kB\n", available);
+    };
+    const auto builder = Build({{"data/Memory.data", Record(kSecond, 0, meminfo(600)) +
+                                                         Record(2 * kSecond, 1, meminfo(200))}});
+    EXPECT_EQ(builder->report().memoryUsedPeak, 800u * 1024);
+    EXPECT_DOUBLE_EQ(builder->report().memoryUsedMean, 600.0 * 1024);
+}
+
+TEST(ReportModel, AProcessGetsItsShareAndAnIdUsedAgainIsAnotherOne) {
+    const std::string name = "a) S (b";
+    const auto builder = Build(
+        {{"data/SystemCpuUsage.data", Record(kSecond, 0, Cpu(1, 1, 1))},
+         {"data/7-CpuUsage.data",
+          Record(kSecond, 0, Stat(name, 100, 1000, 5)) +
+              Record(2 * kSecond, 1, Stat(name, 150, 1200, 5)) +
+              Record(3 * kSecond, 2, Stat("self", 160, 1400, 5)) +
+              Record(4 * kSecond, 3, Stat(name, 9000, 1600, 6)) +  // another one, unnoticed
+              Record(9 * kSecond, 0, Stat("new", 5, 2000, 7)) +
+              Record(10 * kSecond, 1, Stat("new", 205, 2200, 7))},
+         {"data/7-Memory.data", Record(kSecond, 0, Statm(3)) + Record(2 * kSecond, 1, Statm(2)) +
+                                    Record(9 * kSecond, 0, Statm(9))}});
+    const Report& report = builder->report();
+    ASSERT_EQ(report.processes.size(), 2u);
+    const ProcessReport& first = report.processes[0];
+    EXPECT_EQ(first.name, name);
+    EXPECT_EQ(first.threads, 3u);
+    EXPECT_DOUBLE_EQ(first.cpuSeconds, 0.6);  // 60 of 400 ticks of two processors in 2 s
+    EXPECT_DOUBLE_EQ(first.cpuPeak, 50);
+    EXPECT_DOUBLE_EQ(first.residentPeak, 3 * 4096);
+    EXPECT_DOUBLE_EQ(first.residentLast, 2 * 4096);
+    EXPECT_EQ(report.processes[1].name, "new");
+    EXPECT_DOUBLE_EQ(report.processes[1].cpuSeconds, 2);
+    EXPECT_DOUBLE_EQ(report.processes[1].residentPeak, 9 * 4096);
+    EXPECT_EQ(report.BusiestByCpu(1), std::vector<size_t>{1});
+    EXPECT_EQ(report.quality.at(SampleKind::kProcessCpu).gaps, 0u);
+}
+
+struct DamageCase {
+    const char* name;
+    std::function<void(std::vector<std::string>*)> damage;
+    uint64_t samples, damaged, missing, gaps;
+};
+
+class Damage : public testing::TestWithParam<DamageCase> {};
+
+// Twenty samples, one a second; each costs itself alone.
+TEST_P(Damage, CostsItsRecords) {
+    std::vector<std::string> records;
+    for (uint64_t i = 0; i < 20; ++i) {
+        records.push_back(Record((i + 1) * kSecond, i, Cpu(i * 100, 0, i * 100)));
+    }
+    GetParam().damage(&records);
+    std::string bytes;
+    for (const std::string& record : records) {
+        bytes += record;
+    }
+    const auto builder = Build({{"data/SystemCpuUsage.data", bytes}});
+    const Report& report = builder->report();
+    const SamplingQuality& quality = report.quality.at(SampleKind::kCpu);
+    EXPECT_EQ(quality.samples, GetParam().samples);
+    EXPECT_EQ(quality.damaged, GetParam().damaged);
+    EXPECT_EQ(quality.missing, GetParam().missing);
+    EXPECT_EQ(quality.gaps, GetParam().gaps);
+    EXPECT_DOUBLE_EQ(report.cpuShare[kUser], 50);
+    EXPECT_LE(report.seconds(), 19);
+}
+
+using Records = std::vector<std::string>;
+INSTANTIATE_TEST_SUITE_P(
+    ReportModel, Damage,
+    testing::Values(
+        DamageCase{"none", [](Records*) {}, 20, 0, 0, 0},
+        DamageCase{"cut_off", [](Records* r) { r->back().resize(50); }, 19, 1, 0, 0},
+        DamageCase{"no_start", [](Records* r) { (*r)[9][0] = 'x'; }, 19, 1, 0, 1},
+        DamageCase{"length_too_long", [](Records* r) { (*r)[9].insert(36, "9"); }, 19, 1, 0, 1},
+        DamageCase{"garbage_between", [](Records* r) { (*r)[9] += "garbage\n\n"; }, 20, 1, 0, 0},
+        DamageCase{"lost", [](Records* r) { r->erase(r->begin() + 5, r->begin() + 8); }, 17, 0, 3,
+                   1},
+        DamageCase{"time_jumps", [](Records* r) { (*r)[9].insert(10, "9"); }, 19, 1, 0, 1},
+        DamageCase{"first_time_jumps", [](Records* r) { (*r)[0].insert(10, "9"); }, 19, 1, 0, 0},
+        DamageCase{"last_time_jumps", [](Records* r) { r->back().insert(10, "99999"); }, 19, 1, 0,
+                   0},
+        DamageCase{"doubled", [](Records* r) { r->insert(r->begin() + 9, (*r)[9]); }, 20, 1, 0, 0},
+        DamageCase{"number_jumps", [](Records* r) { (*r)[9].insert(29, "99"); }, 19, 1, 0, 1}),
+    [](const auto& one) { return one.param.name; });
+
+TEST(ReportOutput, NothingOfADeviceIsMarkup) {
+    const std::string evil = "</script><i evil>\xff";
+    const auto builder =
+        Build({{"data/7-CpuUsage.data", Record(kSecond, 0, Stat(evil, 1, 9, 5)) +
+                                            Record(2 * kSecond, 1, Stat(evil, 5, 19, 5))}});
+    ReportInput input;
+    input.others.push_back({"data/<i evil>", 9, 1, "<i evil>\n"});
+    input.manifest = {{"reason", "<i evil>"}};
+    const std::string page = ReportPage(builder->report(), input);
+    EXPECT_EQ(page.find("<i evil>"), std::string::npos);
+    EXPECT_EQ(page.find(evil), std::string::npos);
+    EXPECT_NE(page.find("\\u003c/script>"), std::string::npos);
+    const auto trace = nlohmann::json::parse(ReportTrace(builder->report(), input));
+    EXPECT_GT(trace["traceEvents"].size(), 2u);
+}
+
+}  // namespace
+}  // namespace orla::host
