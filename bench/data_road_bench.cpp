@@ -1,0 +1,259 @@
+// The road of profiling data, from a producer's bytes to the host process, and what it costs
+// beside the bare transport that carries the same segments, in the same run. Device and host are
+// two processes; CPU time is that of both.
+//
+// The bare transport does the least that can be done: one segment, made once, sent again and
+// again, and received without being looked at. The road encodes, queues, frames and joins.
+#include <fmt/format.h>
+#include <hdc_driver.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "hdc/hdc_api.h"
+#include "profiling/datapath/hdc_transport.h"
+#include "profiling/datapath/uploader_mgr.h"
+
+namespace {
+
+using analysis::nedra::transport::EncodeFileChunk;
+using analysis::nedra::transport::FileChunkInfo;
+using analysis::nedra::transport::HDCTransportFactory;
+using analysis::nedra::transport::kUploaderCapacity;
+using analysis::nedra::transport::Uploader;
+using analysis::nedra::transport::UploaderMgr;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kService = kHdcServiceRequests;
+constexpr int kRounds = 5;
+constexpr size_t kChunk = 1800000;  // what a reader of 2 MiB uploads at a time
+constexpr int kChunks = 3000;
+constexpr double kBytes = double{kChunk} * kChunks;
+constexpr uint64_t kShortQueue = 4;
+constexpr char kJob[] = "bench";
+const FileChunkInfo kInfo = {"data/bench.data.0.slice_0", false, 3};
+const std::string kJobCtx = R"({"dev_id":"0","job_id":"bench"})";
+
+[[noreturn]] void Die(const char* what) {
+    fmt::print(stderr, "data_road_bench: {} failed\n", what);
+    _exit(1);
+}
+
+void Check(bool good, const char* what) {
+    if (!good) {
+        Die(what);
+    }
+}
+
+double Seconds(const timeval& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+}
+
+double CpuSeconds(const rusage& usage) {
+    return Seconds(usage.ru_utime) + Seconds(usage.ru_stime);
+}
+
+double OwnCpuSeconds() {
+    rusage usage = {};
+    getrusage(RUSAGE_SELF, &usage);
+    return CpuSeconds(usage);
+}
+
+// ---- Both ends of each way -----------------------------------------------------------------
+
+using End = std::function<void(drvHdcSession_t)>;
+
+struct Way {
+    End device;  // sends all chunks, and ends the session or leaves it open
+    End host;    // receives all of them
+};
+
+void BareDevice(drvHdcSession_t session) {
+    uint32_t maxSegment = 0;
+    Check(HdcGetCapacity(&maxSegment) == 0, "HdcGetCapacity");
+    std::string segment(maxSegment, 's');
+    drvHdcMsg_t message = nullptr;
+    Check(drvHdcAllocMsg(session, &message, 1) == 0, "drvHdcAllocMsg");
+    for (int i = 0; i < kChunks; ++i) {
+        for (size_t left = kChunk; left > 0;) {
+            const size_t size = std::min<size_t>(left, maxSegment);
+            Check(drvHdcAddMsgBuffer(message, segment.data(), static_cast<int>(size)) == 0 &&
+                      halHdcSend(session, message, HDC_FLAG_WAIT, 0) == 0 &&
+                      drvHdcReuseMsg(message) == 0,
+                  "bare send");
+            left -= size;
+        }
+    }
+    drvHdcFreeMsg(message);
+}
+
+void BareHost(drvHdcSession_t session) {
+    drvHdcMsg_t message = nullptr;
+    Check(drvHdcAllocMsg(session, &message, 1) == 0, "drvHdcAllocMsg");
+    for (size_t left = kChunk * kChunks; left > 0;) {
+        int count = 0;
+        char* buffer = nullptr;
+        int length = 0;
+        Check(halHdcRecv(session, message, 0, HDC_FLAG_WAIT, &count, 0) == 0 &&
+                  drvHdcGetMsgBuffer(message, 0, &buffer, &length) == 0 &&
+                  drvHdcReuseMsg(message) == 0,
+              "bare receive");
+        left -= static_cast<size_t>(length);
+    }
+    drvHdcFreeMsg(message);
+}
+
+void RoadHost(drvHdcSession_t session) {
+    for (int i = 0; i < kChunks; ++i) {
+        void* buffer = nullptr;
+        uint32_t length = 0;
+        Check(HdcRead(session, &buffer, &length) == kHdcReadDone && length > kChunk, "HdcRead");
+        std::free(buffer);
+    }
+}
+
+// With a queue of `capacity` messages. The producer is quicker than any transport, so the queue is
+// always full: of 512 messages, what is sent has left the caches long before.
+void RoadDevice(drvHdcSession_t session, uint64_t capacity) {
+    auto& mgr = UploaderMgr::instance();
+    auto transport = HDCTransportFactory().CreateHdcTransport(session);
+    Check(mgr.CreateUploader(kJob, std::move(transport), capacity) == 0, "uploader");
+    const std::string data(kChunk, 'd');
+    for (int i = 0; i < kChunks; ++i) {
+        Check(mgr.UploadData(kJob, data.data(), kChunk, kInfo, kJobCtx) == 0, "upload");
+    }
+    std::shared_ptr<Uploader> uploader;
+    mgr.GetUploader(kJob, uploader);
+    uploader->Stop(false);
+    uploader.reset();
+    mgr.DelUploader(kJob);
+}
+
+// ---- Measuring -----------------------------------------------------------------------------
+
+struct Figures {
+    double bytesPerSecond;
+    double deviceCpu;  // seconds per GB, as the next
+    double hostCpu;
+};
+
+[[noreturn]] void RunDevice(const Way& way, int ready) {
+    const drvHdcServer_t server = HdcServerCreate(0, kService);
+    Check(server != nullptr && write(ready, "r", 1) == 1, "HdcServerCreate");
+    const drvHdcSession_t session = HdcServerAccept(server);
+    Check(session != nullptr, "HdcServerAccept");
+    way.device(session);
+    _exit(0);
+}
+
+[[noreturn]] void RunHost(const Way& way) {
+    const drvHdcClient_t client = HdcClientCreate(kService);
+    drvHdcSession_t session = nullptr;
+    Check(client != nullptr && HdcSessionConnect(0, 0, client, &session) == 0, "connect");
+    way.host(session);
+    _exit(0);
+}
+
+// CPU seconds per GB of a child that ends well.
+double Await(pid_t child) {
+    rusage usage = {};
+    int status = 0;
+    wait4(child, &status, 0, &usage);
+    Check(WIFEXITED(status) && WEXITSTATUS(status) == 0, "a child");
+    return CpuSeconds(usage) / kBytes * 1e9;
+}
+
+// Device and host are new processes each time: this one has no memory that they would have to
+// copy when they write to it.
+Figures Measure(const Way& way) {
+    int ready[2];
+    Check(pipe(ready) == 0, "pipe");
+    const pid_t device = fork();
+    if (device == 0) {
+        RunDevice(way, ready[1]);
+    }
+    char byte = 0;
+    Check(read(ready[0], &byte, 1) == 1, "the device");
+    const auto start = Clock::now();
+    const pid_t host = fork();
+    if (host == 0) {
+        RunHost(way);
+    }
+    const double hostCpu = Await(host);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    close(ready[0]);
+    close(ready[1]);
+    return {kBytes / seconds, Await(device), hostCpu};
+}
+
+// One step alone, in this thread; CPU seconds per GB.
+double MeasureStep(const std::function<void()>& step) {
+    const double cpu = OwnCpuSeconds();
+    for (int i = 0; i < kChunks; ++i) {
+        step();
+    }
+    return (OwnCpuSeconds() - cpu) / kBytes * 1e9;
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+struct Series {
+    std::vector<double> rate, device, host;
+
+    void Add(const Figures& figures) {
+        rate.push_back(figures.bytesPerSecond);
+        device.push_back(figures.deviceCpu);
+        host.push_back(figures.hostCpu);
+    }
+    double Cpu() const { return Median(device) + Median(host); }
+};
+
+void Print(const char* what, const Series& series, const Series& bare) {
+    fmt::print("{:<34}{:>9.0f}{:>8.2f}{:>10.3f}{:>9.3f}{:>8.2f}\n", what, Median(series.rate) / 1e6,
+               Median(series.rate) / Median(bare.rate), Median(series.device), Median(series.host),
+               series.Cpu() / bare.Cpu());
+}
+
+}  // namespace
+
+int main() {
+    const Way bareWay = {BareDevice, BareHost};
+    const Way longWay = {[](drvHdcSession_t session) { RoadDevice(session, kUploaderCapacity); },
+                         RoadHost};
+    const Way shortWay = {[](drvHdcSession_t session) { RoadDevice(session, kShortQueue); },
+                          RoadHost};
+    Series bare, longRoad, shortRoad;
+    for (int round = 0; round < kRounds; ++round) {
+        bare.Add(Measure(bareWay));
+        longRoad.Add(Measure(longWay));
+        shortRoad.Add(Measure(shortWay));
+    }
+    fmt::print("{:<34}{:>9}{:>8}{:>10}{:>9}{:>8}\n", "Data road", "MB/s", "ratio", "device",
+               "host s/GB", "ratio");
+    Print("bare transport", bare, bare);
+    Print("chunk to host, 512 waiting", longRoad, bare);
+    Print("chunk to host, 4 waiting", shortRoad, bare);
+
+    const std::string source(kChunk, 'd');
+    std::string target(kChunk, '\0');
+    fmt::print("{:<34}{:>27.3f}\n", "  memcpy", MeasureStep([&] {
+                   std::memcpy(target.data(), source.data(), kChunk);
+                   asm volatile("" ::: "memory");
+               }));
+    fmt::print("{:<34}{:>27.3f}\n", "  encode", MeasureStep([&] {
+                   Check(EncodeFileChunk(source, kInfo, kJobCtx) != nullptr, "encode");
+               }));
+    return 0;
+}
