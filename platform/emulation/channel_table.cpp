@@ -1,5 +1,7 @@
 #include "channel_table.h"
 
+#include <utility>
+
 namespace orla::emulation {
 
 namespace {
@@ -54,7 +56,12 @@ std::vector<SimulatedChannel> AllChannels(uint64_t bytesPerSecond) {
     std::vector<SimulatedChannel> channels;
     for (const Range& range : kChannels) {
         for (uint32_t id = range.first; id <= range.last; ++id) {
-            channels.push_back({id, range.name, 0, bytesPerSecond});
+            SimulatedChannel channel;
+            channel.id = id;
+            channel.name = range.name;
+            channel.bytesPerSecond = bytesPerSecond;
+            channel.sideRecords = SimulatedChannel::UsualSideRecords(id);
+            channels.push_back(std::move(channel));
         }
     }
     return channels;

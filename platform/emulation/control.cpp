@@ -5,12 +5,14 @@
 #include "driver_state.h"
 #include "hdc_handles.h"
 #include "log_book.h"
+#include "prof_channels.h"
 
 namespace orla::control {
 
 using emulation::DriverState;
 using emulation::Handles;
 using emulation::LogBook;
+using emulation::ProfChannels;
 
 namespace {
 
@@ -25,6 +27,7 @@ void EndWhatRunsOn(uint32_t device) {
             session->End();
         }
     }
+    ProfChannels::Get().EndDevice(device);
 }
 
 }  // namespace
@@ -33,6 +36,7 @@ void Reset() {
     DriverState::Get().ReadEnvironment();
     DriverState::Get().faults().ClearCounts();
     LogBook::Get().ReadEnvironment();
+    ProfChannels::Get().Reset();
 }
 
 std::string LoadScenario(std::string_view json) {
@@ -75,6 +79,18 @@ LiveHandles CountLiveHandles() {
     const Handles& handles = Handles::Get();
     return {handles.clients.size(), handles.servers.size(), handles.sessions.size(),
             handles.messages.size(), handles.epolls.size()};
+}
+
+std::vector<ProfStart> ProfStarts() {
+    return ProfChannels::Get().Starts();
+}
+
+ChannelCounts CountsOf(uint32_t logicalDevice, uint32_t channel) {
+    return ProfChannels::Get().CountsOf({logicalDevice, channel});
+}
+
+void SetChannelList(uint32_t logicalDevice, const ProfChannelList& channels) {
+    ProfChannels::Get().SetList(logicalDevice, channels);
 }
 
 void SetLogLevel(LogLevel level) {

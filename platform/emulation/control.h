@@ -1,11 +1,14 @@
 // How a test in the same process steers the emulated platform, and what it reads back: the
 // scenario, faults, devices that come and go, counts of calls, handles that are still alive,
-// log lines. Nothing in the daemon or the host tool includes this header.
+// what profiling channels were started with and produced, log lines. Nothing in the daemon or the
+// host tool includes this header.
 //
 // Every operation may be called from any thread at any time; calls into the driver that are
 // under way see the change or not, as on hardware. State is one per process and outlives a
 // test: Reset() brings back what a fresh process has.
 #pragma once
+
+#include <prof_driver.h>
 
 #include <chrono>
 #include <cstddef>
@@ -26,10 +29,12 @@ namespace orla::control {
 enum class DeviceState { kUp, kNotReady, kDown };
 
 // Reads the scenario and the log's environment variables again, clears injected faults and
-// call counts, ends a log capture. Open handles stay what they are.
+// call counts, ends a log capture, stops all profiling channels and forgets what they did. Open
+// handles stay what they are.
 void Reset();
 // Replaces the scenario by this JSON text, as docs/emulation.md describes it, its faults and
-// device states included. Empty, or what is wrong with the text; the old scenario then stays.
+// device states included; a profiling channel takes notice at its next start. Empty, or what is
+// wrong with the text; the old scenario then stays.
 [[nodiscard]] std::string LoadScenario(std::string_view json);
 // False when the scenario has no such device.
 bool SetDeviceState(uint32_t logicalDevice, DeviceState state);
@@ -71,6 +76,34 @@ struct LiveHandles {
     [[nodiscard]] size_t Total() const { return clients + servers + sessions + messages + epolls; }
 };
 [[nodiscard]] LiveHandles CountLiveHandles();
+
+// ---- Profiling channels ------------------------------------------------------------------------
+
+// One call of prof_drv_start, also one that failed.
+struct ProfStart {
+    uint32_t device;
+    uint32_t channel;
+    ProfStartPara para;  // as given, but for userData, which is null here
+    std::string config;  // the bytes that userData pointed to
+    int result;
+};
+// All since the start or the last Reset, in the order of their ends; of more than 65536 the newest.
+[[nodiscard]] std::vector<ProfStart> ProfStarts();
+
+// What became of the records of a channel since it was last started. What is neither delivered
+// nor lost waits in the driver, or stayed behind there at the stop.
+struct ChannelCounts {
+    bool started = false;
+    uint32_t starts = 0;     // 0: never, and all else is 0
+    uint64_t produced = 0;   // the next sequence number to come
+    uint64_t delivered = 0;  // read, a record that the end of a buffer cut included
+    uint64_t lost = 0;       // overwritten in a full buffer
+};
+[[nodiscard]] ChannelCounts CountsOf(uint32_t logicalDevice, uint32_t channel);
+
+// From now to the next Reset prof_drv_get_channels answers with this list for that device,
+// whatever it holds. What can be started stays what the scenario says.
+void SetChannelList(uint32_t logicalDevice, const ProfChannelList& channels);
 
 // ---- Device log --------------------------------------------------------------------------------
 

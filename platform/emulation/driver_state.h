@@ -61,17 +61,18 @@ private:
 // Runs the body of a driver operation: counted, refused without a usable scenario, replaced by a
 // fault that fires, and with nothing thrown into C callers.
 template <typename Body>
-[[nodiscard]] int RunCall(Call call, const CallSubject& subject, Body&& body) noexcept {
+[[nodiscard]] int RunCall(Call call, const CallSubject& subject, Body&& body,
+                          const FrameResults& failures = {}) noexcept {
     try {
         DriverState& driver = DriverState::Get();
         if (const auto fault = driver.faults().Check(call, subject)) {
             return *fault;
         }
-        return driver.usable() ? body() : kNoScenario;
+        return driver.usable() ? body() : failures.noScenario;
     } catch (const std::bad_alloc&) {
-        return kNoMemory;
+        return failures.noMemory;
     } catch (...) {
-        return kInternal;
+        return failures.internal;
     }
 }
 

@@ -18,4 +18,12 @@ constexpr int kServerStopped = 13;
 constexpr int kNoScenario = 14;  // the scenario file is malformed
 constexpr int kInternal = 15;
 
+// What the frame of an operation answers in its place. Callers of the profiling calls take a
+// positive number for a success.
+struct FrameResults {
+    int noScenario = kNoScenario;
+    int noMemory = kNoMemory;
+    int internal = kInternal;
+};
+
 }  // namespace orla::emulation

@@ -9,6 +9,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "channel_record.h"
 #include "channel_table.h"
 #include "driver_calls.h"
 
@@ -23,6 +24,7 @@ constexpr uint32_t kLargestSegment = 16 << 20;
 constexpr uint32_t kMaxChannelId = 160;
 constexpr size_t kMaxChannelName = 32;
 constexpr uint64_t kDefaultRate = 64 << 10;
+constexpr uint64_t kMaxChannelBuffer = 1 << 30;
 constexpr uint32_t kMaxDelayMs = 3600 * 1000;
 
 // One object of the file, member by member. A member that nobody took is an error: a misspelt
@@ -82,6 +84,14 @@ public:
             Fail(std::string(key) + " must be a text");
         }
         return value == nullptr ? std::nullopt : std::optional(value->get<std::string>());
+    }
+
+    [[nodiscard]] bool Switch(const char* key) {
+        const Json* value = Find(key);
+        if (value != nullptr && !value->is_boolean()) {
+            Fail(std::string(key) + " must be true or false");
+        }
+        return value != nullptr && value->get<bool>();
     }
 
     // Calls `each(reader)` for the objects of an array; false when there is no such member.
@@ -184,6 +194,21 @@ uint64_t ReadRate(ObjectReader& reader) {
         .value_or(kDefaultRate);
 }
 
+void ReadBuffers(ObjectReader& reader, SimulatedChannel* channel) {
+    constexpr uint64_t kRecord = sizeof(ChannelRecord);
+    if (const auto bytes = reader.Integer<uint64_t>("buffer", kRecord, kMaxChannelBuffer)) {
+        channel->bufferRecords = *bytes / kRecord;
+    }
+    channel->sideRecords =
+        std::min(SimulatedChannel::UsualSideRecords(channel->id), channel->bufferRecords);
+    if (const auto bytes = reader.Unsigned("side_buffer", channel->bufferRecords * kRecord)) {
+        channel->sideRecords = *bytes / kRecord;
+    }
+    channel->maxRecords = reader.Integer<uint64_t>("records", 0, SimulatedChannel::kEndless)
+                              .value_or(SimulatedChannel::kEndless);
+    channel->dropAtStop = reader.Switch("drop_at_stop");
+}
+
 void AddChannel(ObjectReader& reader, SimulatedDevice* device) {
     SimulatedChannel channel;
     channel.id = reader.Required("id", reader.Integer<uint32_t>("id", 1, kMaxChannelId));
@@ -193,6 +218,7 @@ void AddChannel(ObjectReader& reader, SimulatedDevice* device) {
     }
     channel.type = reader.Unsigned("type", UINT32_MAX).value_or(0);
     channel.bytesPerSecond = ReadRate(reader);
+    ReadBuffers(reader, &channel);
     if (device->FindChannel(channel.id) != nullptr) {
         reader.Fail("a second channel " + std::to_string(channel.id));
     }

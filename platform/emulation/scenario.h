@@ -4,6 +4,7 @@
 // changes at run time (device states, faults used up) lives in driver_state.h.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -29,11 +30,24 @@ struct InfoAnswer {
 
 struct SimulatedChannel {
     static constexpr uint64_t kUnlimited = UINT64_MAX;  // every read is filled
+    static constexpr uint64_t kEndless = UINT64_MAX;
 
     uint32_t id = 0;   // 1..160
     std::string name;  // at most 32 bytes
     uint32_t type = 0;
     uint64_t bytesPerSecond = 0;  // 0: idle
+    // In records of channel_record.h.
+    uint64_t bufferRecords = 65536;  // at least 1
+    uint64_t sideRecords = 0;        // at most bufferRecords; 0: no side buffer
+    uint64_t maxRecords = kEndless;  // of one start; the channel then falls silent
+    bool dropAtStop = false;         // what wasn't read at the stop is gone
+
+    // So many at once are worth telling.
+    [[nodiscard]] uint64_t BlockRecords() const { return std::max<uint64_t>(bufferRecords / 4, 1); }
+    // The side buffer that a channel has unless its scenario says otherwise.
+    [[nodiscard]] static uint64_t UsualSideRecords(uint32_t id) {
+        return id == 44 || id == 45 ? 2048 : 0;  // TS_FW, HWTS_LOG
+    }
 };
 
 struct SimulatedDevice {

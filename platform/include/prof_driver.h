@@ -85,8 +85,9 @@ static_assert(offsetof(ProfStartPara, userDataSize) == 24, "layout of the driver
 
 /* Starts a channel. Both records stay the caller's and are read during the call only. */
 int prof_drv_start(uint32_t device, uint32_t channel, const ProfStartPara* para);
-/* Stops it. What was collected until then can be read no longer. Polls and reads that wait
- * for the channel return soon. */
+/* Stops it. What was collected until then may be gone at once, or can be read until nothing is
+ * left: whoever wants it tries. Polls that wait return soon. PROF_STOPPED_ALREADY: it was not
+ * started. */
 int prof_stop(uint32_t device, uint32_t channel);
 
 /* ---- Data ------------------------------------------------------------------------------ */
@@ -99,13 +100,13 @@ static_assert(sizeof(ProfPollInfo) == 8, "layout of the driver");
 static_assert(offsetof(ProfPollInfo, channel) == 4, "layout of the driver");
 
 /* Copies what is there, at most `size` bytes, and returns how many; 0 when nothing is there.
- * Does not block. PROF_STOPPED_ALREADY: the channel has stopped, or was never started. On a
- * failure the content of the buffer is undefined. */
+ * Does not block. PROF_STOPPED_ALREADY: the channel has stopped and is empty, or was never
+ * started. On a failure the content of the buffer is undefined. */
 int prof_channel_read(uint32_t device, uint32_t channel, char* buffer, uint32_t size);
 
 /* Waits until started channels, of any device, have data, and fills a record for each, at most
- * `num`. Returns how many, 0 when `timeout` ran out, -1 on an error, PROF_STOPPED_ALREADY when
- * the driver polls no longer. `timeout` counts in a unit of the driver's, some tens of
+ * `num`. Returns how many, 0 when `timeout` ran out or a channel stopped meanwhile, -1 on an
+ * error, PROF_STOPPED_ALREADY when the driver polls no longer. `timeout` counts in a unit of the driver's, some tens of
  * milliseconds; 0 does not wait. Waits just as well while no channel is started. */
 int prof_channel_poll(ProfPollInfo* events, int num, int timeout);
 
