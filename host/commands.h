@@ -24,6 +24,7 @@ Command AddDevicesCommand(CLI::App& app, const CommonOptions& options);
 Command AddLogCommand(CLI::App& app, const CommonOptions& options);
 Command AddPullCommand(CLI::App& app, const CommonOptions& options);
 Command AddProfileCommand(CLI::App& app, const CommonOptions& options);
+Command AddCheckCommand(CLI::App& app, const CommonOptions& options);
 Command AddReportCommand(CLI::App& app, const CommonOptions& options);
 
 // The devices that were asked for, of those that the driver knows.

@@ -37,6 +37,7 @@ int main(int argc, char** argv) {
     commands["pull"] = AddPullCommand(app, options);
     commands["profile"] = AddProfileCommand(app, options);
     commands["report"] = AddReportCommand(app, options);
+    commands["check"] = AddCheckCommand(app, options);
 
     try {
         app.parse(argc, argv);

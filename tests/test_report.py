@@ -1,0 +1,73 @@
+"""The host tool's report on directories as they come from a device, a crash or an attacker."""
+import json
+import os
+import subprocess
+
+import pytest
+
+from device import BIN
+
+CPU = "cpu  {0} 0 {0} {0} 0 0 0 0 0 0\ncpu0 {0} 0 {0} {0} 0 0 0 0 0 0\n"
+
+
+def record(index, data):
+    return f"TimeStamp:{(index + 1) * 200_000_000}\nIndex:{index}\nDataLen:{len(data)}\n{data}\n"
+
+
+@pytest.fixture(name="folder")
+def fixture_folder(tmp_path):
+    (tmp_path / "data").mkdir()
+    (tmp_path / "data/SystemCpuUsage.data").write_text(
+        "".join(record(i, CPU.format(i * 10)) for i in range(10)))
+    (tmp_path / "data/ai_ctrl_cpu.data").write_text("r11 <5>\nr8 <7>\n")
+    (tmp_path / "manifest.json").write_text(json.dumps(
+        {"device": 3, "asked": {"parameters": {"cpu_sampling_interval": 200}}}))
+    return tmp_path
+
+
+def report(folder, *options):
+    result = subprocess.run([BIN / "orlactl", "report", folder, *options], capture_output=True,
+                            text=True, timeout=60, check=False)
+    return result.returncode, result.stdout, result.stderr
+
+
+def test_a_report_says_the_same_everywhere(folder):
+    code, text, _ = report(folder)
+    assert code == 0 and "user 33.3 %" in text and "data/ai_ctrl_cpu.data: 15 B, 2 lines" in text
+    summary = json.loads(report(folder, "--json")[1])[0]
+    assert summary["cpu_percent"]["user"] == 33.33 and summary["seconds"] == 1.8
+    sampling = summary["sampling"][0]
+    assert (sampling["asked_ms"], sampling["mean_ms"], sampling["gaps"]) == (200, 200, 0)
+    page = (folder / "report.html").read_text()
+    assert "Dygraph" in page and "r11 \\u003c5>" in page and "src=" not in page
+    events = json.loads((folder / "trace.json").read_text())["traceEvents"]
+    assert {"CPU %"} <= {event["name"] for event in events if event["ph"] == "C"}
+
+
+def test_damage_costs_its_records_only(folder):
+    file = folder / "data/SystemCpuUsage.data"
+    file.write_bytes(file.read_bytes()[:-7])
+    (folder / "manifest.json").write_text("{")
+    (folder / "data/7-CpuUsage.data").write_bytes(os.urandom(4096))
+    os.mkfifo(folder / "data/8-CpuUsage.data")
+    (folder / "data/9-CpuUsage.data").symlink_to("/etc/passwd")
+    code, text, _ = report(folder, "--json")
+    summary = json.loads(text)[0]
+    found = {each["source"]: each for each in summary["sampling"]}
+    assert code == 0 and summary["problems"]
+    assert (found["cpu"]["samples"], found["cpu"]["damaged"]) == (9, 1)
+    assert found["process cpu"]["files"] == 1 and found["process cpu"]["samples"] == 0
+
+
+def test_a_link_at_its_own_files_is_not_followed(folder):
+    victim = folder / "victim"
+    victim.write_text("mine")
+    (folder / "report.html").symlink_to(victim)
+    assert report(folder)[0] == 0
+    assert victim.read_text() == "mine" and not (folder / "report.html").is_symlink()
+
+
+def test_what_is_no_profile_is_a_usage_error(tmp_path):
+    for folder in (tmp_path, tmp_path / "none"):
+        code, text, error = report(folder)
+        assert code == 2 and not text and "no profile" in error
