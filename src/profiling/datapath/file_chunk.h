@@ -4,6 +4,7 @@
 // Any thread; no state.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -24,5 +25,13 @@ struct FileChunkInfo {
 // context. Null, with a log line, when it cannot be made.
 [[nodiscard]] MessageBuffer EncodeFileChunk(std::string_view data, const FileChunkInfo& info,
                                             const std::string& jobCtx);
+
+// What stands around the bytes in that message, for who has them in their place already: head,
+// length of `data` as a varint, data, tail. Each is appended to `out`; false, with a log line,
+// when it cannot be made, and `out` is then undefined.
+constexpr size_t kChunkTailRoom = 64;  // more than a tail needs
+[[nodiscard]] bool AppendChunkHead(const FileChunkInfo& info, const std::string& jobCtx,
+                                   std::string* out);
+[[nodiscard]] bool AppendChunkTail(size_t size, const FileChunkInfo& info, std::string* out);
 
 }  // namespace analysis::nedra::transport

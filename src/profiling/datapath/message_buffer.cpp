@@ -78,20 +78,32 @@ FreeList& TheFreeList() {
 
 }  // namespace
 
-MessageBuffer TakeMessageBuffer(size_t messageSize) {
+namespace {
+
+MessageBuffer TakeBuffer(size_t size, size_t capacity) {
     try {
-        const size_t capacity = messageSize + kFrontRoom + kTailRoom;
         Buffer buffer = TheFreeList().Take(capacity);
         if (buffer == nullptr) {
             buffer = std::make_unique<std::string>();
             buffer->reserve(capacity);
         }
-        buffer->assign(kFrontRoom, '\0');
+        // A used one has kept what was in it, which spares it most of the filling.
+        buffer->resize(size);
         return {buffer.release(), [](std::string* used) { TheFreeList().Give(Buffer(used)); }};
     } catch (const std::exception& e) {
         PROF_LOGE("make shared failed, message: %s", e.what());
         return nullptr;
     }
+}
+
+}  // namespace
+
+MessageBuffer TakeMessageBuffer(size_t messageSize) {
+    return TakeBuffer(kFrontRoom, kFrontRoom + messageSize + kTailRoom);
+}
+
+MessageBuffer TakeFilledBuffer(size_t messageSize) {
+    return TakeBuffer(kFrontRoom + messageSize, kFrontRoom + messageSize + kTailRoom);
 }
 
 void TrimMessageBuffers() {

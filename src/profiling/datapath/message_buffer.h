@@ -29,6 +29,9 @@ using MessageBuffer = std::shared_ptr<std::string>;
 // and the tail room. Null, with a log line, when memory is out.
 [[nodiscard]] MessageBuffer TakeMessageBuffer(size_t messageSize);
 
+// The same with `messageSize` bytes of any content behind the front room, to be written over.
+[[nodiscard]] MessageBuffer TakeFilledBuffer(size_t messageSize);
+
 // Gives back to the system what is kept for later use. Buffers in use aren't concerned, and return
 // to the list as before.
 void TrimMessageBuffers();
