@@ -18,15 +18,21 @@ namespace {
 constexpr const char* kDataFolder = "data/";
 constexpr int64_t kAtTheEnd = -1;  // the offset of a chunk that just follows the last one
 
-std::string WriteAll(int fd, const std::string& bytes) {
+// 0, or what errno says.
+int WriteAll(int fd, const std::string& bytes) {
     for (size_t done = 0; done < bytes.size();) {
         const ssize_t count = write(fd, bytes.data() + done, bytes.size() - done);
         if (count < 0 && errno != EINTR) {
-            return std::strerror(errno);
+            return errno;
         }
         done += count > 0 ? static_cast<size_t>(count) : 0;
     }
-    return "";
+    return 0;
+}
+
+// Whether more data would fail in the same way, whatever its name.
+bool IsOfTheMachine(int error) {
+    return error == ENOSPC || error == EDQUOT || error == EROFS || error == EIO;
 }
 
 }  // namespace
@@ -49,7 +55,7 @@ std::string ChunkProblem(const FileChunkReq& chunk, const ReceivedFile& file) {
 uint64_t ChunkFiles::Take(const FileChunkReq& chunk) {
     auto found = files_.find(chunk.filename());
     if (found == files_.end()) {
-        if (files_.size() >= kMaxFiles) {
+        if (files_.size() >= kMaxFiles || chunk.filename().size() > kMaxName) {
             ++excess_;
             return 0;
         }
@@ -60,8 +66,9 @@ uint64_t ChunkFiles::Take(const FileChunkReq& chunk) {
         file.problem = ChunkProblem(chunk, file);
     }
     if (file.problem.empty()) {
-        file.problem = Append(chunk.filename(), chunk.chunk(), file.chunks > 0);
-        writeFailed_ |= !file.problem.empty();
+        const int error = Append(chunk.filename(), chunk.chunk(), file.chunks > 0);
+        file.problem = error != 0 ? std::strerror(error) : "";
+        writeFailed_ |= IsOfTheMachine(error);
     }
     if (!file.problem.empty()) {
         ++file.dropped;
@@ -77,7 +84,7 @@ uint64_t ChunkFiles::Take(const FileChunkReq& chunk) {
 
 // The file is opened for each chunk: a job has two files for each process, more than a process
 // may hold open, and an open costs little beside the thousands of bytes of a chunk.
-std::string ChunkFiles::Append(const std::string& name, const std::string& bytes, bool begun) {
+int ChunkFiles::Append(const std::string& name, const std::string& bytes, bool begun) {
     const std::filesystem::path path = PathBelow(dir_, name);
     if (!begun) {
         std::error_code error;
@@ -86,13 +93,10 @@ std::string ChunkFiles::Append(const std::string& name, const std::string& bytes
     const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
     const int fd = open(path.c_str(), begun ? flags : flags | O_CREAT | O_EXCL, 0644);
     if (fd < 0) {
-        return std::strerror(errno);
+        return errno;
     }
-    std::string problem = WriteAll(fd, bytes);
-    if (close(fd) != 0 && problem.empty()) {
-        problem = std::strerror(errno);
-    }
-    return problem;
+    const int error = WriteAll(fd, bytes);
+    return close(fd) != 0 && error == 0 ? errno : error;
 }
 
 }  // namespace orla::host

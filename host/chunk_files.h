@@ -31,6 +31,7 @@ class ChunkFiles {
 public:
     // The most files of one job: two for each of more processes than a device has.
     static constexpr size_t kMaxFiles = 200'000;
+    static constexpr size_t kMaxName = 4096;
 
     // `dir` exists and is this object's alone.
     explicit ChunkFiles(std::filesystem::path dir) : dir_(std::move(dir)) {}
@@ -41,13 +42,13 @@ public:
 
     // By the names that the device gave, in byte order.
     const std::map<std::string, ReceivedFile>& files() const { return files_; }
-    // Chunks whose files were more than there may be.
+    // Chunks whose names were too long, or those of more files than there may be.
     uint64_t excess() const { return excess_; }
-    // This machine could not write; more data will not help.
+    // This machine cannot write; more data will not help.
     bool writeFailed() const { return writeFailed_; }
 
 private:
-    std::string Append(const std::string& name, const std::string& bytes, bool begun);
+    int Append(const std::string& name, const std::string& bytes, bool begun);
 
     const std::filesystem::path dir_;
     std::map<std::string, ReceivedFile> files_;

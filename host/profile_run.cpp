@@ -114,9 +114,9 @@ bool ProfileRun::Begin() {
         return Open(session) && Ask(**session, step, handshake) == Answer::kAccepted;
     };
     if (!shakeHands(&control_, CtrlChannelHandshake(),
-                    {"control handshake", "an earlier job of this mode may still run there"}) ||
+                    {"control handshake", "", "an earlier job of this mode may still run there"}) ||
         !shakeHands(&data_, DataChannelHandshake(),
-                    {"data handshake", "it may not know this mode"})) {
+                    {"data handshake", "", "it may not know this mode"})) {
         return false;
     }
     dataThread_ = std::thread([this] { DrainAll(); });
@@ -130,10 +130,11 @@ bool ProfileRun::Begin() {
     for (const std::string& event : request_.llcEvents) {
         replayStart.add_llc_events(event);
     }
-    const Step start{"start",
+    const Step start{"start", "start failed",
                      "every source is off, or held by a job on another device of this machine"};
-    result_.started = Ask(*control_, {"job start", kSeeLog}, jobStart) == Answer::kAccepted &&
-                      Ask(*control_, start, replayStart) == Answer::kAccepted;
+    result_.started =
+        Ask(*control_, {"job start", "start job failed", kSeeLog}, jobStart) == Answer::kAccepted &&
+        Ask(*control_, start, replayStart) == Answer::kAccepted;
     return result_.started;
 }
 
@@ -177,11 +178,12 @@ void ProfileRun::End() {
     auto jobStop = WithContext<JobStopReq>(context);
     jobStop.set_jobid(job_.id);
     const Answer replayStop =
-        Ask(*control_, {"stop", kSeeLog}, WithContext<ReplayStopReq>(context));
+        Ask(*control_, {"stop", "stop failed", kSeeLog}, WithContext<ReplayStopReq>(context));
     // A refused stop does not keep the job: its end gives everything back. But behind a question
     // without an answer a later answer could not be told from that to the next one.
-    result_.stopped = replayStop != Answer::kNone &&
-                      Ask(*control_, {"job stop", kSeeLog}, jobStop) == Answer::kAccepted;
+    result_.stopped =
+        replayStop != Answer::kNone &&
+        Ask(*control_, {"job stop", "stop job failed", kSeeLog}, jobStop) == Answer::kAccepted;
     // The finish message was sent before the last answer; it may still be on its way.
     const auto deadline = Clock::now() + job_.patience;
     while (result_.stopped && dataEnd_ == DataEnd::kNone && !aborted_ && Clock::now() < deadline) {
@@ -212,7 +214,9 @@ void ProfileRun::Conclude() {
         }
     }
     if (files_.excess() > 0) {
-        Fail(kExitIncomplete, fmt::format("more than {} files", ChunkFiles::kMaxFiles));
+        Fail(kExitIncomplete,
+             fmt::format("{} chunks of files with too long names, or of too many files",
+                         files_.excess()));
     }
     if (!result_.finishCame) {
         Fail(kExitIncomplete, "the end of the data did not come");
@@ -270,7 +274,8 @@ ProfileRun::Answer ProfileRun::Ask(Session& session, const Step& step,
                 break;
         }
         if (interrupted_ && !dataThread_.joinable()) {
-            return Broken("interrupted before the job began");
+            Fail(kExitIncomplete, "interrupted before the job began");
+            return Answer::kNone;
         }
         // A device that still sends its data is busy, not silent.
         if (const uint64_t now = chunks_; now != seen) {
@@ -282,7 +287,8 @@ ProfileRun::Answer ProfileRun::Ask(Session& session, const Step& step,
                 fmt::format("{}: no answer within {} s", step.name, job_.patience.count() / 1000));
         }
     }
-    return Broken(fmt::format("{}: broken off", step.name));
+    Fail(kExitIncomplete, fmt::format("{}: broken off", step.name));
+    return Answer::kNone;
 }
 
 ProfileRun::Answer ProfileRun::TakeReply(const Step& step, const std::string& bytes) {
@@ -292,8 +298,9 @@ ProfileRun::Answer ProfileRun::TakeReply(const Step& step, const std::string& by
             if (reply.accepted) {
                 return Answer::kAccepted;
             }
-            return Refused(step, reply.info.empty()
-                                     ? fmt::format("no reason given ({})", step.silentRefusal)
+            return Refused(step, reply.info.empty() ? fmt::format("no reason given ({})", step.hint)
+                                 : reply.info == step.emptyWords
+                                     ? fmt::format("{} ({})", reply.info, step.hint)
                                      : reply.info);
         case IncomingKind::kContainer:
             return Refused(step, "the device does not serve containers");

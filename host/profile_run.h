@@ -84,10 +84,11 @@ private:
     using Clock = std::chrono::steady_clock;
     using ProtoMessage = google::protobuf::Message;
 
-    // One request and what its answer means to a user.
+    // One request and what its refusal means to a user.
     struct Step {
         const char* name;
-        const char* silentRefusal;  // what a refusal without a word most likely means
+        const char* emptyWords;  // what the device says when it has nothing to say
+        const char* hint;        // what such a refusal most likely means
     };
     enum class DataEnd { kNone, kFinished, kClosed, kBroken };
     enum class Answer { kAccepted, kRefused, kNone };

@@ -58,29 +58,39 @@ std::vector<size_t> Report::BiggestByMemory(size_t count) const {
 
 // The records without those whose time or number makes no sense between their neighbours'. A
 // record is believed when it follows the last one believed, unless its successor follows that
-// one and not this.
+// one and not this. Of the first two the third one tells which is wrong.
 ReportBuilder::Records ReportBuilder::GoodRecords(SampleKind kind, std::string_view bytes,
                                                   uint64_t* damaged) const {
     Records all;
     *damaged = ReadRecords(bytes, [&all](const SampleRecord& record) { all.push_back(record); });
     Records good;
+    const auto leadsAstray = [&](size_t i) {
+        if (i + 1 == all.size()) {
+            return !good.empty() && IsAbsurd(kind, good.back(), all[i]);
+        }
+        if (Follows(all[i], all[i + 1])) {
+            return false;
+        }
+        return good.empty() ? i + 2 == all.size() || !Follows(all[i], all[i + 2])
+                            : Follows(good.back(), all[i + 1]);
+    };
     for (size_t i = 0; i < all.size(); ++i) {
-        const bool fits = good.empty() || Follows(good.back(), all[i]);
-        const bool isLast = i + 1 == all.size();
-        const bool nextFits = !isLast && (good.empty() || Follows(good.back(), all[i + 1]));
-        const bool jumps = !isLast && nextFits && !Follows(all[i], all[i + 1]);
-        const auto asked = options_.askedMs.find(kind);
-        const bool absurd =
-            isLast && !good.empty() && asked != options_.askedMs.end() &&
-            Rise(good.back().time, all[i].time) > kAbsurdFactor * asked->second * kNsPerMs *
-                                                      (1 + Rise(good.back().index, all[i].index));
-        if (!fits || jumps || absurd) {
-            ++*damaged;
-        } else {
+        if ((good.empty() || Follows(good.back(), all[i])) && !leadsAstray(i)) {
             good.push_back(all[i]);
+        } else {
+            ++*damaged;
         }
     }
     return good;
+}
+
+// Nothing follows a last record that could contradict it.
+bool ReportBuilder::IsAbsurd(SampleKind kind, const SampleRecord& before,
+                             const SampleRecord& last) const {
+    const auto asked = options_.askedMs.find(kind);
+    return asked != options_.askedMs.end() &&
+           Rise(before.time, last.time) >
+               kAbsurdFactor * asked->second * kNsPerMs * (1 + Rise(before.index, last.index));
 }
 
 void ReportBuilder::Scan(const SampleSource& source, std::string_view bytes) {

@@ -96,6 +96,7 @@ private:
     };
 
     Records GoodRecords(SampleKind kind, std::string_view bytes, uint64_t* damaged) const;
+    bool IsAbsurd(SampleKind kind, const SampleRecord& before, const SampleRecord& last) const;
     void GuessProcessors(const Records& records);
     void Rate(SampleKind kind, const Records& records, uint64_t damaged);
     void TakeCpu(const Records& records);

@@ -144,6 +144,8 @@ INSTANTIATE_TEST_SUITE_P(
                    1},
         DamageCase{"time_jumps", [](Records* r) { (*r)[9].insert(10, "9"); }, 19, 1, 0, 1},
         DamageCase{"first_time_jumps", [](Records* r) { (*r)[0].insert(10, "9"); }, 19, 1, 0, 0},
+        DamageCase{"second_time_falls", [](Records* r) { (*r)[1].replace(10, 10, "1"); }, 19, 1, 0,
+                   1},
         DamageCase{"last_time_jumps", [](Records* r) { r->back().insert(10, "99999"); }, 19, 1, 0,
                    0},
         DamageCase{"doubled", [](Records* r) { r->insert(r->begin() + 9, (*r)[9]); }, 20, 1, 0, 0},

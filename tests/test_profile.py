@@ -175,7 +175,8 @@ def test_a_job_leaves_what_came_and_the_manifest():
     (STEPS[0], refusal(""), "an earlier job"), (STEPS[0], refusal("no\x1b[2Jway"), "no\x1b[2Jway"),
     (STEPS[0], request(5, b"MESSAGE_CONTAINER_NO_SUPPORT"), "containers"),
     (STEPS[1], refusal(""), "mode"), (STEPS[2], refusal("Create task failed."), "Create task"),
-    (STEPS[2], reply(1, "no json"), "no json"), (STEPS[3], refusal("start failed"), "start failed"),
+    (STEPS[2], reply(1, "no json"), "no json"),
+    (STEPS[3], refusal("start failed"), "start failed (every source"),
 ])
 def test_a_refusal_is_told_in_the_devices_words(step, answer, words):
     code, printed, written, _ = profile(answers={step: answer})
