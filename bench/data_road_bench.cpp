@@ -1,11 +1,15 @@
-// The road of profiling data, from a producer's bytes to the host process, and what it costs
-// beside the bare transport that carries the same segments, in the same run. Device and host are
-// two processes; CPU time is that of both.
+// The road of profiling data, from prof_channel_read to the host process, and what it costs beside
+// the bare transport that carries the same segments, in the same run. Device and host are two
+// processes, new for each measurement; the CPU time of both is told.
 //
 // The bare transport does the least that can be done: one segment, made once, sent again and
-// again, and received without being looked at. The road encodes, queues, frames and joins.
+// again, and received without being looked at. The road reads, encodes, queues, frames and joins.
+// Its channels are without limit, so the host is always behind and the queue full; of 512 messages
+// what is sent has left the caches long before. That is memory's price and not the road's, as the
+// bare transport out of as much memory and the road with a short queue show.
 #include <fmt/format.h>
 #include <hdc_driver.h>
+#include <prof_driver.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,10 +21,13 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "emulation/control.h"
 #include "hdc/hdc_api.h"
 #include "profiling/datapath/hdc_transport.h"
+#include "profiling/datapath/reader_buffer.h"
 #include "profiling/datapath/uploader_mgr.h"
 
 namespace {
@@ -29,16 +36,18 @@ using analysis::nedra::transport::EncodeFileChunk;
 using analysis::nedra::transport::FileChunkInfo;
 using analysis::nedra::transport::HDCTransportFactory;
 using analysis::nedra::transport::kUploaderCapacity;
+using analysis::nedra::transport::ReaderBuffer;
 using analysis::nedra::transport::Uploader;
 using analysis::nedra::transport::UploaderMgr;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kService = kHdcServiceRequests;
-constexpr int kRounds = 5;
-constexpr size_t kChunk = 1800000;  // what a reader of 2 MiB uploads at a time
-constexpr int kChunks = 3000;
+constexpr int kRounds = 3;
+constexpr size_t kChunk = 2 << 20;  // what a full reader uploads at a time
+constexpr int kChunks = 2000;
 constexpr double kBytes = double{kChunk} * kChunks;
 constexpr uint64_t kShortQueue = 4;
+constexpr int kChannels = 8;
 constexpr char kJob[] = "bench";
 const FileChunkInfo kInfo = {"data/bench.data.0.slice_0", false, 3};
 const std::string kJobCtx = R"({"dev_id":"0","job_id":"bench"})";
@@ -77,20 +86,24 @@ struct Way {
     End host;    // receives all of them
 };
 
-void BareDevice(drvHdcSession_t session) {
+// Sends out of `size` bytes of memory, round and round.
+void BareDevice(drvHdcSession_t session, size_t size) {
     uint32_t maxSegment = 0;
     Check(HdcGetCapacity(&maxSegment) == 0, "HdcGetCapacity");
-    std::string segment(maxSegment, 's');
+    std::string source(std::max<size_t>(size, maxSegment), 's');
     drvHdcMsg_t message = nullptr;
     Check(drvHdcAllocMsg(session, &message, 1) == 0, "drvHdcAllocMsg");
+    size_t at = 0;
     for (int i = 0; i < kChunks; ++i) {
         for (size_t left = kChunk; left > 0;) {
-            const size_t size = std::min<size_t>(left, maxSegment);
-            Check(drvHdcAddMsgBuffer(message, segment.data(), static_cast<int>(size)) == 0 &&
+            const size_t length = std::min<size_t>(left, maxSegment);
+            at = at + length > source.size() ? 0 : at;
+            Check(drvHdcAddMsgBuffer(message, &source[at], static_cast<int>(length)) == 0 &&
                       halHdcSend(session, message, HDC_FLAG_WAIT, 0) == 0 &&
                       drvHdcReuseMsg(message) == 0,
                   "bare send");
-            left -= size;
+            left -= length;
+            at += length;
         }
     }
     drvHdcFreeMsg(message);
@@ -112,30 +125,58 @@ void BareHost(drvHdcSession_t session) {
     drvHdcFreeMsg(message);
 }
 
+Way Bare(size_t size) {
+    return {[=](drvHdcSession_t session) { BareDevice(session, size); }, BareHost};
+}
+
+// Reads until the device has sent everything.
 void RoadHost(drvHdcSession_t session) {
-    for (int i = 0; i < kChunks; ++i) {
-        void* buffer = nullptr;
-        uint32_t length = 0;
-        Check(HdcRead(session, &buffer, &length) == kHdcReadDone && length > kChunk, "HdcRead");
+    size_t total = 0;
+    void* buffer = nullptr;
+    uint32_t length = 0;
+    while (HdcRead(session, &buffer, &length) == kHdcReadDone) {
+        total += length;
         std::free(buffer);
+    }
+    Check(total > kChunk * kChunks, "the last read");
+}
+
+void StartChannel(uint32_t channel) {
+    ProfStartPara para = {};
+    para.realTime = 1;
+    Check(prof_drv_start(0, channel, &para) == 0, "prof_drv_start");
+}
+
+// One reader: what the worker of a channel does.
+void ReadChannel(uint32_t channel, int chunks) {
+    StartChannel(channel);
+    ReaderBuffer buffer(kChunk, kInfo, kJobCtx);
+    for (int i = 0; i < chunks; ++i) {
+        Check(prof_channel_read(0, channel, buffer.Data(), kChunk) == int{kChunk}, "read");
+        Check(UploaderMgr::instance().UploadData(kJob, buffer.TakeMessage(kChunk)) == 0, "upload");
     }
 }
 
-// With a queue of `capacity` messages. The producer is quicker than any transport, so the queue is
-// always full: of 512 messages, what is sent has left the caches long before.
-void RoadDevice(drvHdcSession_t session, uint64_t capacity) {
+void RoadDevice(drvHdcSession_t session, uint64_t capacity, int channels) {
     auto& mgr = UploaderMgr::instance();
     auto transport = HDCTransportFactory().CreateHdcTransport(session);
     Check(mgr.CreateUploader(kJob, std::move(transport), capacity) == 0, "uploader");
-    const std::string data(kChunk, 'd');
-    for (int i = 0; i < kChunks; ++i) {
-        Check(mgr.UploadData(kJob, data.data(), kChunk, kInfo, kJobCtx) == 0, "upload");
+    std::vector<std::thread> readers;
+    for (int i = 0; i < channels; ++i) {
+        readers.emplace_back(ReadChannel, i + 1, kChunks / channels);
+    }
+    for (std::thread& reader : readers) {
+        reader.join();
     }
     std::shared_ptr<Uploader> uploader;
     mgr.GetUploader(kJob, uploader);
     uploader->Stop(false);
     uploader.reset();
     mgr.DelUploader(kJob);
+}
+
+Way Road(uint64_t capacity, int channels) {
+    return {[=](drvHdcSession_t session) { RoadDevice(session, capacity, channels); }, RoadHost};
 }
 
 // ---- Measuring -----------------------------------------------------------------------------
@@ -226,34 +267,61 @@ void Print(const char* what, const Series& series, const Series& bare) {
                series.Cpu() / bare.Cpu());
 }
 
+std::string Scenario() {
+    std::string channels;
+    for (int i = 1; i <= kChannels; ++i) {
+        channels += fmt::format(R"({}{{"id": {}, "rate": "unlimited"}})", i > 1 ? "," : "", i);
+    }
+    return fmt::format(R"({{"devices": [{{"logical": 0, "channels": [{}]}}]}})", channels);
+}
+
+void PrintSteps() {
+    const auto print = [](const char* what, const std::function<void()>& step) {
+        fmt::print("{:<34}{:>27.3f}\n", what, MeasureStep(step));
+    };
+    const std::string source(kChunk, 'd');
+    std::string target(kChunk, '\0');
+    print("  memcpy", [&] {
+        std::memcpy(target.data(), source.data(), kChunk);
+        asm volatile("" ::: "memory");
+    });
+    StartChannel(1);
+    print("  prof_channel_read",
+          [&] { Check(prof_channel_read(0, 1, target.data(), kChunk) == int{kChunk}, "read"); });
+    print("  encode, copied",
+          [&] { Check(EncodeFileChunk(source, kInfo, kJobCtx) != nullptr, "encode"); });
+    ReaderBuffer buffer(kChunk, kInfo, kJobCtx);
+    print("  encode, in place", [&] {
+        Check(buffer.Data() != nullptr && buffer.TakeMessage(kChunk) != nullptr, "encode");
+    });
+}
+
 }  // namespace
 
 int main() {
-    const Way bareWay = {BareDevice, BareHost};
-    const Way longWay = {[](drvHdcSession_t session) { RoadDevice(session, kUploaderCapacity); },
-                         RoadHost};
-    const Way shortWay = {[](drvHdcSession_t session) { RoadDevice(session, kShortQueue); },
-                          RoadHost};
-    Series bare, longRoad, shortRoad;
+    Check(orla::control::LoadScenario(Scenario()).empty(), "LoadScenario");
+    const struct {
+        const char* what;
+        Way way;
+    } ways[] = {
+        {"bare transport", Bare(0)},
+        {"bare transport, out of 1 GB", Bare(kUploaderCapacity * kChunk)},
+        {"1 channel, 512 messages wait", Road(kUploaderCapacity, 1)},
+        {"8 channels, 512 messages wait", Road(kUploaderCapacity, kChannels)},
+        {"1 channel, 4 messages wait", Road(kShortQueue, 1)},
+        {"8 channels, 4 messages wait", Road(kShortQueue, kChannels)},
+    };
+    std::vector<Series> figures(std::size(ways));
     for (int round = 0; round < kRounds; ++round) {
-        bare.Add(Measure(bareWay));
-        longRoad.Add(Measure(longWay));
-        shortRoad.Add(Measure(shortWay));
+        for (size_t i = 0; i < std::size(ways); ++i) {
+            figures[i].Add(Measure(ways[i].way));
+        }
     }
-    fmt::print("{:<34}{:>9}{:>8}{:>10}{:>9}{:>8}\n", "Data road", "MB/s", "ratio", "device",
-               "host s/GB", "ratio");
-    Print("bare transport", bare, bare);
-    Print("chunk to host, 512 waiting", longRoad, bare);
-    Print("chunk to host, 4 waiting", shortRoad, bare);
-
-    const std::string source(kChunk, 'd');
-    std::string target(kChunk, '\0');
-    fmt::print("{:<34}{:>27.3f}\n", "  memcpy", MeasureStep([&] {
-                   std::memcpy(target.data(), source.data(), kChunk);
-                   asm volatile("" ::: "memory");
-               }));
-    fmt::print("{:<34}{:>27.3f}\n", "  encode", MeasureStep([&] {
-                   Check(EncodeFileChunk(source, kInfo, kJobCtx) != nullptr, "encode");
-               }));
+    fmt::print("{:<34}{:>9}{:>8}{:>10}{:>9}{:>8}\n", "prof_channel_read to host", "MB/s", "ratio",
+               "device", "host s/GB", "ratio");
+    for (size_t i = 0; i < std::size(ways); ++i) {
+        Print(ways[i].what, figures[i], figures[0]);
+    }
+    PrintSteps();
     return 0;
 }

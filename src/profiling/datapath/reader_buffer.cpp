@@ -11,20 +11,24 @@ using google::protobuf::io::CodedOutputStream;
 
 namespace {
 
-// The length of a chunk is written in as many bytes as it needs. What nearly all full buffers
-// need is settled beforehand; the others are copied.
-constexpr size_t kLengthBytes = 3;
+size_t LengthBytes(size_t size) {
+    return CodedOutputStream::VarintSize32(static_cast<uint32_t>(size));
+}
 
 }  // namespace
 
 ReaderBuffer::ReaderBuffer(size_t capacity, FileChunkInfo info, std::string jobCtx)
-    : capacity_(capacity), info_(std::move(info)), jobCtx_(std::move(jobCtx)) {}
+    : capacity_(capacity),
+      info_(std::move(info)),
+      jobCtx_(std::move(jobCtx)),
+      lengthBytes_(LengthBytes(capacity)) {}
 
 char* ReaderBuffer::Data() {
     if (head_.empty() && !AppendChunkHead(info_, jobCtx_, &head_)) {
+        head_.clear();
         return nullptr;
     }
-    const size_t head = head_.size() + kLengthBytes;
+    const size_t head = head_.size() + lengthBytes_;
     if (buffer_ == nullptr) {
         buffer_ = TakeFilledBuffer(head + capacity_ + kChunkTailRoom);
     }
@@ -37,8 +41,12 @@ MessageBuffer ReaderBuffer::TakeMessage(size_t used) {
         return nullptr;
     }
     const bool isLarge = used >= capacity_ / 2;
-    if (!isLarge || CodedOutputStream::VarintSize32(static_cast<uint32_t>(used)) != kLengthBytes) {
-        return EncodeFileChunk({data, used}, info_, jobCtx_);
+    if (!isLarge || LengthBytes(used) != lengthBytes_) {
+        MessageBuffer copy = EncodeFileChunk({data, used}, info_, jobCtx_);
+        if (isLarge && copy != nullptr) {
+            lengthBytes_ = LengthBytes(used);
+        }
+        return copy;
     }
     std::string tail;
     if (!AppendChunkTail(used, info_, &tail)) {

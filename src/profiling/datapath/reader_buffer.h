@@ -39,6 +39,10 @@ private:
     const FileChunkInfo info_;
     const std::string jobCtx_;
     std::string head_;  // all in front of the chunk's length; empty: not encoded yet
+    // The length of a chunk takes as many bytes as it needs, and the place for it is settled
+    // before it is known: the last chunk's is a good guess. Of a chunk of another one the bytes
+    // are copied.
+    size_t lengthBytes_;
     MessageBuffer buffer_;
 };
 
