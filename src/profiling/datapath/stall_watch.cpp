@@ -32,7 +32,6 @@ void StallWatch::Bound(bool on) {
     if (bounded_ == on) {
         return;
     }
-    bounded_ = on;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         watching_ = on;
@@ -41,7 +40,9 @@ void StallWatch::Bound(bool on) {
     }
     if (on ? watcher_.Start() != 0 : watcher_.Stop() != 0) {
         PROF_LOGE("Failed to %s the watch of an uploader", on ? "start" : "stop");
+        return;  // the next call may have more luck
     }
+    bounded_ = on;
 }
 
 void StallWatch::Watcher::Run(const common::thread::TraceletErrorContext& context) {

@@ -32,6 +32,8 @@ Uploader::Uploader(std::shared_ptr<ITransport> transport, std::chrono::milliseco
 
 Uploader::~Uploader() {
     Uploader::Uninit();
+    // For one that was started and never inited.
+    static_cast<void>(Thread::Stop());
 }
 
 int Uploader::Init(uint64_t queueCapacity) {
