@@ -75,7 +75,7 @@ bool AppendChunkTail(size_t size, const FileChunkInfo& info, std::string* out) {
 MessageBuffer EncodeFileChunk(std::string_view data, const FileChunkInfo& info,
                               const std::string& jobCtx) {
     const size_t around = jobCtx.size() + info.fileName.size() + kHeadRoom + kChunkTailRoom;
-    if (data.empty() || data.size() > INT_MAX - around) {
+    if (data.size() > INT_MAX - around) {
         PROF_LOGE("data size %zu is out of range", data.size());
         return nullptr;
     }
@@ -83,11 +83,15 @@ MessageBuffer EncodeFileChunk(std::string_view data, const FileChunkInfo& info,
     if (buffer == nullptr || !AppendChunkHead(info, jobCtx, buffer.get())) {
         return nullptr;
     }
-    uint8_t length[kMaxVarint];
-    const uint8_t* end =
-        CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(data.size()), length);
-    buffer->append(reinterpret_cast<const char*>(length), static_cast<size_t>(end - length));
-    buffer->append(data);
+    if (data.empty()) {
+        buffer->pop_back();  // a field without bytes is not written, nor is its tag
+    } else {
+        uint8_t length[kMaxVarint];
+        const uint8_t* end =
+            CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(data.size()), length);
+        buffer->append(reinterpret_cast<const char*>(length), static_cast<size_t>(end - length));
+        buffer->append(data);
+    }
     return AppendChunkTail(data.size(), info, buffer.get()) ? buffer : nullptr;
 }
 

@@ -20,15 +20,15 @@ struct FileChunkInfo {
     uint32_t dataModule = 0;
 };
 
-// The envelope of the FileChunkReq with `data`, one byte or more, byte for byte what the codec
-// makes of that message, but with `data` copied only once. `jobCtx` is the text of the job's
-// context. Null, with a log line, when it cannot be made.
+// The envelope of the FileChunkReq with `data`, byte for byte what the codec makes of that message,
+// but with `data` copied only once. `jobCtx` is the text of the job's context. Null, with a log
+// line, when it cannot be made.
 [[nodiscard]] MessageBuffer EncodeFileChunk(std::string_view data, const FileChunkInfo& info,
                                             const std::string& jobCtx);
 
 // What stands around the bytes in that message, for who has them in their place already: head,
-// length of `data` as a varint, data, tail. Each is appended to `out`; false, with a log line,
-// when it cannot be made, and `out` is then undefined.
+// length of `data`, one or more, as a varint, data, tail. Each is appended to `out`; false, with a
+// log line, when it cannot be made, and `out` is then undefined.
 constexpr size_t kChunkTailRoom = 64;  // more than a tail needs
 [[nodiscard]] bool AppendChunkHead(const FileChunkInfo& info, const std::string& jobCtx,
                                    std::string* out);
