@@ -54,7 +54,7 @@ public:
         return Thread::Stop();
     }
 
-    void Push(std::shared_ptr<Task> task) { static_cast<void>(queue_->Push(std::move(task))); }
+    [[nodiscard]] bool Push(std::shared_ptr<Task> task) { return queue_->Push(std::move(task)); }
 
 protected:
     void Run(const TraceletErrorContext& context) override {
@@ -139,14 +139,12 @@ int ThreadPool::Stop() {
     return 0;
 }
 
-void ThreadPool::Dispatch(std::shared_ptr<Task> task) {
+bool ThreadPool::Dispatch(std::shared_ptr<Task> task) {
     if (task == nullptr || !started_) {
-        return;
+        return false;
     }
     const std::shared_ptr<InnnerThread> worker = Choose(*task);
-    if (worker != nullptr) {
-        worker->Push(std::move(task));
-    }
+    return worker != nullptr && worker->Push(std::move(task));
 }
 
 std::shared_ptr<ThreadPool::InnnerThread> ThreadPool::Choose(Task& task) {

@@ -38,9 +38,9 @@ public:
     [[nodiscard]] int Start();
     // Runs what is queued, ends the workers and forgets them. Always 0.
     int Stop();
-    // Hands `task` to a worker, waiting while its queue is full. Refused, with a log line, when
-    // the pool is started and not one worker runs.
-    void Dispatch(std::shared_ptr<Task> task);
+    // Hands `task` to a worker, waiting while its queue is full. False when it will not run: before
+    // Start, at the side of or after Stop, and, with a log line, when not one worker runs.
+    bool Dispatch(std::shared_ptr<Task> task);
 
 private:
     class InnnerThread;
