@@ -1,9 +1,10 @@
 // The jobs of an engine: its array, and the two loops that start and stop a replay.
 
-#include <initializer_list>
+#include <utility>
 
 #include "hdc/log_side.h"
 #include "profiling/collect/collect_engine.h"
+#include "profiling/collect/prof_ctrlcpu_job.h"
 #include "profiling/config/make_shared.h"
 #include "profiling/config/param_validation.h"
 #include "profiling/config/profile_params.h"
@@ -25,7 +26,9 @@ std::shared_ptr<ICollectionJob> Make() {
 }
 
 // In the order in which the jobs are made.
-const std::initializer_list<JobKind> kJobKinds = {};
+constexpr JobKind kJobKinds[] = {
+    {CTRLCPU_PERF_COLLECTION_JOB, Make<ProfCtrlcpuJob>},
+};
 
 std::string Join(const std::vector<std::string>& texts) {
     std::string joined;

@@ -14,22 +14,24 @@ using EventList = google::protobuf::RepeatedPtrField<std::string>;
 
 constexpr char kNotStarted[] = "Profiling is not started on device";
 
+bool IsTooLong(const EventList& events) {
+    return !ParamValidation::instance().CheckEventsSize(events.size());
+}
+
 // The first list that is too long is logged.
 bool EventSizesAreValid(const proto::ReplayStartReq& message) {
-    struct List {
-        const char* name;
-        int size;
-    };
-    for (const List& list : {List{"ctrl_cpu_events_size", message.ctrl_cpu_events_size()},
-                             List{"ts_cpu_events_size", message.ts_cpu_events_size()},
-                             List{"ai_cpu_events_size", message.ai_cpu_events_size()},
-                             List{"llc_events_size", message.llc_events_size()}}) {
-        if (!ParamValidation::instance().CheckEventsSize(list.size)) {
-            PROF_LOGE("%s(%d) is not valid!", list.name, list.size);
-            return false;
-        }
+    if (IsTooLong(message.ctrl_cpu_events())) {
+        PROF_LOGE("ctrl_cpu_events_size(%d) is not valid!", message.ctrl_cpu_events_size());
+    } else if (IsTooLong(message.ts_cpu_events())) {
+        PROF_LOGE("ts_cpu_events_size(%d) is not valid!", message.ts_cpu_events_size());
+    } else if (IsTooLong(message.ai_cpu_events())) {
+        PROF_LOGE("ai_cpu_events_size(%d) is not valid!", message.ai_cpu_events_size());
+    } else if (IsTooLong(message.llc_events())) {
+        PROF_LOGE("llc_events_size(%d) is not valid!", message.llc_events_size());
+    } else {
+        return true;
     }
-    return true;
+    return false;
 }
 
 CollectEngine::Events CopyEvents(const EventList& events) {
