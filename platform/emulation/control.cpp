@@ -77,8 +77,8 @@ uint64_t CallCount(std::string_view call) {
 
 LiveHandles CountLiveHandles() {
     const Handles& handles = Handles::Get();
-    return {handles.clients.size(), handles.servers.size(), handles.sessions.size(),
-            handles.messages.size(), handles.epolls.size()};
+    return {handles.clients.size(),  handles.servers.size(), handles.sessions.size(),
+            handles.messages.size(), handles.epolls.size(),  handles.monitors.size()};
 }
 
 std::vector<ProfStart> ProfStarts() {

@@ -72,8 +72,11 @@ struct LiveHandles {
     size_t sessions = 0;
     size_t messages = 0;
     size_t epolls = 0;
+    size_t monitors = 0;  // clients of the application monitor
 
-    [[nodiscard]] size_t Total() const { return clients + servers + sessions + messages + epolls; }
+    [[nodiscard]] size_t Total() const {
+        return clients + servers + sessions + messages + epolls + monitors;
+    }
 };
 [[nodiscard]] LiveHandles CountLiveHandles();
 

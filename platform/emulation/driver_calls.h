@@ -1,4 +1,5 @@
-// The operations of the driver by name: what a fault names and what calls are counted under.
+// The operations of the driver, and of the monitor's client, by name: what a fault names and what
+// calls are counted under.
 #pragma once
 
 #include <array>
@@ -19,7 +20,9 @@ namespace orla::emulation {
     X(drvGetDevNum) X(drvGetDeviceLocalIDs) X(drvDeviceGetPhyIdByIndex)                           \
     X(drvGetPlatformInfo) X(drvGetDevIDs) X(halGetDeviceInfo) X(halGetAPIVersion)                 \
     X(prof_drv_get_channels) X(prof_drv_start) X(prof_stop) X(prof_channel_read)                  \
-    X(prof_channel_poll) X(halProfDataFlush)
+    X(prof_channel_poll) X(halProfDataFlush)                                                      \
+    X(appmon_client_init) X(appmon_client_register) X(appmon_client_heartbeat)                    \
+    X(appmon_client_deregister) X(appmon_client_exit)
 // clang-format on
 
 enum class Call : size_t {

@@ -15,7 +15,7 @@
 
 namespace orla::emulation {
 
-enum class HandleKind : uint64_t { kClient = 1, kServer, kSession, kMessage, kEpoll };
+enum class HandleKind : uint64_t { kClient = 1, kServer, kSession, kMessage, kEpoll, kMonitor };
 
 using HandleValue = uint64_t;
 static_assert(sizeof(void*) == sizeof(HandleValue));

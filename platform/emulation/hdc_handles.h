@@ -8,6 +8,7 @@
 #include "hdc_message.h"
 #include "hdc_server.h"
 #include "hdc_session.h"
+#include "monitor_client.h"
 
 namespace orla::emulation {
 
@@ -17,6 +18,7 @@ struct Handles {
     HandleTable<Session, HandleKind::kSession> sessions;
     HandleTable<Message, HandleKind::kMessage> messages;
     HandleTable<EventWait, HandleKind::kEpoll> epolls;
+    HandleTable<MonitorClient, HandleKind::kMonitor> monitors;
 
     [[nodiscard]] static Handles& Get() {
         static Handles& handles = *new Handles;

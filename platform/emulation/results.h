@@ -17,6 +17,7 @@ constexpr int kTooManySessions = 12;
 constexpr int kServerStopped = 13;
 constexpr int kNoScenario = 14;  // the scenario file is malformed
 constexpr int kInternal = 15;
+constexpr int kNotWatched = 17;  // the application monitor refused, or was not asked
 
 // What the frame of an operation answers in its place. Callers of the profiling calls take a
 // positive number for a success.

@@ -5,7 +5,8 @@
  *
  * Every operation returns 0 on success and another value on failure. A client is used by one
  * thread at a time, except that deregister and exit may come while another thread is in a
- * heartbeat, which then fails; the record must live until that call has returned.
+ * registration or a heartbeat, which fails once the client has exited; so does every later call.
+ * The record must live until the last of them has returned.
  */
 #ifndef ORLA_PLATFORM_APP_MONITOR_H
 #define ORLA_PLATFORM_APP_MONITOR_H
