@@ -47,11 +47,11 @@ class Device:
         self.programs.append(program)
         return program
 
-    def daemon(self):
+    def daemon(self, join=False):
         """The daemon, started once more and listening on its request service."""
         words = "phyDevId:0 create HDC server successfully"
         before = sum(words in line for line in self.lines())
-        program = self.start(BIN / "orla")
+        program = self.start(BIN / "orla", join=join)
         wait_for(lambda: program.poll() is not None
                  or sum(words in line for line in self.lines()) > before, "listening daemon")
         assert program.poll() is None, program.stdout.read()

@@ -9,6 +9,7 @@
 
 #include "daemon/ide_common_util.h"
 #include "daemon/ide_daemon_hdc.h"
+#include "daemon/ide_daemon_monitor.h"
 #include "daemon/ide_platform_util.h"
 #include "file_service/velt_get_file_server.h"
 #include "hdc/log_side.h"
@@ -53,6 +54,7 @@ void RegisterComponents() {
     IdeRegisterComponent(kSlotLog,
                          {IdeDeviceLogInit, IdeDeviceLogDestroy, nullptr, IdeDeviceLogProcess});
     IdeRegisterComponent(kSlotFileServer, {VeltGetFileServerStart, nullptr, nullptr, nullptr});
+    IdeRegisterComponent(kSlotMonitor, {IdeMonitorStart, IdeMonitorStop, nullptr, nullptr});
 }
 
 // A peer that vanishes while it is written to is an error of that write, not the end of all.
