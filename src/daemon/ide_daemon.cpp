@@ -14,6 +14,7 @@
 #include "file_service/velt_get_file_server.h"
 #include "hdc/log_side.h"
 #include "log/hdclog_device_init.h"
+#include "profiling/control/prof_device_core.h"
 
 namespace {
 
@@ -53,6 +54,8 @@ void RegisterComponents() {
     IdeRegisterComponent(kSlotHdc, {IdeDaemonHdcInit, IdeDaemonHdcDestroy, nullptr, nullptr});
     IdeRegisterComponent(kSlotLog,
                          {IdeDeviceLogInit, IdeDeviceLogDestroy, nullptr, IdeDeviceLogProcess});
+    IdeRegisterComponent(kSlotProfiling, {IdeDeviceProfileInit, IdeDeviceProfileCleanup, nullptr,
+                                          IdeDeviceProfileProcess});
     IdeRegisterComponent(kSlotFileServer, {VeltGetFileServerStart, nullptr, nullptr, nullptr});
     IdeRegisterComponent(kSlotMonitor, {IdeMonitorStart, IdeMonitorStop, nullptr, nullptr});
 }

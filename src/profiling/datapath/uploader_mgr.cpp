@@ -85,6 +85,17 @@ int UploaderMgr::Uninit() {
     return 0;
 }
 
+void UploaderMgr::BoundAllStalls() {
+    UploaderMap all;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        all = uploaderMap_;
+    }
+    for (const auto& [id, uploader] : all) {
+        uploader->BoundStall(true);
+    }
+}
+
 void UploaderMgr::ReleaseAll() {
     UploaderMap released;
     {

@@ -43,6 +43,8 @@ public:
                                      uint64_t queueCapacity);
     // Uploader::BoundStall of that job's uploader, if there is one.
     void BoundStall(const std::string& id, bool on);
+    // From now on no host may hold anything up for longer than the limit: the agent ends.
+    void BoundAllStalls();
 
     // ---- Sending: 0, or -1 with a log line. Blocks while the queue is full --------------------
 

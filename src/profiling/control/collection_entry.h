@@ -1,0 +1,94 @@
+// Where a host's sessions come in: the first message of each is a handshake that makes it a control
+// session, which a Receiver reads from then on, or a data session, which an Uploader writes. Keeps
+// the receivers by job and device, and which job a device serves in which mode; every reply on a
+// control session finds its way through here.
+//
+//     first message --Handle--> CtrlChannelHandshake --> Receiver, in receiverMap_
+//                           `-> DataChannelHandshake --> Uploader, in UploaderMgr
+//
+// Handshakes run on threads of their own, any number at the same time; of two for one device and
+// mode the later is refused. Locks in order: receiverMutex_, then modeJobMutex_. No receiver and no
+// uploader is waited for under either.
+#pragma once
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "profiling/config/job_records.h"
+#include "profiling/config/singleton.h"
+#include "profiling/control/receiver.h"
+#include "profiling/datapath/transport.h"
+#include "profiling/datapath/uploader.h"
+#include "proto/profiler.pb.h"
+
+namespace analysis::nedra::device {
+
+class CollectionEntry : public common::singleton::Singleton<CollectionEntry> {
+public:
+    // Clears the agent's directory and asks on which side this is. 0 or -1; until it has succeeded
+    // every handshake is refused.
+    [[nodiscard]] int Init();
+    // Closes all control sessions, waits until their jobs have ended with their data, and lets
+    // receivers and uploaders go. Always 0.
+    int Uninit();
+
+    // Answers the first message of a session. 0, or -1: the session then ends with its transport.
+    // `devIndexId`: the device as the driver counts.
+    [[nodiscard]] int Handle(const std::shared_ptr<transport::ITransport>& transport,
+                             const std::string& message, int devIndexId);
+    // Ends the data session of a job: see FinishCollection of collection_finish.h.
+    [[nodiscard]] int FinishCollection(int devIdOnHost, const std::string& jobId);
+
+    // ---- The registry -----------------------------------------------------------------------
+
+    // Sends on the control session of that job and device. What SendBuffer answered; -1 for a null
+    // message or when there is no such session.
+    [[nodiscard]] int SendMsgByDevId(const std::string& jobId, int devIndexId,
+                                     const message::MessagePtr& message);
+    // Takes the receiver in, in place of the one that served this device and mode before, which is
+    // ended. False, and nothing was taken in, for null and when the agent is ending.
+    [[nodiscard]] bool AddReceiver(const std::string& mode, const std::string& jobId,
+                                   int devIndexId, const std::shared_ptr<Receiver>& receiver);
+    // Null, with a log line, when there is none.
+    [[nodiscard]] std::shared_ptr<Receiver> GetReceiver(const std::string& jobId, int devIndexId);
+    void DeleteReceiver(const std::string& jobId, int devIndexId);
+
+    void AddModeJobIdRelation(int devIndexId, const std::string& mode, const std::string& jobId);
+    // The job that serves the device in that mode; empty when there is none.
+    [[nodiscard]] std::string GetModeJobIdRelation(int devIndexId, const std::string& mode);
+    // Forgets it, and tells which it was.
+    std::string DeleteModeJobIdRelation(int devIndexId, const std::string& mode);
+
+private:
+    friend common::singleton::Singleton<CollectionEntry>;
+    CollectionEntry() = default;
+
+    class Reservation;
+    using Receivers = std::map<std::string, std::map<int, std::shared_ptr<Receiver>>>;
+
+    int HandleCtrlSession(const std::shared_ptr<Receiver>& receiver,
+                          const proto::CtrlChannelHandshake& handshake, message::StatusInfo& status,
+                          int devIndexId);
+    int StartReceiver(const std::shared_ptr<Receiver>& receiver,
+                      const proto::CtrlChannelHandshake& handshake, message::StatusInfo& status,
+                      int devIndexId);
+    int HandleDataSession(const std::shared_ptr<transport::Uploader>& uploader,
+                          const proto::DataChannelHandshake& handshake, int devIndexId);
+    bool IsLastJobRunning(const std::string& mode, int devIndexId);
+
+    std::atomic<bool> isInited_{false};
+
+    std::mutex receiverMutex_;
+    Receivers receiverMap_;  // by job and device; guarded by receiverMutex_
+
+    std::mutex modeJobMutex_;
+    // Guarded by modeJobMutex_, both keyed by device and mode.
+    std::map<std::string, std::string> modeJobMap_;  // to the job
+    std::set<std::string> handshakes_;               // being answered just now
+};
+
+}  // namespace analysis::nedra::device
