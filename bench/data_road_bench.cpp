@@ -27,11 +27,15 @@
 #include "emulation/control.h"
 #include "hdc/hdc_api.h"
 #include "profiling/datapath/hdc_transport.h"
+#include "profiling/datapath/prof_channel.h"
 #include "profiling/datapath/reader_buffer.h"
 #include "profiling/datapath/uploader_mgr.h"
 
 namespace {
 
+using analysis::nedra::message::JobContext;
+using analysis::nedra::transport::ChannelPoll;
+using analysis::nedra::transport::ChannelReader;
 using analysis::nedra::transport::EncodeFileChunk;
 using analysis::nedra::transport::FileChunkInfo;
 using analysis::nedra::transport::HDCTransportFactory;
@@ -46,6 +50,7 @@ constexpr int kRounds = 3;
 constexpr size_t kChunk = 2 << 20;  // what a full reader uploads at a time
 constexpr int kChunks = 2000;
 constexpr double kBytes = double{kChunk} * kChunks;
+constexpr uint64_t kRecords = uint64_t{kChunk} * kChunks / 32;
 constexpr uint64_t kShortQueue = 4;
 constexpr int kChannels = 8;
 constexpr char kJob[] = "bench";
@@ -79,6 +84,16 @@ double OwnCpuSeconds() {
 
 // ---- Both ends of each way -----------------------------------------------------------------
 
+// Channels without a rate limit, which together have the bytes of all chunks.
+std::string Scenario(int count) {
+    std::string channels;
+    for (int i = 1; i <= count; ++i) {
+        channels += fmt::format(R"({}{{"id": {}, "rate": "unlimited", "records": {}}})",
+                                i > 1 ? "," : "", i, kRecords / static_cast<uint64_t>(count));
+    }
+    return fmt::format(R"({{"devices": [{{"logical": 0, "channels": [{}]}}]}})", channels);
+}
+
 using End = std::function<void(drvHdcSession_t)>;
 
 struct Way {
@@ -86,15 +101,28 @@ struct Way {
     End host;    // receives all of them
 };
 
-// Sends out of `size` bytes of memory, round and round.
-void BareDevice(drvHdcSession_t session, size_t size) {
+void StartChannel(uint32_t channel) {
+    ProfStartPara para = {};
+    para.realTime = 1;
+    Check(prof_drv_start(0, channel, &para) == 0, "prof_drv_start");
+}
+
+// Sends out of `size` bytes of memory, round and round; with `reads` after the driver has written
+// the next chunk there, which is the least that a road from a channel can do.
+void BareDevice(drvHdcSession_t session, size_t size, bool reads) {
     uint32_t maxSegment = 0;
     Check(HdcGetCapacity(&maxSegment) == 0, "HdcGetCapacity");
     std::string source(std::max<size_t>(size, maxSegment), 's');
     drvHdcMsg_t message = nullptr;
     Check(drvHdcAllocMsg(session, &message, 1) == 0, "drvHdcAllocMsg");
+    if (reads) {
+        Check(orla::control::LoadScenario(Scenario(1)).empty(), "LoadScenario");
+        StartChannel(1);
+    }
     size_t at = 0;
     for (int i = 0; i < kChunks; ++i) {
+        at = at + kChunk > source.size() ? 0 : at;
+        Check(!reads || prof_channel_read(0, 1, &source[at], kChunk) == int{kChunk}, "read");
         for (size_t left = kChunk; left > 0;) {
             const size_t length = std::min<size_t>(left, maxSegment);
             at = at + length > source.size() ? 0 : at;
@@ -125,8 +153,8 @@ void BareHost(drvHdcSession_t session) {
     drvHdcFreeMsg(message);
 }
 
-Way Bare(size_t size) {
-    return {[=](drvHdcSession_t session) { BareDevice(session, size); }, BareHost};
+Way Bare(size_t size, bool reads) {
+    return {[=](drvHdcSession_t session) { BareDevice(session, size, reads); }, BareHost};
 }
 
 // Reads until the device has sent everything.
@@ -141,33 +169,33 @@ void RoadHost(drvHdcSession_t session) {
     Check(total > kChunk * kChunks, "the last read");
 }
 
-void StartChannel(uint32_t channel) {
-    ProfStartPara para = {};
-    para.realTime = 1;
-    Check(prof_drv_start(0, channel, &para) == 0, "prof_drv_start");
-}
-
-// One reader: what the worker of a channel does.
-void ReadChannel(uint32_t channel, int chunks) {
-    StartChannel(channel);
-    ReaderBuffer buffer(kChunk, kInfo, kJobCtx);
-    for (int i = 0; i < chunks; ++i) {
-        Check(prof_channel_read(0, channel, buffer.Data(), kChunk) == int{kChunk}, "read");
-        Check(UploaderMgr::instance().UploadData(kJob, buffer.TakeMessage(kChunk)) == 0, "upload");
+void AwaitLastRead(uint32_t channel, uint64_t records) {
+    while (orla::control::CountsOf(0, channel).delivered < records) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }
 
+// What a job does: its readers at the poll, all that the channels have, the readers' rests.
 void RoadDevice(drvHdcSession_t session, uint64_t capacity, int channels) {
+    Check(orla::control::LoadScenario(Scenario(channels)).empty(), "LoadScenario");
     auto& mgr = UploaderMgr::instance();
     auto transport = HDCTransportFactory().CreateHdcTransport(session);
     Check(mgr.CreateUploader(kJob, std::move(transport), capacity) == 0, "uploader");
-    std::vector<std::thread> readers;
-    for (int i = 0; i < channels; ++i) {
-        readers.emplace_back(ReadChannel, i + 1, kChunks / channels);
+    const auto jobCtx = std::make_shared<JobContext>();
+    jobCtx->job_id = kJob;
+    ChannelPoll poll;
+    Check(poll.Start() == 0, "poll");
+    for (int i = 1; i <= channels; ++i) {
+        const auto reader = std::make_shared<ChannelReader>(0, i, kInfo.fileName, jobCtx);
+        Check(reader->Init() == 0, "reader");
+        poll.AddReader(0, static_cast<uint32_t>(i), reader);
+        StartChannel(static_cast<uint32_t>(i));
     }
-    for (std::thread& reader : readers) {
-        reader.join();
+    for (int i = 1; i <= channels; ++i) {
+        AwaitLastRead(static_cast<uint32_t>(i), kRecords / static_cast<uint64_t>(channels));
+        poll.RemoveReader(0, static_cast<uint32_t>(i));
     }
+    Check(poll.Stop() == 0, "poll");
     std::shared_ptr<Uploader> uploader;
     mgr.GetUploader(kJob, uploader);
     uploader->Stop(false);
@@ -267,14 +295,6 @@ void Print(const char* what, const Series& series, const Series& bare) {
                series.Cpu() / bare.Cpu());
 }
 
-std::string Scenario() {
-    std::string channels;
-    for (int i = 1; i <= kChannels; ++i) {
-        channels += fmt::format(R"({}{{"id": {}, "rate": "unlimited"}})", i > 1 ? "," : "", i);
-    }
-    return fmt::format(R"({{"devices": [{{"logical": 0, "channels": [{}]}}]}})", channels);
-}
-
 void PrintSteps() {
     const auto print = [](const char* what, const std::function<void()>& step) {
         fmt::print("{:<34}{:>27.3f}\n", what, MeasureStep(step));
@@ -285,6 +305,7 @@ void PrintSteps() {
         std::memcpy(target.data(), source.data(), kChunk);
         asm volatile("" ::: "memory");
     });
+    Check(orla::control::LoadScenario(Scenario(1)).empty(), "LoadScenario");
     StartChannel(1);
     print("  prof_channel_read",
           [&] { Check(prof_channel_read(0, 1, target.data(), kChunk) == int{kChunk}, "read"); });
@@ -299,13 +320,13 @@ void PrintSteps() {
 }  // namespace
 
 int main() {
-    Check(orla::control::LoadScenario(Scenario()).empty(), "LoadScenario");
     const struct {
         const char* what;
         Way way;
     } ways[] = {
-        {"bare transport", Bare(0)},
-        {"bare transport, out of 1 GB", Bare(kUploaderCapacity * kChunk)},
+        {"bare transport", Bare(0, false)},
+        {"bare transport, out of 1 GB", Bare(kUploaderCapacity * kChunk, false)},
+        {"driver's read and bare transport", Bare(2 * kChunk, true)},
         {"1 channel, 512 messages wait", Road(kUploaderCapacity, 1)},
         {"8 channels, 512 messages wait", Road(kUploaderCapacity, kChannels)},
         {"1 channel, 4 messages wait", Road(kShortQueue, 1)},

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <iterator>
 #include <mutex>
 #include <vector>
 
@@ -22,19 +23,19 @@ class FreeList {
 public:
     FreeList() { kept_.reserve(kMaxKept); }
 
-    // The smallest that fits; null when none does.
+    // The smallest that fits, of equals the last to come back: the caches know it best. Null when
+    // none does.
     Buffer Take(size_t capacity) {
         const std::lock_guard<std::mutex> lock(mutex_);
         const auto best = std::min_element(
-            kept_.begin(), kept_.end(), [capacity](const Buffer& left, const Buffer& right) {
+            kept_.rbegin(), kept_.rend(), [capacity](const Buffer& left, const Buffer& right) {
                 return Waste(*left, capacity) < Waste(*right, capacity);
             });
-        if (best == kept_.end() || (*best)->capacity() < capacity) {
+        if (best == kept_.rend() || (*best)->capacity() < capacity) {
             return nullptr;
         }
-        std::swap(*best, kept_.back());
-        Buffer buffer = std::move(kept_.back());
-        kept_.pop_back();
+        Buffer buffer = std::move(*best);
+        kept_.erase(std::next(best).base());
         bytes_ -= buffer->capacity();
         return buffer;
     }
