@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "hdc/log_side.h"
+#include "profiling/collect/prof_drv_job.h"
 #include "profiling/collect/prof_script.h"
 #include "profiling/config/config_manager.h"
 #include "profiling/config/make_shared.h"
@@ -46,7 +47,7 @@ std::string RawEvents(std::vector<std::string> events) {
     for (std::string& event : events) {
         event.replace(0, 2, "r");
     }
-    return "{" + JoinEvents(events) + "}";
+    return "{" + ProfDrvJob::GetEventsStr(events) + "}";
 }
 
 }  // namespace

@@ -49,14 +49,6 @@ bool IsScriptWord(const std::string& text) {
     });
 }
 
-std::string JoinEvents(const std::vector<std::string>& events) {
-    std::string joined;
-    for (size_t i = 0; i < events.size(); ++i) {
-        joined += (i == 0 ? "" : ",") + events[i];
-    }
-    return joined;
-}
-
 bool MakeScriptDir(const std::string& dir) {
     if (Utils::CreateDir(dir) != 0) {
         PROF_LOGE("Creating dir: %s err!", Utils::BaseName(dir).c_str());

@@ -33,8 +33,6 @@ inline constexpr std::chrono::seconds kScriptPatience{30};
 // Whether `text` holds letters, digits and "_" alone: nothing that could add an argument to a
 // command. True for an empty text.
 [[nodiscard]] bool IsScriptWord(const std::string& text);
-// The texts with "," between them.
-[[nodiscard]] std::string JoinEvents(const std::vector<std::string>& events);
 // Makes the directory that the script writes to; false with the reason logged.
 [[nodiscard]] bool MakeScriptDir(const std::string& dir);
 // Makes an empty file, or empties it.

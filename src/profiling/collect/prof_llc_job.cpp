@@ -1,0 +1,204 @@
+#include "profiling/collect/prof_llc_job.h"
+
+#include <fstream>
+#include <utility>
+
+#include "profiling/collect/peripheral_records.h"
+#include "profiling/collect/prof_script.h"
+#include "profiling/config/config_manager.h"
+#include "profiling/config/param_validation.h"
+#include "profiling/config/platform.h"
+#include "profiling/config/utils.h"
+
+namespace Analysis::Nedra::JobWrapper {
+
+using analysis::nedra::common::memory::Chunk;
+using analysis::nedra::common::utils::Utils;
+using analysis::nedra::common::validation::ParamValidation;
+using Common::Config::ConfigManager;
+using Common::Platform::Platform;
+
+namespace {
+
+constexpr char kStatEnvironment[] = "PATH=/usr/bin/:/usr/sbin:/var";
+constexpr int kDefaultIntervalMs = 100;
+constexpr uint64_t kResultBufferSize = 0x40001;
+
+const PeripheralChoice kLlc{
+    {CheckJobEventParam, [](const ProfileParams& p) { return IsOn(p.tracelet_llc_profiling); },
+     [](int) { PROF_LOGI("LLC Profiling not enabled"); }},
+    [](const ProfileParams& p) {
+        return p.llc_interval >= 1 && p.llc_interval <= 1000 ? int{p.llc_interval} : 1;
+    },
+    nullptr};
+
+bool IsByScript() {
+    return ConfigManager::instance().GetPlatformType() == Common::Config::TYPE_0;
+}
+
+// A blank would make two arguments of one.
+bool IsOneArgument(const std::string& events) {
+    if (events.find(' ') != std::string::npos) {
+        PROF_LOGE("a blank in the llc events");
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+ProfLlcJob::~ProfLlcJob() {
+    if (llcPid_ > 0) {
+        static_cast<void>(UninitByScript());
+    }
+}
+
+int ProfLlcJob::Init(std::shared_ptr<CollectionJobCfg> cfg) {
+    if (!CheckJobEventParam(cfg) || !IsDeviceSideJob(*cfg)) {
+        return -1;
+    }
+    if (!Platform::instance().PlatformIsDevice() && IsByScript()) {
+        PROF_LOGI("Not in device Side, LLC Profiling not enabled");
+        return -1;
+    }
+    return Decide(kLlc, std::move(cfg));
+}
+
+bool ProfLlcJob::IsGlobalJobLevel() {
+    return IsByScript();
+}
+
+int ProfLlcJob::Process() {
+    return IsByScript() ? ProcessByScript() : ProcessByDriver();
+}
+
+int ProfLlcJob::Uninit() {
+    return IsByScript() ? UninitByScript() : ProfPeripheralJob::Uninit();
+}
+
+// ---- By driver ---------------------------------------------------------------------------------
+
+// The engine places this job without a name for its file, and data without one is lost on the
+// host. The name is of this start only: `resultDir` may be another one at the next.
+int ProfLlcJob::ProcessByDriver() {
+    if (!CheckJobCommonParam(collectionJobCfg_)) {
+        return -1;
+    }
+    std::string& name = collectionJobCfg_->jobFileName;
+    const std::string given = name;
+    if (given.empty()) {
+        name =
+            Utils::JoinPath({Common().resultDir, COLLECTION_JOB_FILENAME[LLC_DRV_COLLECTION_JOB]});
+    }
+    const int ret = ProfPeripheralJob::Process();
+    name = given;
+    return ret;
+}
+
+int ProfLlcJob::SetPeripheralConfig() {
+    const std::vector<std::string>& events = ListOf(collectionJobCfg_->events);
+    eventsStr_ = GetEventsStr(events);
+    TagLlcProfileConfig record{static_cast<uint32_t>(samplePeriod_), 0};
+    for (const std::string& event : events) {
+        if (event == "read" || event == "write") {
+            record.mode = 1 + (event == "read" ? kReadEvent : kWriteEvent);
+        } else {
+            PROF_LOGW("LLC event:%s not support", event.c_str());
+        }
+    }
+    if (!KeepConfig(&record, sizeof record)) {
+        PROF_LOGE("ProfLlcJob ProfMalloc TagLlcProfileConfig failed");
+        return -1;
+    }
+    return 0;
+}
+
+// ---- By script ---------------------------------------------------------------------------------
+
+std::string ProfLlcJob::ResultPath() const {
+    return collectionJobCfg_->jobFileName + "." + std::to_string(Common().devIdOnHost);
+}
+
+std::string ProfLlcJob::StatCommand() {
+    const std::string dir =
+        ConfigManager::instance().GetPerfDataDir(static_cast<uint32_t>(Common().devId));
+    collectionJobCfg_->jobFileName = Utils::JoinPath({dir, "llc.data"});
+    const std::string path = ResultPath();
+    if (!MakeScriptDir(dir)) {
+        return "";
+    }
+    if (!MakeEmptyFile(path)) {
+        PROF_LOGE("Failed to open %s, devId=%d, devIdOnHost:%d", path.c_str(), Common().devId,
+                  Common().devIdOnHost);
+        return "";
+    }
+    const int interval = PeriodOr(Params().llc_interval, kDefaultIntervalMs);
+    const std::string events = GetEventsStr(*collectionJobCfg_->events);
+    if (events.empty() || !ParamValidation::instance().CheckLlcEventsIsValid(events) ||
+        !IsOneArgument(events)) {
+        return "";
+    }
+    return std::string(kScriptSudo) + " " + kScriptPath + " --stat " + path + " " + events + " " +
+           std::to_string(interval);
+}
+
+int ProfLlcJob::ProcessByScript() {
+    if (!CheckJobEventParam(collectionJobCfg_)) {
+        return -1;
+    }
+    const std::string command = StatCommand();
+    PROF_LOGI("llc_event:%s, profLlcCmd:%s", GetEventsStr(*collectionJobCfg_->events).c_str(),
+              command.c_str());
+    if (command.empty()) {
+        return 0;
+    }
+    PROF_LOGI("Begin to start profiling llc, cmd=%s", command.c_str());
+    const std::vector<std::string> words = Utils::Split(command, false, "", " ");
+    if (words.empty()) {
+        PROF_LOGE("profLlcCmd empty");
+        return -1;
+    }
+    llcPid_ = -1;
+    const int ret = StartScript(words, "", kStatEnvironment, llcPid_);
+    PROF_LOGI("start profiling llc, pid = %u, ret=%d", static_cast<unsigned>(llcPid_), ret);
+    if (ret != 0) {
+        PROF_LOGE("Function ret check failed");
+    }
+    return ret;
+}
+
+int ProfLlcJob::UninitByScript() {
+    int ret = KillScript();
+    if (llcPid_ > 0) {
+        int exitCode = 0;
+        ret = WaitScript(llcPid_, kScriptPatience, exitCode);
+        if (ret != 0) {
+            PROF_LOGE("Failed to wait process %d, ret=%d", llcPid_, ret);
+        } else {
+            PROF_LOGI("Process %d exited, exit code=%d", llcPid_, exitCode);
+        }
+        llcPid_ = -1;
+    }
+    UploadResult();
+    return ret;
+}
+
+void ProfLlcJob::UploadResult() {
+    if (collectionJobCfg_ == nullptr || Common().params == nullptr) {
+        return;
+    }
+    std::ifstream in(ResultPath(), std::ios::binary);
+    if (!in.is_open()) {
+        return;
+    }
+    Chunk buffer(kResultBufferSize);
+    if (!buffer.Init()) {
+        PROF_LOGE("make shared failed, message: %s", "no memory for the llc data");
+        return;
+    }
+    UploadScriptFile(in, buffer, "data/llc.data", Common().jobCtx, Params().job_id, [this] {
+        PROF_LOGE("Upload llc data failed , jobId: %s", Params().job_id.c_str());
+    });
+}
+
+}  // namespace Analysis::Nedra::JobWrapper
