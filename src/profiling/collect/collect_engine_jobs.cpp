@@ -5,6 +5,7 @@
 #include "hdc/log_side.h"
 #include "profiling/collect/collect_engine.h"
 #include "profiling/collect/prof_ctrlcpu_job.h"
+#include "profiling/collect/prof_llc_job.h"
 #include "profiling/config/make_shared.h"
 #include "profiling/config/param_validation.h"
 #include "profiling/config/profile_params.h"
@@ -28,6 +29,7 @@ std::shared_ptr<ICollectionJob> Make() {
 // In the order in which the jobs are made.
 constexpr JobKind kJobKinds[] = {
     {CTRLCPU_PERF_COLLECTION_JOB, Make<ProfCtrlcpuJob>},
+    {LLC_DRV_COLLECTION_JOB, Make<ProfLlcJob>},
 };
 
 std::string Join(const std::vector<std::string>& texts) {
