@@ -19,8 +19,8 @@ using orla::test::PacedHost;
 using orla::test::ScriptedJob;
 using orla::test::WorkDirs;
 using std::chrono::milliseconds;
+using testing::Each;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using Names = std::set<std::string>;
 using Texts = std::vector<std::string>;
 using transport::Uploader;
@@ -30,10 +30,6 @@ constexpr int kOwnTags[] = {2, 27, 28, 29, 30};
 
 std::string Config(const std::string& jobId) {
     return R"({"job_id": ")" + jobId + R"("})";
-}
-
-CollectEngine::Events List(Texts events) {
-    return std::make_shared<Texts>(std::move(events));
 }
 
 bool ChannelPollRuns() {
@@ -51,7 +47,10 @@ struct ScriptedEngine {
         }
     }
     int Open(const std::string& jobId) { return engine.CollectStart(Config(jobId), status); }
-    int Start() { return engine.Start(List({}), status, List({})); }
+    int Start(const Texts& ctrlCpuEvents = {}, const Texts& llcEvents = {}) {
+        return engine.Start(std::make_shared<Texts>(ctrlCpuEvents), status,
+                            std::make_shared<Texts>(llcEvents));
+    }
     // What the jobs were told, a word each.
     Texts Calls() {
         Texts calls;
@@ -89,80 +88,77 @@ struct CollectEngineTest : orla::device_test::DeviceTest {
 };
 
 TEST_F(CollectEngineTest, ARefusedSessionLeavesNothingBehind) {
-    struct Row {
-        std::string config;
-        const char* info;
-    };
+    using Row = std::pair<std::string, const char*>;
     constexpr char kNoDirectory[] = "Failed to create tmp root result directory.";
+    constexpr char kInvalid[] = "invalid sample configuration";
     CollectEngine engine;
-    message::StatusInfo early;
-    EXPECT_EQ(engine.CollectStart(Config("job"), early), -1);
-    EXPECT_EQ(early.info, "Collection engine was not initialized.");
-    EXPECT_EQ(engine.PlaceJob(5, std::make_shared<ScriptedJob>()), -1);
+    message::StatusInfo status;
+    EXPECT_EQ(engine.CollectStart(Config("job"), status), -1);
+    EXPECT_EQ(status.info, "Collection engine was not initialized.");
     ASSERT_EQ(engine.Init(0), 0);
-    for (const Row& row :
-         {Row{"", "invalid sample configuration"}, Row{"{", "invalid sample configuration"},
-          Row{R"({"job_id": "other", "host_profiling": "x"})", "invalid sample configuration"},
+    orla::device_test::FailAlways("prof_drv_get_channels", 1);
+    for (const auto& [config, info] :
+         {Row{"", kInvalid}, Row{R"({"job_id": "other", "host_profiling": "x"})", kInvalid},
           Row{Config("../profiling/other"), kNoDirectory}, Row{Config("."), kNoDirectory},
           Row{Config("other/"), kNoDirectory}, Row{Config(std::string(300, 'a')), kNoDirectory},
           Row{Config("good"), ""}}) {
-        SCOPED_TRACE(row.config);
-        orla::device_test::FailAlways("prof_drv_get_channels", 1);
-        message::StatusInfo status;
-        EXPECT_EQ(engine.CollectStart(row.config, status), -1);
-        EXPECT_EQ(status.status, 1);
-        EXPECT_EQ(status.info, row.info);
+        SCOPED_TRACE(config);
+        status = {};
+        EXPECT_EQ(engine.CollectStart(config, status), -1);
+        EXPECT_EQ(status.info, info);
         EXPECT_FALSE(ChannelPollRuns());
         EXPECT_EQ(WorkDirs(), Names{"other"});
-        EXPECT_EQ(engine.Start(List({}), status, List({})), -1);
+        EXPECT_EQ(engine.Start(nullptr, status, nullptr), -1);
         EXPECT_EQ(status.info, "collection engine has not been started");
-        EXPECT_EQ(engine.Stop(status), -1);
     }
 }
 
-TEST_F(CollectEngineTest, WorkDirectoriesAndChannelPollGoWithTheirLastUser) {
-    ScriptedEngine a(0);
+TEST_F(CollectEngineTest, AnEngineEndsNothingThatAnotherUses) {
     ScriptedEngine sameDevice(0);
     ScriptedEngine sameJob(1);
     ScriptedEngine noName(0);
-    EXPECT_EQ(a.Open("a") + sameDevice.Open("b") + sameJob.Open("a") + noName.Open(""), 0);
-    EXPECT_EQ(WorkDirs(), (Names{"0", "1", "a", "b", "other"}));
-    EXPECT_EQ(a.engine.CollectStop(a.status), 0);
-    EXPECT_EQ(a.engine.CollectStop(a.status), 0) << "a second stop must not take others' uses";
-    EXPECT_EQ(a.engine.CollectStop(a.status), 0);
-    EXPECT_EQ(sameDevice.engine.CollectStop(sameDevice.status), 0);
-    EXPECT_EQ(WorkDirs(), (Names{"0", "1", "a", "other"}));
-    EXPECT_EQ(noName.engine.CollectStop(noName.status), 0);
+    {
+        ScriptedEngine own(0);
+        EXPECT_EQ(sameDevice.Open("b") + sameJob.Open("a") + noName.Open("") + own.Open("a"), 0);
+        EXPECT_EQ(sameDevice.Start(), 0);
+        EXPECT_EQ(own.Start(), -1) << "the other mode's jobs hold the device";
+        EXPECT_EQ(WorkDirs(), (Names{"0", "1", "a", "b", "other"}));
+        for (int i = 0; i < 5; ++i) {  // more stops than starts
+            EXPECT_EQ(own.engine.CollectStop(own.status), 0);
+        }
+        EXPECT_THAT(own.Calls(), Each("I"));
+    }
     EXPECT_TRUE(ChannelPollRuns());
+    EXPECT_THAT(sameDevice.Calls(), Each("IP"));
+    sameDevice.engine.Uninit();
+    sameDevice.engine.Uninit();
+    EXPECT_THAT(sameDevice.Calls(), Each("IPU"));
+    EXPECT_EQ(WorkDirs(), (Names{"0", "1", "a", "other"}));
+    noName.engine.Uninit();
     EXPECT_EQ(WorkDirs(), (Names{"1", "a", "other"}));
-    EXPECT_EQ(sameJob.engine.CollectStop(sameJob.status), 0);
 }
 
 TEST_F(CollectEngineTest, AReplayStartsInRisingOrderAndFailsOnlyWithoutAJob) {
     ScriptedEngine own;
     ASSERT_EQ(own.Open("job"), 0);
-    const auto refusal = [&](const Texts& ctrlCpu, const Texts& llc) {
-        own.status = {};
-        EXPECT_EQ(own.engine.Start(List(ctrlCpu), own.status, List(llc)), -1);
-        return own.status.info;
-    };
-    constexpr char kBadEvents[] = "[CollectStart] pmu event is not valid.";
-    EXPECT_EQ(refusal({"11"}, {}), kBadEvents);
-    EXPECT_EQ(refusal(Texts(9, "0x11"), {}), kBadEvents);
-    EXPECT_EQ(refusal({}, {"read", "a;b"}), kBadEvents);
-    EXPECT_THAT(own.Calls(), ElementsAre("", "", "", "", ""));
+    const std::pair<Texts, Texts> badEvents[] = {
+        {{"11"}, {}}, {Texts(9, "0x11"), {}}, {{}, {"read", "a;b"}}};
+    for (const auto& [ctrlCpu, llc] : badEvents) {
+        EXPECT_EQ(own.Start(ctrlCpu, llc), -1);
+        EXPECT_EQ(own.status.info, "[CollectStart] pmu event is not valid.");
+    }
     for (const int tag : kOwnTags) {
         own.jobs[tag]->initResult = -1;
     }
-    EXPECT_EQ(refusal({}, {}), "");
+    own.status.info.clear();
+    EXPECT_EQ(own.Start(), -1);
+    EXPECT_EQ(own.status.info, "");
     EXPECT_THAT(log.Take("E"),
                 testing::Contains("E CollectionJobRegisterAndRun failed, fail_cnt:5"));
-    EXPECT_EQ(own.engine.Stop(own.status), 0);
 
     own.jobs[2]->initResult = own.jobs[28]->initResult = own.jobs[30]->initResult = 0;
     own.jobs[28]->processResult = 3;
-    JobLines();
-    EXPECT_EQ(own.engine.Start(List({"0x11"}), own.status, List({"read", "write"})), 0);
+    EXPECT_EQ(own.Start({"0x11"}, {"read", "write"}), 0);
     EXPECT_EQ(own.status.status, 0);
     EXPECT_THAT(JobLines(),
                 ElementsAre("Collection Job 2 Register", "Collection Job 27 No Run; Total: 0",
@@ -171,10 +167,8 @@ TEST_F(CollectEngineTest, AReplayStartsInRisingOrderAndFailsOnlyWithoutAJob) {
                             "Total count of job registered: 2,30"));
     EXPECT_THAT(*own.jobs[27]->config->events, ElementsAre("0x11"));
     EXPECT_THAT(*own.jobs[2]->config->events, ElementsAre("read", "write"));
-    EXPECT_EQ(own.jobs[30]->config->jobTag, 30);
     const auto common = own.jobs[2]->config->commonParams;
-    EXPECT_EQ(common->jobCtx->dev_id, "7");
-    EXPECT_EQ(common->jobCtx->job_id, "job");
+    EXPECT_EQ(common->jobCtx->dev_id + common->jobCtx->job_id, "7job");
     EXPECT_EQ(own.engine.Stop(own.status), 0);
     EXPECT_THAT(JobLines(), ElementsAre("Device 7 Collection Job 27 Unregister",
                                         "Device 7 Collection Job 29 Unregister"));
@@ -187,44 +181,23 @@ TEST_F(CollectEngineTest, ASecondStartLeavesRunningJobsAlone) {
     ScriptedEngine own;
     const auto placed = std::make_shared<ScriptedJob>();
     CollectionJobCfg source;
-    source.jobFileName = "data/pcie.data";
     source.cores = std::make_shared<std::vector<int>>(1, 3);
     EXPECT_EQ(own.engine.PlaceJob(37, placed), -1);
     EXPECT_EQ(own.engine.PlaceJob(5, placed, source), 0);
     own.jobs[27]->initResult = -1;
-    ASSERT_EQ(own.Open("job"), 0);
-    ASSERT_EQ(own.engine.Start(List({}), own.status, List({"read"})), 0);
-    EXPECT_EQ(own.engine.PlaceJob(5, std::make_shared<ScriptedJob>()), -1) << "it runs";
-    EXPECT_EQ(placed->config->jobFileName, "data/pcie.data");
+    ASSERT_EQ(own.Open("job") + own.Start({}, {"read"}), 0);
+    EXPECT_EQ(own.engine.PlaceJob(5, own.jobs[27]), -1) << "its job runs";
     EXPECT_THAT(*placed->config->cores, ElementsAre(3));
 
     EXPECT_EQ(own.Start(), -1) << "nothing new ran";
     own.jobs[27]->initResult = 0;
-    EXPECT_EQ(own.engine.Start(List({"0x1"}), own.status, List({})), 0);
+    EXPECT_EQ(own.Start({"0x1"}, {}), 0);
     EXPECT_THAT(own.Calls(), ElementsAre("IP", "IIIP", "IP", "IP", "IP"));
     EXPECT_THAT(*own.jobs[2]->config->events, ElementsAre("read"));
     EXPECT_THAT(*own.jobs[27]->config->events, ElementsAre("0x1"));
     EXPECT_EQ(own.engine.CollectStop(own.status), 0);
     EXPECT_EQ(placed->calls, "IPU");
     EXPECT_EQ(placed->config->cores, nullptr);
-}
-
-TEST_F(CollectEngineTest, AnotherModeOnTheDeviceStopsItsOwnJobsOnly) {
-    ScriptedEngine first;
-    first.jobs[28]->isGlobal = true;
-    ASSERT_EQ(first.Open("first") + first.Start(), 0);
-    {
-        ScriptedEngine second;
-        ASSERT_EQ(second.Open("second"), 0);
-        EXPECT_EQ(second.Start(), -1);
-        EXPECT_THAT(second.Calls(), testing::Each("I"));
-    }  // stops what it has
-    EXPECT_THAT(first.Calls(), testing::Each("IP"));
-    first.engine.Uninit();
-    EXPECT_THAT(first.Calls(), testing::Each("IPU"));
-    log.Take();
-    first.engine.Uninit();
-    EXPECT_THAT(log.Take(), IsEmpty());
 }
 
 TEST_F(CollectEngineTest, TheFinishMessageComesBehindAllData) {
@@ -236,41 +209,32 @@ TEST_F(CollectEngineTest, TheFinishMessageComesBehindAllData) {
         EXPECT_EQ(UploaderMgr::instance().UploadData("job", "last data", 9), 0);
     };
     EXPECT_EQ(own.engine.CollectStop(own.status), 0);
-    const Texts got = host->Got();
-    ASSERT_EQ(got.size(), 2u);
-    EXPECT_EQ(got[0], "last data");
-    const auto finish =
-        std::dynamic_pointer_cast<proto::DataChannelFinish>(message::DecodeMessage(got[1]));
-    ASSERT_NE(finish, nullptr);
-    message::JobContext expected;
-    expected.dev_id = "7";
-    expected.job_id = "job";
-    EXPECT_EQ(finish->hdr().job_ctx(), expected.ToString());
-    std::shared_ptr<Uploader> uploader;
-    UploaderMgr::instance().GetUploader("job", uploader);
-    EXPECT_EQ(uploader, nullptr);
+    message::JobContext context;
+    context.dev_id = "7";
+    context.job_id = "job";
+    const auto finish = std::make_shared<proto::DataChannelFinish>();
+    finish->mutable_hdr()->set_job_ctx(context.ToString());
+    EXPECT_THAT(host->Got(), ElementsAre("last data", message::EncodeMessage(finish)));
+    EXPECT_EQ(UploaderMgr::instance().UploadData("job", "data", 4), -1) << "let go";
 }
 
 TEST_F(CollectEngineTest, AHostThatDoesNotReadCannotHoldUpAStop) {
     constexpr milliseconds kLimit{20};
     ScriptedEngine own;
     ASSERT_EQ(own.Open("job") + own.Start(), 0);
-    // Begins to read again after three times the limit, or never.
-    const auto slow = std::make_shared<PacedHost>(3 * kLimit);
-    const auto silent = std::make_shared<PacedHost>(std::chrono::hours(1));
     const auto use = [&](const std::shared_ptr<PacedHost>& host) {
         const auto uploader = std::make_shared<Uploader>(host, kLimit);
         EXPECT_EQ(uploader->Init(1) + uploader->Start(), 0);
         UploaderMgr::instance().AddUploader("job", uploader);
         return uploader;
     };
+    const auto slow = std::make_shared<PacedHost>(3 * kLimit);
     const auto patient = use(slow);
     EXPECT_EQ(own.engine.Stop(own.status) + own.Start(), 0);
     EXPECT_EQ(patient->UploadData("late", 4), 0);
     EXPECT_TRUE(orla::test::WaitFor([&] { return !slow->Got().empty(); })) << "it only pauses";
-    EXPECT_EQ(patient->Stop(true), 0);
 
-    use(silent);
+    use(std::make_shared<PacedHost>(std::chrono::hours(1)));
     own.jobs[30]->onUninit = [] {  // one in the host's hands, one queued, one that has to wait
         while (UploaderMgr::instance().UploadData("job", "data", 4) == 0) {
         }

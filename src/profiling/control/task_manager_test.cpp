@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <functional>
 #include <future>
 #include <thread>
 
@@ -19,24 +18,9 @@ namespace {
 using Analysis::Nedra::TaskHandle::TaskRelationshipMgr;
 using orla::test::PacedHost;
 using orla::test::WorkDirs;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using Status = message::StatusInfo;
 using transport::UploaderMgr;
-
-constexpr char kNotStarted[] = "Profiling is not started on device";
-
-std::shared_ptr<proto::JobStartReq> JobStart(const std::string& config) {
-    const auto message = std::make_shared<proto::JobStartReq>();
-    message->set_sampleconfig(config);
-    return message;
-}
-
-std::shared_ptr<proto::JobStartReq> SampleSystem(const std::string& jobId) {
-    return JobStart(R"({"job_id": ")" + jobId +
-                    R"(", "sys_profiling": "on", "sys_sampling_interval": 100})");
-}
+using Events = std::shared_ptr<proto::ReplayStartReq>;
+using Task = std::shared_ptr<IJobCallback>;
 
 bool IsStarted(const std::string& jobId) {
     return WorkDirs().count(jobId) != 0;
@@ -49,139 +33,106 @@ struct TaskTest : orla::device_test::DeviceTest {
     }
     ~TaskTest() override {
         manager.Uninit();
-        EXPECT_THAT(WorkDirs(), IsEmpty());
+        EXPECT_THAT(WorkDirs(), testing::IsEmpty());
     }
-    std::shared_ptr<IJobCallback> Create(const std::string& key, int hostId = 0) {
+    Task Create(const std::string& key, int hostId = 0) {
         return manager.CreateTask(hostId, key, host);
     }
     // A task whose job of the same name has started.
-    std::shared_ptr<IJobCallback> Begin(const std::string& key) {
-        const auto task = Create(key);
-        Status status;
-        EXPECT_EQ(task->OnJobStart(SampleSystem(key), status), 0);
-        EXPECT_EQ(status.status, 0);
+    Task Begin(const std::string& key) {
+        const Task task = Create(key);
+        EXPECT_EQ(JobStart(task, R"({"job_id": ")" + key + R"("})"), "done, started");
         return task;
+    }
+
+    // What the host would hear, and what the job "job" does afterwards.
+    template <typename Operation>
+    std::string Told(Operation operation) {
+        message::StatusInfo status;
+        const bool succeeds = operation(status) == 0;
+        EXPECT_EQ(status.status == 0, succeeds);
+        return (succeeds ? "done, " : "refused, ") +
+               std::string(WorkDirs().empty() ? "idle" : "started") +
+               (status.info.empty() ? "" : ": " + status.info);
+    }
+    std::string JobStart(const Task& task, const std::string& config) {
+        const auto message = std::make_shared<proto::JobStartReq>();
+        message->set_sampleconfig(config);
+        return Told([&](auto& status) { return task->OnJobStart(message, status); });
+    }
+    std::string JobEnd(const Task& task) {
+        return Told([&](auto& status) { return task->OnJobEnd(status); });
+    }
+    std::string Start(const Task& task, const Events& events) {
+        return Told([&](auto& status) { return task->Start(events, status); });
+    }
+    std::string End(const Task& task, const std::shared_ptr<proto::ReplayStopReq>& message) {
+        return Told([&](auto& status) { return task->End(message, status); });
     }
 
     TaskManager& manager = TaskManager::instance();
     std::shared_ptr<PacedHost> host = std::make_shared<PacedHost>();
 };
 
-// ---- One job
-// -------------------------------------------------------------------------------------
-
-struct ProfJobHandlerTest : TaskTest {
-    std::shared_ptr<proto::ReplayStartReq> replay = std::make_shared<proto::ReplayStartReq>();
-    std::shared_ptr<proto::ReplayStopReq> replayEnd = std::make_shared<proto::ReplayStopReq>();
-};
-
-TEST_F(ProfJobHandlerTest, GoesThroughItsStates) {
-    const auto task = Create("job");
-    const auto jobStart = [&](Status& status) {
-        return task->OnJobStart(SampleSystem("job"), status);
-    };
-    const auto badStart = [&](Status& status) { return task->OnJobStart(JobStart("{"), status); };
-    const auto noStart = [&](Status& status) { return task->OnJobStart(nullptr, status); };
-    const auto jobEnd = [&](Status& status) { return task->OnJobEnd(status); };
-    const auto start = [&](Status& status) { return task->Start(replay, status); };
-    const auto startNothing = [&](Status& status) { return task->Start(nullptr, status); };
-    const auto end = [&](Status& status) { return task->End(replayEnd, status); };
-    const auto endNothing = [&](Status& status) { return task->End(nullptr, status); };
-    struct Row {
-        const char* event;
-        std::function<int(Status&)> run;
-        bool succeeds;
-        std::string info;
-        bool startedAfter;
-    };
-    const Row rows[] = {
-        {"replay start, idle", start, false, kNotStarted, false},
-        {"replay stop, idle", end, false, kNotStarted, false},
-        {"replay stop without a message, idle", endNothing, false, "StopReq message is nullptr",
-         false},
-        {"job stop, idle", jobEnd, false, kNotStarted, false},
-        {"job start without a message", noStart, false, "", false},
-        {"job start that fails", badStart, false, "invalid sample configuration", false},
-        {"job start", jobStart, true, "", true},
-        {"job start, started", jobStart, false, "Profiling is already running on device", true},
-        {"replay stop", end, true, "", true},
-        {"replay stop again", end, true, "", true},
-        {"job stop in a replay", jobEnd, true, "", false},
-        {"job stop again", jobEnd, false, kNotStarted, false},
-        {"new job start", jobStart, true, "", true},
-        {"replay start without a message", startNothing, false,
-         "[Start] pmu event size is not valid!", false},
-        {"job start after that", jobStart, true, "", true},
-        {"replay stop without a message", endNothing, false, "StopReq message is nullptr", false},
-        {"the last job start", jobStart, true, "", true},
-        {"a replay start that runs nothing new", start, false, "", false},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.event);
-        Status status;
-        EXPECT_EQ(row.run(status) == 0, row.succeeds);
-        EXPECT_EQ(status.status, row.succeeds ? 0 : 1);
-        EXPECT_EQ(status.info, row.info);
-        EXPECT_EQ(IsStarted("job"), row.startedAfter);
-    }
-    EXPECT_EQ(task->OnConnectionReset(), 0) << "idle";
+TEST_F(TaskTest, AJobGoesThroughItsStates) {
+    constexpr char kNotStarted[] = "refused, idle: Profiling is not started on device";
+    constexpr char kNoStop[] = "refused, idle: StopReq message is nullptr";
+    const std::string config = R"({"job_id": "job"})";
+    const auto events = std::make_shared<proto::ReplayStartReq>();
+    const auto stop = std::make_shared<proto::ReplayStopReq>();
+    const Task task = Create("job");
+    EXPECT_EQ(Start(task, events), kNotStarted);
+    EXPECT_EQ(End(task, stop), kNotStarted);
+    EXPECT_EQ(End(task, nullptr), kNoStop);
+    EXPECT_EQ(JobEnd(task), kNotStarted);
+    EXPECT_EQ(JobStart(task, "{"), "refused, idle: invalid sample configuration");
+    EXPECT_EQ(JobStart(task, config), "done, started");
+    EXPECT_EQ(JobStart(task, config), "refused, started: Profiling is already running on device");
+    EXPECT_EQ(End(task, stop), "done, started");
+    EXPECT_EQ(JobEnd(task), "done, idle");
+    EXPECT_EQ(JobEnd(task), kNotStarted);
+    EXPECT_EQ(JobStart(task, config), "done, started");
+    EXPECT_EQ(End(task, nullptr), kNoStop);
+    EXPECT_EQ(JobStart(task, config), "done, started");
+    EXPECT_EQ(Start(task, nullptr), "refused, idle: [Start] pmu event size is not valid!");
+    EXPECT_EQ(JobStart(task, config), "done, started");
+    EXPECT_EQ(Start(task, events), "refused, idle") << "no job ran";
+    EXPECT_EQ(task->OnConnectionReset(), 0);
 }
 
-TEST_F(ProfJobHandlerTest, CountsTheEventsOfFourLists) {
+TEST_F(TaskTest, NoneOfFourListsMayHaveNineEvents) {
     using Request = proto::ReplayStartReq;
-    struct Row {
-        const char* name;
-        void (*add)(Request& request);
-        const char* infoOfEight;  // what stops eight of them is another check, or that no job runs
-    };
-    constexpr char kBadEvents[] = "[CollectStart] pmu event is not valid.";
-    for (const Row& row :
-         {Row{"ctrl_cpu_events", [](Request& list) { list.add_ctrl_cpu_events("?"); }, kBadEvents},
-          Row{"ts_cpu_events", [](Request& list) { list.add_ts_cpu_events("?"); }, ""},
-          Row{"ai_cpu_events", [](Request& list) { list.add_ai_cpu_events("?"); }, ""},
-          Row{"llc_events", [](Request& list) { list.add_llc_events("?"); }, kBadEvents}}) {
-        SCOPED_TRACE(row.name);
+    constexpr void (*kAdd[])(Request&) = {[](Request& list) { list.add_ctrl_cpu_events("?"); },
+                                          [](Request& list) { list.add_ts_cpu_events("?"); },
+                                          [](Request& list) { list.add_ai_cpu_events("?"); },
+                                          [](Request& list) { list.add_llc_events("?"); }};
+    constexpr char kTooMany[] = "refused, idle: [Start] pmu event size is not valid!";
+    for (const auto add : kAdd) {
         const auto request = std::make_shared<Request>();
-        const auto task = Create("job");
-        const auto info = [&](int toAdd) {
-            for (int i = 0; i < toAdd; ++i) {
-                row.add(*request);
-            }
-            Status status;
-            EXPECT_EQ(task->OnJobStart(JobStart(R"({"job_id": "job"})"), status), 0);
-            EXPECT_EQ(task->Start(request, status), -1);
-            EXPECT_FALSE(IsStarted("job")) << "the job ends before the host hears of it";
-            return status.info;
-        };
-        EXPECT_EQ(info(8), row.infoOfEight);
-        EXPECT_EQ(info(1), "[Start] pmu event size is not valid!");
-        EXPECT_THAT(log.Take("E"),
-                    Contains("E " + std::string(row.name) + "_size(9) is not valid!"));
+        for (int i = 0; i < 8; ++i) {
+            add(*request);
+        }
+        EXPECT_NE(Start(Begin("job"), request), kTooMany);
+        EXPECT_TRUE(manager.DeleteTask("job"));
+        add(*request);
+        EXPECT_EQ(Start(Begin("job"), request), kTooMany);
         EXPECT_TRUE(manager.DeleteTask("job"));
     }
 }
 
-// ---- The table of tasks
-// --------------------------------------------------------------------------
-
 TEST_F(TaskTest, AKeyHasOneTaskOnTheDeviceThatItsHostMeans) {
     TaskRelationshipMgr::instance().AddHostIdDevIdRelation(5, 3);
     TaskRelationshipMgr::instance().AddHostIdDevIdRelation(5, 2);
-    EXPECT_EQ(Create("a_5", 5)->GetDevId(), 2);
     EXPECT_EQ(Create("a_9", 9)->GetDevId(), 9) << "nobody told";
+    EXPECT_EQ(Create("a_5", 5)->GetDevId(), 2);
     EXPECT_EQ(Create("a_5", 9), nullptr);
     EXPECT_EQ(manager.GetTask("a_5")->GetDevId(), 2);
-    EXPECT_EQ(manager.CreateTask(0, "b", nullptr), nullptr);
     EXPECT_TRUE(manager.DeleteTask("a_5"));
     EXPECT_FALSE(manager.DeleteTask("a_5"));
-    EXPECT_EQ(manager.GetTask("a_5"), nullptr);
+    EXPECT_EQ(manager.CreateTask(0, "b", nullptr), nullptr);
     manager.Uninit();
-    log.Take();
     EXPECT_EQ(Create("c"), nullptr);
     EXPECT_EQ(manager.GetTask("a_9"), nullptr);
-    EXPECT_FALSE(manager.DeleteTask("a_9"));
-    EXPECT_THAT(log.Take(), testing::AllOf(testing::SizeIs(3),
-                                           testing::Each("E TaskManager is not inited yet")));
 }
 
 TEST_F(TaskTest, OneOfManySimultaneousCreationsWins) {
@@ -205,37 +156,30 @@ TEST_F(TaskTest, OneOfManySimultaneousCreationsWins) {
 }
 
 TEST_F(TaskTest, AResetEndsTheJobsOfItsSessionOnly) {
-    const auto mine = Begin("mine");
+    const Task mine = Begin("mine");
     Create("idle");
     host = std::make_shared<PacedHost>();
-    const auto other = Begin("other");
+    const Task other = Begin("other");
     manager.ConnectionReset(nullptr);
-    manager.ConnectionReset(std::make_shared<PacedHost>());
-    EXPECT_EQ(WorkDirs().size(), 3u);
     manager.ConnectionReset(host);
     EXPECT_FALSE(IsStarted("other"));
     EXPECT_TRUE(IsStarted("mine"));
     EXPECT_EQ(manager.GetTask("other"), nullptr);
     EXPECT_EQ(manager.GetTask("mine"), mine);
-    Status status;
-    EXPECT_EQ(other->Start(std::make_shared<proto::ReplayStartReq>(), status), -1);
-    EXPECT_EQ(status.info, "[Start] Start Engine is null!");
+    EXPECT_EQ(Start(other, nullptr), "refused, started: [Start] pmu event size is not valid!");
     manager.Uninit();
     EXPECT_FALSE(IsStarted("mine"));
 }
 
 TEST_F(TaskTest, AResetInTheMiddleOfAStopWaitsForItAndFindsNothingToDo) {
     const auto slow = std::make_shared<PacedHost>(std::chrono::milliseconds(50));
-    const auto task = Begin("job");
+    const Task task = Begin("job");
     ASSERT_EQ(UploaderMgr::instance().CreateUploader("job", slow, 512), 0);
     ASSERT_EQ(UploaderMgr::instance().UploadData("job", "data", 4), 0);
-    auto stop = std::async(std::launch::async, [&] {
-        Status status;
-        return task->OnJobEnd(status);
-    });
+    auto stop = std::async(std::launch::async, [&] { return JobEnd(task); });
     EXPECT_TRUE(orla::test::WaitFor([] { return !IsStarted("job"); }));  // it waits for the host
     manager.ConnectionReset(host);
-    EXPECT_EQ(stop.get(), 0);
+    EXPECT_EQ(stop.get(), "done, idle");
     EXPECT_EQ(slow->Got().size(), 2u) << "one finish message";
     EXPECT_EQ(manager.GetTask("job"), nullptr);
 }
