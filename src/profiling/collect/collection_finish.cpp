@@ -30,6 +30,7 @@ int FinishCollection(int devIdOnHost, const std::string& jobId) {
     uploaders.GetUploader(jobId, uploader);
     if (uploader != nullptr) {
         PROF_LOGI("Release device(%d) uploader.", devIdOnHost);
+        uploader->BoundStall(true);  // it may have come after the engine's own
         const std::string finish = EncodeFinish(devIdOnHost, jobId);
         const int ret = uploader->UploadData(finish.data(), static_cast<int>(finish.size()));
         if (ret != 0) {

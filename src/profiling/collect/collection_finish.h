@@ -11,8 +11,8 @@ namespace analysis::nedra::device {
 // the device. 0, also when the job has no uploader; else what the upload answered, and the
 // uploader stays registered.
 //
-// Waits as long as the host takes to read: the caller bounds that beforehand
-// (UploaderMgr::BoundStall). Any thread, without a lock that the uploader's thread may want.
+// The host may hold one message up for the stall limit of the uploader and no longer. Any thread,
+// without a lock that the uploader's thread may want.
 [[nodiscard]] int FinishCollection(int devIdOnHost, const std::string& jobId);
 
 }  // namespace analysis::nedra::device
