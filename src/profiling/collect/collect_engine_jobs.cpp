@@ -6,6 +6,7 @@
 #include "profiling/collect/collect_engine.h"
 #include "profiling/collect/prof_ctrlcpu_job.h"
 #include "profiling/collect/prof_llc_job.h"
+#include "profiling/collect/prof_sys_info.h"
 #include "profiling/config/make_shared.h"
 #include "profiling/config/param_validation.h"
 #include "profiling/config/profile_params.h"
@@ -29,6 +30,9 @@ std::shared_ptr<ICollectionJob> Make() {
 // In the order in which the jobs are made.
 constexpr JobKind kJobKinds[] = {
     {CTRLCPU_PERF_COLLECTION_JOB, Make<ProfCtrlcpuJob>},
+    {SYSSTAT_PROC_COLLECTION_JOB, Make<ProfSysStatJob>},
+    {SYSMEM_PROC_COLLECTION_JOB, Make<ProfSysMemJob>},
+    {ALLPID_PROC_COLLECTION_JOB, Make<ProfAllPidsJob>},
     {LLC_DRV_COLLECTION_JOB, Make<ProfLlcJob>},
 };
 

@@ -1,0 +1,275 @@
+#include "profiling/collect/proc_handlers.h"
+
+#include <dirent.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+#include "hdc/log_side.h"
+#include "profiling/config/make_shared.h"
+#include "profiling/config/utils.h"
+
+namespace Analysis::Nedra::JobWrapper {
+
+using analysis::nedra::common::MakeShared;
+using analysis::nedra::common::utils::Utils;
+
+namespace {
+
+constexpr int64_t kMaxProcFile = 0x20000000;
+constexpr int64_t kMaxCommFile = 0x200000;
+constexpr uint64_t kPidBufSize = 4096;
+constexpr size_t kUsualPids = 128;
+constexpr char kUnreadName[] = "self";
+
+void AppendLower(std::string_view line, std::string* out) {
+    for (const char c : line) {
+        out->push_back(c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c);
+    }
+}
+
+// Appends the line in lower case, with an end, if it holds "cpu".
+bool AppendCpuLine(std::string_view line, std::string* out) {
+    const size_t before = out->size();
+    AppendLower(line, out);
+    if (out->find("cpu", before) == std::string::npos) {
+        out->resize(before);
+        return false;
+    }
+    out->push_back('\n');
+    return true;
+}
+
+SampleSpec WithPid(SampleSpec spec, uint32_t pid) {
+    spec.fileName = std::to_string(pid) + "-" + spec.fileName;
+    return spec;
+}
+
+void AppendName(const std::string& name, std::string* out) {
+    out->append("ProcessName:").append(name).append("\n");
+}
+
+}  // namespace
+
+// ---- The system ---------------------------------------------------------------------------------
+
+void ProcStatFileHandler::ParseProcFile(std::string_view text, std::string& data) {
+    std::string_view line;
+    while (TakeLine(&text, &line) && AppendCpuLine(line, &data)) {
+    }
+}
+
+void ProcMemFileHandler::ParseProcFile(std::string_view text, std::string& data) {
+    AppendLines(text, &data);
+}
+
+// ---- One process --------------------------------------------------------------------------------
+
+ProcTick::ProcTick(const std::string& procRoot) : stat_(procRoot + "/stat", kMaxProcFile) {}
+
+const std::string& ProcTick::CpuLine() {
+    if (isCpuRead_) {
+        return cpuLine_;
+    }
+    isCpuRead_ = true;
+    cpuLine_.clear();
+    std::string_view text;
+    if (stat_.Read(&buffer_, &text) != ProcFile::Outcome::kRead) {
+        PROF_LOGW("Open file %s failed", Utils::BaseName(stat_.path()).c_str());
+        return cpuLine_;
+    }
+    std::string_view line;
+    while (TakeLine(&text, &line) && !AppendCpuLine(line, &cpuLine_)) {
+    }
+    return cpuLine_;
+}
+
+ProcName::ProcName(const std::string& pidDir) : comm_(pidDir + "/comm", kMaxCommFile) {}
+
+const std::string& ProcName::Read() {
+    thread_local std::vector<char> buffer;  // the source's text is still in use
+    std::string_view text;
+    std::string_view line;
+    name_ = kUnreadName;
+    switch (comm_.Read(&buffer, &text)) {
+        case ProcFile::Outcome::kBadSize:
+            PROF_LOGW("proc comm file size is invalid");
+            break;
+        case ProcFile::Outcome::kFailed:
+            PROF_LOGW("Open file %s failed", Utils::BaseName(comm_.path()).c_str());
+            break;
+        case ProcFile::Outcome::kRead:
+            if (TakeLine(&text, &line)) {
+                name_ = line;
+            }
+            break;
+    }
+    isFresh_ = true;
+    return name_;
+}
+
+const std::string& ProcName::Share() {
+    if (!isFresh_) {
+        static_cast<void>(Read());
+    }
+    isFresh_ = false;
+    return name_;
+}
+
+ProcPidMemFileHandler::ProcPidMemFileHandler(SampleSpec spec, SampleRoad road, uint32_t pid,
+                                             std::shared_ptr<ProcName> name)
+    : ProcTimerHandler(WithPid(std::move(spec), pid), std::move(road)), name_(std::move(name)) {}
+
+void ProcPidMemFileHandler::ParseProcFile(std::string_view text, std::string& data) {
+    AppendLines(text, &data);
+    if (!data.empty()) {
+        AppendName(name_->Read(), &data);
+    }
+}
+
+ProcPidStatFileHandler::ProcPidStatFileHandler(SampleSpec spec, SampleRoad road, uint32_t pid,
+                                               std::shared_ptr<ProcName> name,
+                                               std::shared_ptr<ProcTick> tick)
+    : ProcTimerHandler(WithPid(std::move(spec), pid), std::move(road)),
+      name_(std::move(name)),
+      tick_(std::move(tick)) {}
+
+void ProcPidStatFileHandler::ParseProcFile(std::string_view text, std::string& data) {
+    AppendLines(text, &data);
+    if (data.empty()) {
+        return;
+    }
+    AppendName(name_->Share(), &data);
+    data.append(tick_->CpuLine());
+}
+
+// ---- All processes ------------------------------------------------------------------------------
+
+ProcAllPidsFileHandler::ProcAllPidsFileHandler(uint32_t tag, uint32_t devId,
+                                               uint64_t sampleIntervalNs, SampleRoad road,
+                                               const std::string& procRoot)
+    : TimerHandler(tag),
+      devId_(devId),
+      sampleIntervalNs_(sampleIntervalNs),
+      road_(std::move(road)),
+      procRoot_(procRoot),
+      tick_(std::make_shared<ProcTick>(procRoot)) {}
+
+ProcAllPidsFileHandler::~ProcAllPidsFileHandler() {
+    ProcAllPidsFileHandler::Uninit();
+}
+
+int ProcAllPidsFileHandler::Init() {
+    PROF_LOGI("ProcAllPidsFileHandler Init");
+    GetCurPids(prevPids_);
+    HandleNewPids(prevPids_);
+    return 0;
+}
+
+void ProcAllPidsFileHandler::GetCurPids(Pids& pids) const {
+    pids.clear();
+    pids.reserve(kUsualPids);
+    DIR* const directory = opendir(procRoot_.c_str());
+    if (directory == nullptr) {
+        return;
+    }
+    while (const dirent* entry = readdir(directory)) {
+        if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) {
+            continue;
+        }
+        const auto pid = static_cast<uint32_t>(std::strtoul(entry->d_name, nullptr, 0));
+        if (pid != 0) {
+            pids.push_back(pid);
+        }
+    }
+    closedir(directory);
+    std::sort(pids.begin(), pids.end());
+}
+
+bool ProcAllPidsFileHandler::MakeHandlers(uint32_t pid, ProcPidFileHandler* handlers) const {
+    const std::string pidDir = procRoot_ + "/" + std::to_string(pid);
+    const auto name = MakeShared<ProcName>(pidDir);
+    SampleSpec spec{GetTag(),          devId_,       kPidBufSize, sampleIntervalNs_,
+                    pidDir + "/statm", "Memory.data"};
+    handlers->memHandler = MakeShared<ProcPidMemFileHandler>(spec, road_, pid, name);
+    spec.srcFileName = pidDir + "/stat";
+    spec.fileName = "CpuUsage.data";
+    handlers->statHandler = MakeShared<ProcPidStatFileHandler>(spec, road_, pid, name, tick_);
+    return name != nullptr && handlers->memHandler != nullptr && handlers->statHandler != nullptr &&
+           handlers->memHandler->Init() == 0 && handlers->statHandler->Init() == 0;
+}
+
+void ProcAllPidsFileHandler::HandleNewPids(const Pids& pids) {
+    for (const uint32_t pid : pids) {
+        ProcPidFileHandler handlers;
+        if (MakeHandlers(pid, &handlers)) {
+            pidsMap_[pid] = std::move(handlers);
+        }
+    }
+}
+
+void ProcAllPidsFileHandler::HandleExitPids(const Pids& pids) {
+    for (const uint32_t pid : pids) {
+        const auto found = pidsMap_.find(pid);
+        if (found != pidsMap_.end()) {
+            found->second.memHandler->Uninit();
+            found->second.statHandler->Uninit();
+            pidsMap_.erase(found);
+        }
+    }
+}
+
+void ProcAllPidsFileHandler::ComparePids(const Pids& current, Pids& newPids, Pids& exitPids) const {
+    auto before = prevPids_.begin();
+    auto now = current.begin();
+    while (before != prevPids_.end() && now != current.end()) {
+        if (*before < *now) {
+            PROF_LOGI("exit Pid %d", static_cast<int>(*before));
+            exitPids.push_back(*before++);
+        } else if (*now < *before) {
+            PROF_LOGI("New Pid %d", static_cast<int>(*now));
+            newPids.push_back(*now++);
+        } else {
+            ++before;
+            ++now;
+        }
+    }
+    exitPids.insert(exitPids.end(), before, prevPids_.end());
+    newPids.insert(newPids.end(), now, current.end());
+}
+
+int ProcAllPidsFileHandler::Execute() {
+    const uint64_t now = SampleClockNs();
+    if (prevTimeStamp_ != 0 && now - prevTimeStamp_ < sampleIntervalNs_) {
+        return 0;
+    }
+    prevTimeStamp_ = now;
+    Pids current;
+    Pids newPids;
+    Pids exitPids;
+    GetCurPids(current);
+    ComparePids(current, newPids, exitPids);
+    HandleExitPids(exitPids);
+    HandleNewPids(newPids);
+    prevPids_.swap(current);
+    tick_->Begin();
+    for (const auto& [pid, handlers] : pidsMap_) {
+        handlers.memHandler->ExecuteAt(now);
+        handlers.statHandler->ExecuteAt(now);
+    }
+    return 0;
+}
+
+int ProcAllPidsFileHandler::Uninit() {
+    for (const auto& [pid, handlers] : pidsMap_) {
+        handlers.memHandler->Uninit();
+        handlers.statHandler->Uninit();
+    }
+    road_.upLoader.reset();
+    pidsMap_.clear();
+    prevPids_.clear();
+    return 0;
+}
+
+}  // namespace Analysis::Nedra::JobWrapper

@@ -1,0 +1,156 @@
+#include "profiling/collect/prof_timer.h"
+
+#include <portability.h>
+
+#include <exception>
+
+#include "hdc/log_side.h"
+#include "profiling/config/make_shared.h"
+
+namespace Analysis::Nedra::JobWrapper {
+
+using analysis::nedra::common::MakeShared;
+using analysis::nedra::common::thread::Thread;
+using analysis::nedra::common::thread::TraceletErrorContext;
+using TraceletErrMgr::TraceletErrorManager;
+
+namespace {
+
+constexpr uint64_t kTickUsec = 1000;
+constexpr uint64_t kUsecPerMs = 1000;
+constexpr char kThreadName[] = "TLET_ProfTimer";
+
+}  // namespace
+
+// ---- The timer ----------------------------------------------------------------------------------
+
+ProfTimer::~ProfTimer() {
+    static_cast<void>(ProfTimer::Stop());
+}
+
+void ProfTimer::RegisterTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& handler) {
+    PROF_LOGI("ProfTimer RegisterTimerHandler tag %u", tag);
+    const std::lock_guard<std::mutex> lock(handlerMtx_);
+    handlerMap_[tag] = handler;
+}
+
+void ProfTimer::RemoveTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& own) {
+    PROF_LOGI("ProfTimer RemoveTimerHandler tag %u begin", tag);
+    const std::lock_guard<std::mutex> lock(handlerMtx_);
+    const auto handler = handlerMap_.find(tag);
+    if (handler == handlerMap_.end() || (own != nullptr && handler->second != own)) {
+        return;
+    }
+    handler->second->Uninit();
+    handlerMap_.erase(handler);
+    PROF_LOGI("ProfTimer RemoveTimerHandler tag %u succ", tag);
+}
+
+int ProfTimer::Start() {
+    PROF_LOGI("Start ProfTimer begin");
+    {
+        const std::lock_guard<std::mutex> lock(handlerMtx_);
+        if (isStarted_) {
+            PROF_LOGE("ProfTimer is running");
+            return -1;
+        }
+        isStarted_ = true;
+        SetThreadName(kThreadName);
+        if (Thread::Start() != 0) {
+            isStarted_ = false;
+            return -1;
+        }
+        PROF_LOGI("Start ProfTimer succ");
+    }
+    PROF_LOGI("Start ProfTimer end");
+    return 0;
+}
+
+int ProfTimer::Stop() {
+    PROF_LOGI("Stop ProfTimer begin");
+    if (isStarted_.exchange(false)) {
+        static_cast<void>(Thread::Stop());
+        const std::lock_guard<std::mutex> lock(handlerMtx_);
+        for (const auto& [tag, handler] : handlerMap_) {
+            handler->Uninit();
+        }
+        handlerMap_.clear();
+        PROF_LOGI("Stop ProfTimer succ");
+    }
+    PROF_LOGI("Stop ProfTimer end");
+    return 0;
+}
+
+void ProfTimer::Run(const TraceletErrorContext& context) {
+    TraceletErrorManager::instance().SetErrorContext(context);
+    const auto tickMs = static_cast<uint32_t>(timerParam_->intervalUsec / kUsecPerMs);
+    do {
+        ExecuteAll();
+        mmSleep(tickMs);
+    } while (isStarted_);
+}
+
+void ProfTimer::ExecuteAll() {
+    const std::lock_guard<std::mutex> lock(handlerMtx_);
+    for (const auto& [tag, handler] : handlerMap_) {
+        try {
+            handler->Execute();
+        } catch (const std::exception& e) {  // out of memory: the next sample may fare better
+            PROF_LOGE("Timer handler %u lost a sample, message: %s", tag, e.what());
+        }
+    }
+}
+
+// ---- Its users ----------------------------------------------------------------------------------
+
+bool TimerManager::StartProfTimer() {
+    const std::lock_guard<std::mutex> lock(mtx_);
+    if (refCount_ == 0) {
+        const auto param = MakeShared<TimerParam>(TimerParam{kTickUsec});
+        auto timer = param == nullptr ? nullptr : MakeShared<ProfTimer>(param);
+        if (timer == nullptr) {
+            return false;
+        }
+        if (timer->Start() != 0) {
+            PROF_LOGE("StartProfTimer failed");
+            return false;
+        }
+        profTimer_ = std::move(timer);
+        PROF_LOGI("StartProfTimer end");
+    }
+    ++refCount_;
+    return true;
+}
+
+void TimerManager::StopProfTimer() {
+    const std::lock_guard<std::mutex> lock(mtx_);
+    if (refCount_ == 0) {
+        return;
+    }
+    --refCount_;
+    if (profTimer_ != nullptr && refCount_ == 0) {
+        PROF_LOGI("StopProfTimer begin");
+        if (profTimer_->Stop() != 0) {
+            PROF_LOGE("StopProfTimer failed");
+        }
+        profTimer_.reset();
+        PROF_LOGI("StopProfTimer end");
+    }
+}
+
+void TimerManager::RegisterTimerHandler(uint32_t tag,
+                                        const std::shared_ptr<TimerHandler>& handler) {
+    const std::lock_guard<std::mutex> lock(mtx_);
+    if (profTimer_ != nullptr && handler != nullptr) {
+        profTimer_->RegisterTimerHandler(tag, handler);
+    }
+}
+
+void TimerManager::RemoveTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& own) {
+    const std::lock_guard<std::mutex> lock(mtx_);
+    if (profTimer_ != nullptr) {
+        profTimer_->RemoveTimerHandler(tag, own);
+    }
+}
+
+}  // namespace Analysis::Nedra::JobWrapper

@@ -1,0 +1,220 @@
+#include "profiling/collect/timer_handler.h"
+
+#include <portability.h>
+
+#include <charconv>
+#include <cstring>
+#include <utility>
+
+#include "hdc/log_side.h"
+#include "profiling/config/utils.h"
+#include "profiling/datapath/file_chunk.h"
+
+namespace Analysis::Nedra::JobWrapper {
+
+using analysis::nedra::common::utils::Utils;
+using analysis::nedra::transport::EncodeFileChunk;
+using analysis::nedra::transport::MessageBuffer;
+
+namespace {
+
+constexpr int64_t kMaxProcFile = 0x20000000;
+constexpr size_t kRecordHead = 100;  // bytes at most, with the last line feed
+constexpr uint32_t kDeviceData = 3;  // DataModule of a chunk
+constexpr uint32_t kHostData = 5;
+
+// What a sample passes through, used again by the next one on the same thread.
+struct Scratch {
+    std::vector<char> file;
+    std::string data;
+    std::string packet;
+};
+
+Scratch& ThreadScratch() {
+    thread_local Scratch scratch;
+    return scratch;
+}
+
+void AppendNumber(const char* name, uint64_t number, std::string* out) {
+    char digits[20];
+    const auto end = std::to_chars(digits, digits + sizeof(digits), number);
+    out->append(name).append(digits, end.ptr);
+}
+
+uint32_t DataModule(uint32_t tag) {
+    return tag >= PROF_HOST_PROC_CPU && tag <= PROF_HOST_SYS_NETWORK ? kHostData : kDeviceData;
+}
+
+}  // namespace
+
+uint64_t SampleClockNs() {
+    const mmTimespec now = mmGetTickCount();
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+void AppendLines(std::string_view text, std::string* out) {
+    out->append(text);
+    if (!text.empty() && text.back() != '\n') {
+        out->push_back('\n');
+    }
+}
+
+bool TakeLine(std::string_view* text, std::string_view* line) {
+    if (text->empty()) {
+        return false;
+    }
+    const size_t end = std::min(text->find('\n'), text->size());
+    *line = text->substr(0, end);
+    text->remove_prefix(std::min(end + 1, text->size()));
+    return true;
+}
+
+ProcTimerHandler::ProcTimerHandler(const SampleSpec& spec, SampleRoad road)
+    : TimerHandler(spec.tag),
+      buf_(spec.bufSize),
+      source_(spec.srcFileName, kMaxProcFile),
+      sampleIntervalNs_(spec.sampleIntervalNs),
+      retFileName_("data/" + spec.fileName),
+      road_(std::move(road)) {}
+
+ProcTimerHandler::~ProcTimerHandler() {
+    ProcTimerHandler::Uninit();
+}
+
+int ProcTimerHandler::Init() {
+    if (isInited_) {
+        PROF_LOGE("The Handler is inited");
+        return -1;
+    }
+    if (!buf_.Init()) {
+        PROF_LOGE("Buf init failed");
+        return -1;
+    }
+    prevTimeStamp_ = 0;
+    isInited_ = true;
+    return 0;
+}
+
+int ProcTimerHandler::Execute() {
+    return ExecuteAt(SampleClockNs());
+}
+
+int ProcTimerHandler::ExecuteAt(uint64_t now) {
+    if (!isInited_) {
+        PROF_LOGW("ProcTimerHandler is not inited: %s", Utils::BaseName(retFileName_).c_str());
+        return 0;
+    }
+    if (prevTimeStamp_ != 0 && now - prevTimeStamp_ < sampleIntervalNs_) {
+        return 0;
+    }
+    prevTimeStamp_ = now;
+    Scratch& scratch = ThreadScratch();
+    scratch.data.clear();
+    scratch.packet.clear();
+    if (source_.path().empty()) {
+        ParseProcFile({}, scratch.data);
+        StoreData(scratch.data);
+    } else {
+        if (!ReadSource(scratch.data)) {
+            return 0;
+        }
+        PacketData(scratch.packet, scratch.data);
+        StoreData(scratch.packet);
+    }
+    ++index_;
+    return 0;
+}
+
+bool ProcTimerHandler::ReadSource(std::string& data) {
+    std::string_view text;
+    switch (source_.Read(&ThreadScratch().file, &text)) {
+        case ProcFile::Outcome::kBadSize:
+            PROF_LOGW("[ProcTimerHandler] Proc file(%s) size(%lld)",
+                      Utils::BaseName(source_.path()).c_str(),
+                      static_cast<long long>(source_.size()));
+            return false;
+        case ProcFile::Outcome::kFailed:
+            PROF_LOGW("Open file %s failed", Utils::BaseName(source_.path()).c_str());
+            return false;
+        case ProcFile::Outcome::kRead:
+            break;
+    }
+    ParseProcFile(text, data);
+    return true;
+}
+
+void ProcTimerHandler::PacketData(std::string& packet, const std::string& data) const {
+    if (data.empty()) {
+        PROF_LOGW("data is empty, fileName:%s", Utils::BaseName(retFileName_).c_str());
+        return;
+    }
+    packet.reserve(data.size() + kRecordHead);
+    AppendNumber("TimeStamp:", prevTimeStamp_, &packet);
+    AppendNumber("\nIndex:", index_, &packet);
+    AppendNumber("\nDataLen:", data.size(), &packet);
+    packet.append("\n").append(data).append("\n");
+}
+
+void ProcTimerHandler::StoreData(const std::string& data) {
+    if (data.empty()) {
+        return;
+    }
+    if (buf_.GetFreeSize() < data.size() && buf_.GetUsedSize() != 0) {
+        PROF_LOGD("StoreData %d", static_cast<int>(buf_.GetUsedSize()));
+        SendBuffer();
+    }
+    if (buf_.GetFreeSize() < data.size()) {
+        SendData(data.data(), data.size());
+    } else if (buf_.GetBuffer() != nullptr) {
+        std::memcpy(buf_.GetBuffer() + buf_.GetUsedSize(), data.data(), data.size());
+        buf_.SetUsedSize(buf_.GetUsedSize() + data.size());
+    }
+    if (buf_.GetFreeSize() <= buf_.GetBufferSize() / 4 && buf_.GetUsedSize() != 0) {
+        SendBuffer();
+    }
+}
+
+void ProcTimerHandler::SendBuffer() {
+    SendData(buf_.GetBuffer(), buf_.GetUsedSize());
+    buf_.SetUsedSize(0);
+}
+
+void ProcTimerHandler::SendData(const char* data, uint64_t len) {
+    if (data == nullptr) {
+        PROF_LOGE("buf to be sent is nullptr");
+        return;
+    }
+    const std::string jobCtx = road_.jobCtx == nullptr ? std::string() : road_.jobCtx->ToString();
+    MessageBuffer message =
+        EncodeFileChunk({data, len}, {retFileName_, false, DataModule(GetTag())}, jobCtx);
+    if (road_.upLoader == nullptr) {
+        PROF_LOGE("[ProcTimerHandler::SendData] upLoader_ is null");
+        return;
+    }
+    if (message == nullptr || road_.upLoader->UploadData(std::move(message)) != 0) {
+        PROF_LOGE("[ProcTimerHandler::SendData] Upload Data Failed");
+    }
+}
+
+void ProcTimerHandler::FlushBuf() {
+    PROF_LOGI("FlushBuf %s, the total index :%lu", Utils::BaseName(retFileName_).c_str(),
+              static_cast<unsigned long>(index_));
+    PROF_LOGI("FlushBuf, isInited_:%d, bufUsedSize:%d", static_cast<int>(isInited_),
+              static_cast<int>(buf_.GetUsedSize()));
+    if (isInited_ && buf_.GetUsedSize() != 0) {
+        PROF_LOGI("FlushBuf running %d", static_cast<int>(buf_.GetUsedSize()));
+        SendBuffer();
+    }
+}
+
+int ProcTimerHandler::Uninit() {
+    if (isInited_) {
+        FlushBuf();
+        road_.upLoader.reset();
+        buf_.Uninit();
+        isInited_ = false;
+    }
+    return 0;
+}
+
+}  // namespace Analysis::Nedra::JobWrapper

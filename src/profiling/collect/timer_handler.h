@@ -1,0 +1,113 @@
+// What the timer calls, and the common part of the handlers that sample a file of /proc: when to
+// sample, how a sample becomes a record, and how records become chunks for the host.
+//
+// A record, one after the other in the host's file, with nothing between them:
+//
+//     TimeStamp:<ns>\nIndex:<number>\nDataLen:<bytes>\n<data>\n
+//
+// The text after the colon is decimal; Index counts the samples of the handler from 0; DataLen
+// counts the data alone. A chunk ends at the end of a record.
+//
+// A handler is made and inited on the thread of its engine, executed on the timer's thread and
+// uninited under the timer's lock; it needs none of its own.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "profiling/collect/proc_file.h"
+#include "profiling/config/job_records.h"
+#include "profiling/config/profile_params.h"
+#include "profiling/datapath/chunk.h"
+#include "profiling/datapath/uploader.h"
+
+namespace Analysis::Nedra::JobWrapper {
+
+enum TimerHandlerTag : uint32_t {
+    PROF_SYS_STAT = 0,
+    PROF_SYS_MEM = 1,
+    PROF_ALL_PID = 2,
+    PROF_HOST_PROC_CPU = 3,
+    PROF_HOST_PROC_MEM = 4,
+    PROF_HOST_SYS_NETWORK = 5,
+};
+
+class TimerHandler {
+public:
+    explicit TimerHandler(uint32_t tag) : tag_(tag) {}
+    virtual ~TimerHandler() = default;
+    // Called at each tick; does its work when it is due. Always 0.
+    virtual int Execute() = 0;
+    // 0 or -1.
+    [[nodiscard]] virtual int Init() = 0;
+    // Sends what is left. Always 0.
+    virtual int Uninit() = 0;
+    [[nodiscard]] uint32_t GetTag() const { return tag_; }
+
+private:
+    const uint32_t tag_;
+};
+
+// Where samples go, and for whom. `params` is what the host asked for.
+struct SampleRoad {
+    std::shared_ptr<analysis::nedra::message::ProfileParams> params;
+    std::shared_ptr<analysis::nedra::message::JobContext> jobCtx;
+    std::shared_ptr<analysis::nedra::transport::Uploader> upLoader;
+};
+
+struct SampleSpec {
+    uint32_t tag;
+    uint32_t devId;
+    uint64_t bufSize;  // bytes
+    uint64_t sampleIntervalNs;
+    std::string srcFileName;  // empty: the handler finds its sources itself
+    std::string fileName;     // of the data, below "data/"
+};
+
+// Nanoseconds of the clock that samples carry.
+[[nodiscard]] uint64_t SampleClockNs();
+// Appends `text` and ends its last line, if there is any.
+void AppendLines(std::string_view text, std::string* out);
+// Takes the first line off `text`, without its end. False when there is none.
+[[nodiscard]] bool TakeLine(std::string_view* text, std::string_view* line);
+
+class ProcTimerHandler : public TimerHandler {
+public:
+    ProcTimerHandler(const SampleSpec& spec, SampleRoad road);
+    ~ProcTimerHandler() override;
+
+    int Execute() override;
+    // The same for a caller that has read the clock: handlers that are called in a row sample at
+    // one time, and none falls short of its interval because its turn came a little earlier.
+    int ExecuteAt(uint64_t now);
+    [[nodiscard]] int Init() override;
+    int Uninit() override;
+
+protected:
+    // Appends to `data` what is to be kept of the source's text; nothing, when nothing is.
+    virtual void ParseProcFile(std::string_view text, std::string& data) = 0;
+    [[nodiscard]] const SampleRoad& road() const { return road_; }
+    // Now, when the sample is being taken.
+    [[nodiscard]] uint64_t prevTimeStamp() const { return prevTimeStamp_; }
+
+private:
+    bool ReadSource(std::string& data);
+    void PacketData(std::string& packet, const std::string& data) const;
+    void StoreData(const std::string& data);
+    void SendData(const char* data, uint64_t len);
+    void SendBuffer();
+    void FlushBuf();
+
+    analysis::nedra::common::memory::Chunk buf_;
+    ProcFile source_;  // with the empty path: none
+    bool isInited_ = false;
+    uint64_t prevTimeStamp_ = 0;  // ns, of the last sample; 0: none yet
+    const uint64_t sampleIntervalNs_;
+    uint64_t index_ = 0;  // samples so far
+    const std::string retFileName_;
+    SampleRoad road_;
+};
+
+}  // namespace Analysis::Nedra::JobWrapper
