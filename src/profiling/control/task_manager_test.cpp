@@ -7,6 +7,7 @@
 
 #include "profiling/collect/collect_test_support.h"
 #include "profiling/config/device_test_support.h"
+#include "profiling/config/platform.h"
 #include "profiling/control/task_relationship_mgr.h"
 #include "profiling/datapath/thread_test_support.h"
 #include "profiling/datapath/transport_test_support.h"
@@ -29,6 +30,7 @@ bool IsStarted(const std::string& jobId) {
 struct TaskTest : orla::device_test::DeviceTest {
     TaskTest() {
         std::filesystem::create_directories(orla::test::kWorkRoot);
+        EXPECT_EQ(Analysis::Nedra::Common::Platform::Platform::instance().Init(), 0);
         manager.Init();
     }
     ~TaskTest() override {
@@ -56,6 +58,8 @@ struct TaskTest : orla::device_test::DeviceTest {
                (status.info.empty() ? "" : ": " + status.info);
     }
     std::string JobStart(const Task& task, const std::string& config) {
+        EXPECT_EQ(UploaderMgr::instance().CreateUploader("job", std::make_shared<PacedHost>(), 512),
+                  0);
         const auto message = std::make_shared<proto::JobStartReq>();
         message->set_sampleconfig(config);
         return Told([&](auto& status) { return task->OnJobStart(message, status); });
@@ -77,7 +81,7 @@ struct TaskTest : orla::device_test::DeviceTest {
 TEST_F(TaskTest, AJobGoesThroughItsStates) {
     constexpr char kNotStarted[] = "refused, idle: Profiling is not started on device";
     constexpr char kNoStop[] = "refused, idle: StopReq message is nullptr";
-    const std::string config = R"({"job_id": "job"})";
+    const std::string config = R"({"job_id": "job", "sys_profiling": "on"})";
     const auto events = std::make_shared<proto::ReplayStartReq>();
     const auto stop = std::make_shared<proto::ReplayStopReq>();
     const Task task = Create("job");
@@ -88,7 +92,9 @@ TEST_F(TaskTest, AJobGoesThroughItsStates) {
     EXPECT_EQ(JobStart(task, "{"), "refused, idle: invalid sample configuration");
     EXPECT_EQ(JobStart(task, config), "done, started");
     EXPECT_EQ(JobStart(task, config), "refused, started: Profiling is already running on device");
+    EXPECT_EQ(Start(task, events), "done, started");
     EXPECT_EQ(End(task, stop), "done, started");
+    EXPECT_EQ(Start(task, events), "done, started");
     EXPECT_EQ(JobEnd(task), "done, idle");
     EXPECT_EQ(JobEnd(task), kNotStarted);
     EXPECT_EQ(JobStart(task, config), "done, started");
@@ -96,7 +102,8 @@ TEST_F(TaskTest, AJobGoesThroughItsStates) {
     EXPECT_EQ(JobStart(task, config), "done, started");
     EXPECT_EQ(Start(task, nullptr), "refused, idle: [Start] pmu event size is not valid!");
     EXPECT_EQ(JobStart(task, config), "done, started");
-    EXPECT_EQ(Start(task, events), "refused, idle") << "no job ran";
+    EXPECT_EQ(Start(task, events), "done, started");
+    EXPECT_EQ(Start(task, events), "refused, idle") << "nothing new ran";
     EXPECT_EQ(task->OnConnectionReset(), 0);
 }
 
