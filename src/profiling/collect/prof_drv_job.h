@@ -123,6 +123,8 @@ protected:
     // Stops the channel and reads to the end what the driver still holds, as far as there is a
     // reader. What DrvStop answered.
     [[nodiscard]] int StopAndDrain(int devId, int channelId);
+    // Whether the check passes and there are parameters: then Common and Params may be asked.
+    [[nodiscard]] bool IsReady(JobCheck check) const;
     [[nodiscard]] const CollectionJobCommonParams& Common() const {
         return *collectionJobCfg_->commonParams;
     }
@@ -133,7 +135,6 @@ protected:
 
 private:
     [[nodiscard]] JobFacts Facts(int channelId, const std::string& taskType) const;
-    [[nodiscard]] bool IsReady(JobCheck check) const;
 };
 
 }  // namespace Analysis::Nedra::JobWrapper

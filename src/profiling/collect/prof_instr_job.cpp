@@ -62,7 +62,7 @@ int ProfInstrPerfJob::Init(std::shared_ptr<CollectionJobCfg> cfg) {
 }
 
 int ProfInstrPerfJob::Process() {
-    if (!CheckJobContextParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobContextParam)) {
         return -1;
     }
     int ret = 0;
@@ -91,7 +91,7 @@ int ProfInstrPerfJob::StartOne(int channelId, int group, size_t column) {
 }
 
 int ProfInstrPerfJob::Uninit() {
-    if (!CheckJobContextParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobContextParam)) {
         return -1;
     }
     ForEachChannel([this](int channelId, int, size_t) { StopOne(channelId); });

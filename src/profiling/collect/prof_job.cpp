@@ -241,7 +241,7 @@ int ProfTscpuJob::Init(Cfg cfg) {
 }
 
 int ProfTscpuJob::Process() {
-    if (!CheckJobEventParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobEventParam)) {
         return -1;
     }
     return StartChannel(
@@ -257,7 +257,7 @@ int ProfTsTrackJob::Init(Cfg cfg) {
 }
 
 int ProfTsTrackJob::Process() {
-    if (!CheckJobCommonParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobCommonParam)) {
         return -1;
     }
     return StartChannel(kTsTrackRun,
@@ -413,7 +413,7 @@ bool ProfFmkJob::Collects() const {
 }
 
 int ProfFmkJob::Process() {
-    if (!CheckJobCommonParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobCommonParam)) {
         return -1;
     }
     if (!Collects()) {
@@ -424,7 +424,7 @@ int ProfFmkJob::Process() {
 }
 
 int ProfFmkJob::Uninit() {
-    if (!CheckJobCommonParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobCommonParam)) {
         return -1;
     }
     return Collects() ? StopChannel(kFmkRun, kChannelFmk) : 0;

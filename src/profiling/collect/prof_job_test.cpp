@@ -146,7 +146,7 @@ std::map<uint32_t, Start> Starts() {
     std::map<uint32_t, Start> starts;
     for (const auto& start : orla::control::ProfStarts()) {
         Words words(start.config.size() / 4);
-        memcpy(words.data(), start.config.data(), words.size() * 4);
+        start.config.copy(reinterpret_cast<char*>(words.data()), words.size() * 4);
         EXPECT_EQ(start.result, 0);
         EXPECT_EQ(start.config.size() % 4, 0U);
         EXPECT_TRUE(starts

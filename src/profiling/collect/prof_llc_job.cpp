@@ -81,7 +81,7 @@ int ProfLlcJob::Uninit() {
 // The engine places this job without a name for its file, and data without one is lost on the
 // host. The name is of this start only: `resultDir` may be another one at the next.
 int ProfLlcJob::ProcessByDriver() {
-    if (!CheckJobCommonParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobCommonParam)) {
         return -1;
     }
     std::string& name = collectionJobCfg_->jobFileName;
@@ -143,7 +143,7 @@ std::string ProfLlcJob::StatCommand() {
 }
 
 int ProfLlcJob::ProcessByScript() {
-    if (!CheckJobEventParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobEventParam)) {
         return -1;
     }
     const std::string command = StatCommand();

@@ -47,7 +47,7 @@ int ProfPeripheralJob::SetPeripheralConfig() {
 }
 
 int ProfPeripheralJob::Process() {
-    if (!CheckJobCommonParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobCommonParam)) {
         return -1;
     }
     if (!IsThere(channelId_)) {
@@ -67,7 +67,7 @@ int ProfPeripheralJob::Process() {
 }
 
 int ProfPeripheralJob::Uninit() {
-    if (!CheckJobCommonParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobCommonParam)) {
         return -1;
     }
     if (IsThere(channelId_)) {
@@ -407,7 +407,7 @@ int ProfDvppJob::Process() {
     if (!HasEngineChannels(platform)) {
         return ProfPeripheralJob::Process();
     }
-    if (!CheckJobCommonParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobCommonParam)) {
         return -1;
     }
     static_cast<void>(SetPeripheralConfig());
@@ -425,7 +425,7 @@ int ProfDvppJob::Uninit() {
     if (!HasEngineChannels(platform)) {
         return ProfPeripheralJob::Uninit();
     }
-    if (!CheckJobCommonParam(collectionJobCfg_)) {
+    if (!IsReady(CheckJobCommonParam)) {
         return -1;
     }
     for (const int channel : channels_) {
