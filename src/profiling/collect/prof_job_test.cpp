@@ -11,6 +11,7 @@
 #include "profiling/collect/collect_engine.h"
 #include "profiling/collect/prof_llc_job.h"
 #include "profiling/config/device_test_support.h"
+#include "profiling/config/json_parser.h"
 #include "profiling/datapath/thread_test_support.h"
 #include "profiling/datapath/transport_test_support.h"
 #include "profiling/datapath/uploader_mgr.h"
@@ -95,6 +96,14 @@ std::shared_ptr<Texts> List(const Texts& texts) {
 
 // An engine with all kinds of jobs in its array and a host for their data.
 struct ProfJobs : orla::device_test::DeviceTest {
+    // Read once in a process, as the daemon does.
+    static void SetUpTestSuite() {
+        Tracelets::Parser::JsonParser::instance().Load(
+            R"({"device": {"channels": [{"channel": "TS_CPU", "peroid": 77},
+                {"channel": "FABRICLINK", "peroid": 78}, {"channel": "HWTS_LOG", "peroid": 79},
+                {"channel": "ROCE", "prof_switch": "off"}]}})",
+            "tuning");
+    }
     void SetUp() override {
         orla::device_test::ReadConfig(0x0500);
         ASSERT_EQ(engine.Init(0), 0);
@@ -183,13 +192,12 @@ TEST_F(ProfJobs, EachStartsItsChannelWithItsRecord) {
                   {141, {1, 10, {}}},
                   {4, {1, 4, {}}},
                   {3, {1, 1, {}}},
-                  {9, {1, 6, {}}},
-                  {129, {1, 10, {}}},
+                  {9, {1, 78, {}}},
                   {130, {1, kNone - 2, {kNone - 2, 0, 0, 0}}},
                   {131, {1, kNone - 2, {kNone - 2, 0, 1, 0}}},
                   {132, {1, 100, {100, 0}}},
                   {52, {1, 100, {1, 20, 1, 33, 0, 0, 1, 20, 0, 0, 0, 0}}},
-                  {10, {0, 10, {10, 2, 8, 0x11}}},
+                  {10, {0, 77, {77, 2, 8, 0x11}}},
                   {44, {0, 10, {10, 1, 0, 0, 0, 0, 1, 0x86000001}}},
                   {49, {0, 10, {10, 1, 0, 0, 0, 0, 0, 0x86000001}}},
                   {43, {0, 12, {1, 0x6666, 12, 33, 2, 8, 10, 0, 0, 0, 0, 0, 0, 0}}},
@@ -203,8 +211,8 @@ TEST_F(ProfJobs, EachStartsItsChannelWithItsRecord) {
                   {11, {0, 0, {300}}},
                   {98, {0, 0, {300}}}},
                  starts);
-    EXPECT_EQ(starts.size(), 30U + 75U);
-    EXPECT_EQ(starts.count(51) + starts.count(53), 0U);
+    EXPECT_EQ(starts.size(), 29U + 75U);
+    EXPECT_EQ(starts.count(129) + starts.count(51) + starts.count(53), 0U);
     EXPECT_EQ(engine.CollectStop(status), 0);
 
     orla::control::Reset();
@@ -227,7 +235,7 @@ TEST_F(ProfJobs, WhatTheDriverProducedReachesTheHostToTheLastRecord) {
     ASSERT_TRUE(orla::test::WaitFor([] { return orla::control::CountsOf(0, 98).delivered > 0; }));
     EXPECT_EQ(engine.CollectStop(status), 0);
     auto files = Files();
-    EXPECT_EQ(files.size(), 30U + 75U);
+    EXPECT_EQ(files.size(), 29U + 75U);
     for (const auto& [channel, start] : Starts()) {
         SCOPED_TRACE(channel);
         const auto counts = orla::control::CountsOf(0, channel);
@@ -285,6 +293,10 @@ TEST_F(ProfJobs, AJobThatIsOffOrHasNoChannelTouchesNothing) {
                     kind.off == nullptr || *kind.off == 0
                         ? testing::Matcher<Texts>(testing::_)
                         : testing::Matcher<Texts>(Contains(std::string("I ") + kind.off)));
+        if (kind.tag == 20) {
+            EXPECT_EQ(job->Process() + job->Uninit(), 0);
+            EXPECT_THAT(log.Take("WI"), testing::ElementsAre("I ts_fw_training not enabled"));
+        }
         const bool isTaskBased = kind.tag == 15 || kind.tag == 17;
         common->params =
             parse("{" + std::string(kAllOn) + R"(, "ai_core_profiling_mode": ")" +
