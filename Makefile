@@ -1,9 +1,10 @@
 # The ways in. Everything is built below build/<preset>; CMakePresets.json has the presets.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test sanitize fuzz bench device aarch64 package format format-check check tidy clean
+.PHONY: help setup build demo test sanitize fuzz bench soak device aarch64 package format format-check check tidy clean
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 30
+SOAK_SECONDS ?= 600
 SANDBOX := platform/standins/orla-sandbox
 SOURCES = git ls-files -z -- '*.h' '*.cpp' '*.c'
 
@@ -43,6 +44,10 @@ bench: build  ## run all benchmarks
 	@set -e; for program in build/release/bench/*_bench; do \
 	    echo "== $${program##*/}"; $(SANDBOX) --quiet -- $$program; \
 	done
+
+soak: build  ## jobs, pulls and log requests for SOAK_SECONDS (600), with an eye on the memory
+	@ORLA_BIN=$(CURDIR)/build/release/bin ORLA_SANDBOX=$(CURDIR)/$(SANDBOX) \
+	    /usr/bin/python3 tests/soak.py $(SOAK_SECONDS)
 
 device: setup  ## link the daemon as for a device, against libraries made from the contract headers
 	@cmake --preset device -DORLA_PLATFORM_LIBS="$$(scripts/device-stubs build/device-stubs)"
