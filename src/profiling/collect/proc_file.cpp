@@ -15,6 +15,7 @@ namespace {
 constexpr size_t kFirstBuffer = 4096;
 // Descriptors that are left to the rest of the process.
 constexpr uint64_t kReserved = 512;
+constexpr uint64_t kMaxKept = 8192;
 
 std::atomic<uint64_t> g_kept{0};
 
@@ -22,7 +23,9 @@ uint64_t KeepLimit() {
     static const uint64_t limit = [] {
         rlimit files = {};
         const bool isKnown = getrlimit(RLIMIT_NOFILE, &files) == 0;
-        return isKnown && files.rlim_cur > kReserved ? files.rlim_cur - kReserved : 0;
+        const uint64_t spare =
+            isKnown && files.rlim_cur > kReserved ? files.rlim_cur - kReserved : 0;
+        return std::min(spare, kMaxKept);
     }();
     return limit;
 }
@@ -44,7 +47,7 @@ bool ProcFile::Open() {
     }
     struct stat status = {};
     size_ = fstat(fd_, &status) == 0 ? int64_t{status.st_size} : -1;
-    isCounted_ = TakeKept();
+    isCounted_ = keep_ == Keep::kIfSpare && TakeKept();
     return true;
 }
 
@@ -81,6 +84,13 @@ int64_t ProcFile::ReadWhole(std::vector<char>* buffer) const {
 }
 
 ProcFile::Outcome ProcFile::Read(std::vector<char>* buffer, std::string_view* text) {
+    const Outcome outcome = TryRead(buffer, text);
+    failsAnew_ = outcome != Outcome::kRead && outcome != last_;
+    last_ = outcome;
+    return outcome;
+}
+
+ProcFile::Outcome ProcFile::TryRead(std::vector<char>* buffer, std::string_view* text) {
     const bool wasOpen = fd_ >= 0;
     if (!wasOpen && !Open()) {
         return Outcome::kFailed;

@@ -76,7 +76,9 @@ const std::string& ProcTick::CpuLine() {
     cpuLine_.clear();
     std::string_view text;
     if (stat_.Read(&buffer_, &text) != ProcFile::Outcome::kRead) {
-        PROF_LOGW("Open file %s failed", Utils::BaseName(stat_.path()).c_str());
+        if (stat_.failsAnew()) {
+            PROF_LOGW("Open file %s failed", Utils::BaseName(stat_.path()).c_str());
+        }
         return cpuLine_;
     }
     std::string_view line;
@@ -85,36 +87,43 @@ const std::string& ProcTick::CpuLine() {
     return cpuLine_;
 }
 
-ProcName::ProcName(const std::string& pidDir) : comm_(pidDir + "/comm", kMaxCommFile) {}
+ProcName::ProcName(const std::string& pidDir)
+    : comm_(pidDir + "/comm", kMaxCommFile, ProcFile::Keep::kNever) {}
 
-const std::string& ProcName::Read() {
-    thread_local std::vector<char> buffer;  // the source's text is still in use
-    std::string_view text;
-    std::string_view line;
-    name_ = kUnreadName;
-    switch (comm_.Read(&buffer, &text)) {
-        case ProcFile::Outcome::kBadSize:
-            PROF_LOGW("proc comm file size is invalid");
-            break;
-        case ProcFile::Outcome::kFailed:
-            PROF_LOGW("Open file %s failed", Utils::BaseName(comm_.path()).c_str());
-            break;
-        case ProcFile::Outcome::kRead:
-            if (TakeLine(&text, &line)) {
-                name_ = line;
-            }
-            break;
+void ProcName::Begin(std::string_view stat) {
+    // A name may hold parentheses, what follows it does not.
+    const size_t begin = stat.find('(');
+    const size_t end = stat.rfind(')');
+    const bool isThere = begin != std::string_view::npos && end > begin;
+    inStat_ = isThere ? stat.substr(begin + 1, end - begin - 1) : std::string_view();
+    isCurrent_ = isThere && agrees_ && inStat_ == name_;
+}
+
+const std::string& ProcName::Get() {
+    if (!isCurrent_) {
+        ReadComm();
+        isCurrent_ = true;
     }
-    isFresh_ = true;
     return name_;
 }
 
-const std::string& ProcName::Share() {
-    if (!isFresh_) {
-        static_cast<void>(Read());
+void ProcName::ReadComm() {
+    thread_local std::vector<char> buffer;  // the sources' texts are still in use
+    std::string_view text;
+    std::string_view line;
+    name_ = kUnreadName;
+    agrees_ = false;
+    const ProcFile::Outcome outcome = comm_.Read(&buffer, &text);
+    if (outcome == ProcFile::Outcome::kRead) {
+        if (TakeLine(&text, &line)) {
+            name_ = line;
+            agrees_ = text.empty() && line == inStat_;
+        }
+    } else if (comm_.failsAnew() && outcome == ProcFile::Outcome::kBadSize) {
+        PROF_LOGW("proc comm file size is invalid");
+    } else if (comm_.failsAnew()) {
+        PROF_LOGW("Open file %s failed", Utils::BaseName(comm_.path()).c_str());
     }
-    isFresh_ = false;
-    return name_;
 }
 
 ProcPidMemFileHandler::ProcPidMemFileHandler(SampleSpec spec, SampleRoad road, uint32_t pid,
@@ -124,7 +133,7 @@ ProcPidMemFileHandler::ProcPidMemFileHandler(SampleSpec spec, SampleRoad road, u
 void ProcPidMemFileHandler::ParseProcFile(std::string_view text, std::string& data) {
     AppendLines(text, &data);
     if (!data.empty()) {
-        AppendName(name_->Read(), &data);
+        AppendName(name_->Get(), &data);
     }
 }
 
@@ -135,12 +144,22 @@ ProcPidStatFileHandler::ProcPidStatFileHandler(SampleSpec spec, SampleRoad road,
       name_(std::move(name)),
       tick_(std::move(tick)) {}
 
+void ProcPidStatFileHandler::ReadAhead() {
+    ahead_ = source().Read(tick_->processStat(), &text_);
+    name_->Begin(ahead_ == ProcFile::Outcome::kRead ? text_ : std::string_view());
+}
+
+ProcFile::Outcome ProcPidStatFileHandler::ReadSource(std::string_view* text) {
+    *text = text_;
+    return ahead_;
+}
+
 void ProcPidStatFileHandler::ParseProcFile(std::string_view text, std::string& data) {
     AppendLines(text, &data);
     if (data.empty()) {
         return;
     }
-    AppendName(name_->Share(), &data);
+    AppendName(name_->Get(), &data);
     data.append(tick_->CpuLine());
 }
 
@@ -170,11 +189,11 @@ int ProcAllPidsFileHandler::Init() {
 void ProcAllPidsFileHandler::GetCurPids(Pids& pids) const {
     pids.clear();
     pids.reserve(kUsualPids);
-    DIR* const directory = opendir(procRoot_.c_str());
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(procRoot_.c_str()), closedir);
     if (directory == nullptr) {
         return;
     }
-    while (const dirent* entry = readdir(directory)) {
+    while (const dirent* entry = readdir(directory.get())) {
         if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) {
             continue;
         }
@@ -183,7 +202,6 @@ void ProcAllPidsFileHandler::GetCurPids(Pids& pids) const {
             pids.push_back(pid);
         }
     }
-    closedir(directory);
     std::sort(pids.begin(), pids.end());
 }
 
@@ -255,6 +273,7 @@ int ProcAllPidsFileHandler::Execute() {
     prevPids_.swap(current);
     tick_->Begin();
     for (const auto& [pid, handlers] : pidsMap_) {
+        handlers.statHandler->ReadAhead();
         handlers.memHandler->ExecuteAt(now);
         handlers.statHandler->ExecuteAt(now);
     }

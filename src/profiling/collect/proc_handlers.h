@@ -33,7 +33,7 @@ protected:
     void ParseProcFile(std::string_view text, std::string& data) override;
 };
 
-// What the handlers of all processes share. Used on the timer's thread.
+// What the handlers of all processes share. Used by one thread at a time.
 class ProcTick {
 public:
     explicit ProcTick(const std::string& procRoot);
@@ -43,28 +43,39 @@ public:
     // The first line of "/proc/stat" that holds "cpu", in lower case and with its end. Empty when
     // there is none or, with a log line, the file cannot be read.
     [[nodiscard]] const std::string& CpuLine();
+    // For "stat" of the process whose turn it is.
+    [[nodiscard]] std::vector<char>* processStat() { return &processStat_; }
 
 private:
     ProcFile stat_;
     std::vector<char> buffer_;
+    std::vector<char> processStat_;
     std::string cpuLine_;
     bool isCpuRead_ = false;
 };
 
-// The name of a process, for its two handlers.
+// The name of a process, for its two handlers: the first line of its "comm".
+//
+// "stat" has the name too, in parentheses, but with some characters written otherwise. Where both
+// agree "comm" need not be read again until "stat" shows another name.
 class ProcName {
 public:
     explicit ProcName(const std::string& pidDir);
 
-    // The first line of "comm"; "self", with a log line, when it cannot be read.
-    [[nodiscard]] const std::string& Read();
-    // The name of the last Read, once; Read for whoever comes then.
-    [[nodiscard]] const std::string& Share();
+    // A new tick begins, in which "stat" of the process is `stat`; empty when it cannot be read.
+    // The text stays while the name is asked for.
+    void Begin(std::string_view stat);
+    // "self", with a log line, when "comm" cannot be read.
+    [[nodiscard]] const std::string& Get();
 
 private:
+    void ReadComm();
+
     ProcFile comm_;
     std::string name_;
-    bool isFresh_ = false;
+    std::string_view inStat_;  // this tick's
+    bool agrees_ = false;      // name_ is what "stat" showed when it was read
+    bool isCurrent_ = false;
 };
 
 // "statm" of a process and its name. `spec.fileName` gets the pid in front, as in the next one.
@@ -86,12 +97,20 @@ public:
     ProcPidStatFileHandler(SampleSpec spec, SampleRoad road, uint32_t pid,
                            std::shared_ptr<ProcName> name, std::shared_ptr<ProcTick> tick);
 
+    // Reads the source for the sample that follows. The first step of the process's turn: the name
+    // in both samples depends on it.
+    void ReadAhead();
+
 protected:
     void ParseProcFile(std::string_view text, std::string& data) override;
+    [[nodiscard]] ProcFile::Outcome ReadSource(std::string_view* text) override;
 
 private:
     const std::shared_ptr<ProcName> name_;
     const std::shared_ptr<ProcTick> tick_;
+    // What ReadAhead found.
+    ProcFile::Outcome ahead_ = ProcFile::Outcome::kFailed;
+    std::string_view text_;
 };
 
 struct ProcPidFileHandler {

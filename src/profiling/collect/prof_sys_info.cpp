@@ -80,7 +80,10 @@ int ProfSysInfoBase::Process() {
         return -1;
     }
     const CollectionJobCommonParams& common = *collectionJobCfg_->commonParams;
-    const SampleRoad road{common.params, common.jobCtx, upLoader_};
+    const SampleRoad road{
+        common.params,
+        MakeShared<const std::string>(common.jobCtx == nullptr ? "" : common.jobCtx->ToString()),
+        upLoader_};
     auto handler = MakeHandler(static_cast<uint32_t>(common.devId), sampleIntervalNs_, road);
     if (handler == nullptr) {
         return -1;

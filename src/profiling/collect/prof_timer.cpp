@@ -2,6 +2,7 @@
 
 #include <portability.h>
 
+#include <algorithm>
 #include <exception>
 
 #include "hdc/log_side.h"
@@ -18,6 +19,8 @@ namespace {
 
 constexpr uint64_t kTickUsec = 1000;
 constexpr uint64_t kUsecPerMs = 1000;
+constexpr uint64_t kMinTickMs = 1;
+constexpr uint64_t kMaxTickMs = 1000;  // a stop waits for the end of a tick
 constexpr char kThreadName[] = "TLET_ProfTimer";
 
 }  // namespace
@@ -30,20 +33,35 @@ ProfTimer::~ProfTimer() {
 
 void ProfTimer::RegisterTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& handler) {
     PROF_LOGI("ProfTimer RegisterTimerHandler tag %u", tag);
+    auto slot = MakeShared<Slot>();
+    if (slot == nullptr) {
+        return;
+    }
+    slot->handler = handler;
     const std::lock_guard<std::mutex> lock(handlerMtx_);
-    handlerMap_[tag] = handler;
+    handlerMap_[tag].swap(slot);
 }
 
 void ProfTimer::RemoveTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& own) {
     PROF_LOGI("ProfTimer RemoveTimerHandler tag %u begin", tag);
-    const std::lock_guard<std::mutex> lock(handlerMtx_);
-    const auto handler = handlerMap_.find(tag);
-    if (handler == handlerMap_.end() || (own != nullptr && handler->second != own)) {
-        return;
+    std::shared_ptr<Slot> slot;
+    {
+        const std::lock_guard<std::mutex> lock(handlerMtx_);
+        const auto found = handlerMap_.find(tag);
+        if (found == handlerMap_.end() || (own != nullptr && found->second->handler != own)) {
+            return;
+        }
+        slot = std::move(found->second);
+        handlerMap_.erase(found);
     }
-    handler->second->Uninit();
-    handlerMap_.erase(handler);
+    Tear(slot.get());
     PROF_LOGI("ProfTimer RemoveTimerHandler tag %u succ", tag);
+}
+
+void ProfTimer::Tear(Slot* slot) {
+    const std::lock_guard<std::mutex> lock(slot->mutex);
+    slot->handler->Uninit();
+    slot->handler.reset();
 }
 
 int ProfTimer::Start() {
@@ -70,11 +88,14 @@ int ProfTimer::Stop() {
     PROF_LOGI("Stop ProfTimer begin");
     if (isStarted_.exchange(false)) {
         static_cast<void>(Thread::Stop());
-        const std::lock_guard<std::mutex> lock(handlerMtx_);
-        for (const auto& [tag, handler] : handlerMap_) {
-            handler->Uninit();
+        decltype(handlerMap_) left;
+        {
+            const std::lock_guard<std::mutex> lock(handlerMtx_);
+            left.swap(handlerMap_);
         }
-        handlerMap_.clear();
+        for (const auto& [tag, slot] : left) {
+            Tear(slot.get());
+        }
         PROF_LOGI("Stop ProfTimer succ");
     }
     PROF_LOGI("Stop ProfTimer end");
@@ -83,22 +104,34 @@ int ProfTimer::Stop() {
 
 void ProfTimer::Run(const TraceletErrorContext& context) {
     TraceletErrorManager::instance().SetErrorContext(context);
-    const auto tickMs = static_cast<uint32_t>(timerParam_->intervalUsec / kUsecPerMs);
+    const uint64_t tickMs =
+        std::clamp(timerParam_->intervalUsec / kUsecPerMs, kMinTickMs, kMaxTickMs);
     do {
         ExecuteAll();
-        mmSleep(tickMs);
+        mmSleep(static_cast<uint32_t>(tickMs));
     } while (isStarted_);
 }
 
 void ProfTimer::ExecuteAll() {
-    const std::lock_guard<std::mutex> lock(handlerMtx_);
-    for (const auto& [tag, handler] : handlerMap_) {
-        try {
-            handler->Execute();
-        } catch (const std::exception& e) {  // out of memory: the next sample may fare better
-            PROF_LOGE("Timer handler %u lost a sample, message: %s", tag, e.what());
+    {
+        const std::lock_guard<std::mutex> lock(handlerMtx_);
+        for (const auto& [tag, slot] : handlerMap_) {
+            turn_.push_back(slot);
         }
     }
+    for (const auto& slot : turn_) {
+        const std::lock_guard<std::mutex> lock(slot->mutex);
+        if (slot->handler == nullptr) {
+            continue;
+        }
+        try {
+            slot->handler->Execute();
+        } catch (const std::exception& e) {  // out of memory: the next sample may fare better
+            PROF_LOGE("Timer handler %u lost a sample, message: %s", slot->handler->GetTag(),
+                      e.what());
+        }
+    }
+    turn_.clear();
 }
 
 // ---- Its users ----------------------------------------------------------------------------------

@@ -1,9 +1,10 @@
 // The one timer of the process: a thread that calls each registered handler every millisecond. It
 // runs while at least one sampling job, of any engine, needs it.
 //
-// Handlers run under handlerMtx_, so none is executed and torn down at the same time; one that
-// waits, for a host that does not read, holds all up, the removal of others included. Locks in
-// order: TimerManager::mtx_, then ProfTimer::handlerMtx_.
+// A handler is executed and torn down under a lock of its own, so never at the same time. One that
+// waits, for a host that does not read, holds up the samples of all others, but not their removal:
+// the jobs of another host can still end. Locks in order: TimerManager::mtx_, then
+// ProfTimer::handlerMtx_; a handler's own is taken with handlerMtx_ free.
 #pragma once
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "profiling/collect/timer_handler.h"
 #include "profiling/config/singleton.h"
@@ -19,7 +21,7 @@
 namespace Analysis::Nedra::JobWrapper {
 
 struct TimerParam {
-    uint64_t intervalUsec;
+    uint64_t intervalUsec;  // of the tick; taken as 1 ms at least and 1 s at most
 };
 
 class ProfTimer : public analysis::nedra::common::thread::Thread {
@@ -28,9 +30,10 @@ public:
         : timerParam_(std::move(timerParam)) {}
     ~ProfTimer() override;
 
-    // Takes the place of a handler of the same tag.
+    // Takes the place of a handler of the same tag, which is let go as it is.
     void RegisterTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& handler);
-    // Uninits the handler, on the caller's thread, and lets it go. With `own`, only that very one.
+    // Uninits the handler, on the caller's thread, and lets it go; waits for an Execute that is
+    // under way. With `own`, only that very one.
     void RemoveTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& own = nullptr);
 
     // 0; -1 when it runs already or the thread cannot be made.
@@ -42,13 +45,22 @@ protected:
     void Run(const analysis::nedra::common::thread::TraceletErrorContext& context) override;
 
 private:
+    struct Slot {
+        std::mutex mutex;
+        // Guarded by mutex, and unchanged while the slot is in the map; null: removed.
+        std::shared_ptr<TimerHandler> handler;
+    };
+
     void ExecuteAll();
+    static void Tear(Slot* slot);
 
     std::atomic<bool> isStarted_{false};
     const std::shared_ptr<TimerParam> timerParam_;
 
     std::mutex handlerMtx_;
-    std::map<uint32_t, std::shared_ptr<TimerHandler>> handlerMap_;  // guarded by handlerMtx_
+    std::map<uint32_t, std::shared_ptr<Slot>> handlerMap_;  // guarded by handlerMtx_
+
+    std::vector<std::shared_ptr<Slot>> turn_;  // of this tick; touched by the thread alone
 };
 
 // Any thread.

@@ -2,6 +2,7 @@
 
 #include <portability.h>
 
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <utility>
@@ -114,40 +115,47 @@ int ProcTimerHandler::ExecuteAt(uint64_t now) {
     if (source_.path().empty()) {
         ParseProcFile({}, scratch.data);
         StoreData(scratch.data);
-    } else {
-        if (!ReadSource(scratch.data)) {
-            return 0;
-        }
-        PacketData(scratch.packet, scratch.data);
-        StoreData(scratch.packet);
+        ++index_;
+        return 0;
     }
+    std::string_view text;
+    if (!TakeText(&text)) {
+        return 0;
+    }
+    ParseProcFile(text, scratch.data);
+    if (scratch.data.empty()) {
+        PROF_LOGW("data is empty, fileName:%s", Utils::BaseName(retFileName_).c_str());
+        return 0;
+    }
+    PacketData(scratch.packet, scratch.data);
+    StoreData(scratch.packet);
     ++index_;
     return 0;
 }
 
-bool ProcTimerHandler::ReadSource(std::string& data) {
-    std::string_view text;
-    switch (source_.Read(&ThreadScratch().file, &text)) {
-        case ProcFile::Outcome::kBadSize:
-            PROF_LOGW("[ProcTimerHandler] Proc file(%s) size(%lld)",
-                      Utils::BaseName(source_.path()).c_str(),
-                      static_cast<long long>(source_.size()));
-            return false;
-        case ProcFile::Outcome::kFailed:
-            PROF_LOGW("Open file %s failed", Utils::BaseName(source_.path()).c_str());
-            return false;
-        case ProcFile::Outcome::kRead:
-            break;
+ProcFile::Outcome ProcTimerHandler::ReadSource(std::string_view* text) {
+    return source_.Read(&ThreadScratch().file, text);
+}
+
+bool ProcTimerHandler::TakeText(std::string_view* text) {
+    const ProcFile::Outcome outcome = ReadSource(text);
+    if (outcome == ProcFile::Outcome::kRead) {
+        return true;
     }
-    ParseProcFile(text, data);
-    return true;
+    const std::string name = Utils::BaseName(source_.path());
+    if (!source_.failsAnew()) {
+        return false;
+    }
+    if (outcome == ProcFile::Outcome::kBadSize) {
+        PROF_LOGW("[ProcTimerHandler] Proc file(%s) size(%lld)", name.c_str(),
+                  static_cast<long long>(source_.size()));
+    } else {
+        PROF_LOGW("Open file %s failed", name.c_str());
+    }
+    return false;
 }
 
 void ProcTimerHandler::PacketData(std::string& packet, const std::string& data) const {
-    if (data.empty()) {
-        PROF_LOGW("data is empty, fileName:%s", Utils::BaseName(retFileName_).c_str());
-        return;
-    }
     packet.reserve(data.size() + kRecordHead);
     AppendNumber("TimeStamp:", prevTimeStamp_, &packet);
     AppendNumber("\nIndex:", index_, &packet);
@@ -184,13 +192,14 @@ void ProcTimerHandler::SendData(const char* data, uint64_t len) {
         PROF_LOGE("buf to be sent is nullptr");
         return;
     }
-    const std::string jobCtx = road_.jobCtx == nullptr ? std::string() : road_.jobCtx->ToString();
-    MessageBuffer message =
-        EncodeFileChunk({data, len}, {retFileName_, false, DataModule(GetTag())}, jobCtx);
     if (road_.upLoader == nullptr) {
         PROF_LOGE("[ProcTimerHandler::SendData] upLoader_ is null");
         return;
     }
+    const std::string none;
+    MessageBuffer message =
+        EncodeFileChunk({data, len}, {retFileName_, false, DataModule(GetTag())},
+                        road_.jobCtx == nullptr ? none : *road_.jobCtx);
     if (message == nullptr || road_.upLoader->UploadData(std::move(message)) != 0) {
         PROF_LOGE("[ProcTimerHandler::SendData] Upload Data Failed");
     }

@@ -5,8 +5,8 @@
 //
 //     TimeStamp:<ns>\nIndex:<number>\nDataLen:<bytes>\n<data>\n
 //
-// The text after the colon is decimal; Index counts the samples of the handler from 0; DataLen
-// counts the data alone. A chunk ends at the end of a record.
+// The text after the colon is decimal; Index counts the records of the handler from 0, without a
+// gap; DataLen counts the data alone. A chunk ends at the end of a record.
 //
 // A handler is made and inited on the thread of its engine, executed on the timer's thread and
 // uninited under the timer's lock; it needs none of its own.
@@ -18,7 +18,6 @@
 #include <string_view>
 
 #include "profiling/collect/proc_file.h"
-#include "profiling/config/job_records.h"
 #include "profiling/config/profile_params.h"
 #include "profiling/datapath/chunk.h"
 #include "profiling/datapath/uploader.h"
@@ -50,10 +49,11 @@ private:
     const uint32_t tag_;
 };
 
-// Where samples go, and for whom. `params` is what the host asked for.
+// Where samples go, and for whom. `params` is what the host asked for, `jobCtx` the text of the
+// job's context, made once for all its chunks.
 struct SampleRoad {
     std::shared_ptr<analysis::nedra::message::ProfileParams> params;
-    std::shared_ptr<analysis::nedra::message::JobContext> jobCtx;
+    std::shared_ptr<const std::string> jobCtx;
     std::shared_ptr<analysis::nedra::transport::Uploader> upLoader;
 };
 
@@ -88,12 +88,15 @@ public:
 protected:
     // Appends to `data` what is to be kept of the source's text; nothing, when nothing is.
     virtual void ParseProcFile(std::string_view text, std::string& data) = 0;
+    // Reads the source; `text` stays as it is until the sample is taken.
+    [[nodiscard]] virtual ProcFile::Outcome ReadSource(std::string_view* text);
+    [[nodiscard]] ProcFile& source() { return source_; }
     [[nodiscard]] const SampleRoad& road() const { return road_; }
     // Now, when the sample is being taken.
     [[nodiscard]] uint64_t prevTimeStamp() const { return prevTimeStamp_; }
 
 private:
-    bool ReadSource(std::string& data);
+    [[nodiscard]] bool TakeText(std::string_view* text);
     void PacketData(std::string& packet, const std::string& data) const;
     void StoreData(const std::string& data);
     void SendData(const char* data, uint64_t len);
@@ -105,7 +108,7 @@ private:
     bool isInited_ = false;
     uint64_t prevTimeStamp_ = 0;  // ns, of the last sample; 0: none yet
     const uint64_t sampleIntervalNs_;
-    uint64_t index_ = 0;  // samples so far
+    uint64_t index_ = 0;  // samples so far that gave something
     const std::string retFileName_;
     SampleRoad road_;
 };

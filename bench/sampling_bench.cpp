@@ -1,0 +1,301 @@
+// What it costs to sample all processes: microseconds of CPU per process and sample, with 500
+// processes that sleep, every 100 ms, beside the least that can do the reading, in the same run and
+// in turn, so that a busy machine is busy for all alike. The sampler pays for everything up to the
+// messages that a host takes: listing, reading, records, buffers, chunks, the uploader's thread.
+//
+// The limit on open files decides whether the sampler keeps its files open, so it is measured under
+// a high and under a low one, each in a process of its own. Then other programs that look at all
+// processes, where they are installed; and the timer while nothing is due.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "emulation/control.h"
+#include "profiling/collect/proc_handlers.h"
+#include "profiling/collect/prof_timer.h"
+#include "profiling/config/job_records.h"
+#include "profiling/datapath/uploader.h"
+
+namespace {
+
+using namespace Analysis::Nedra::JobWrapper;
+using analysis::nedra::message::JobContext;
+using analysis::nedra::message::ProfileParams;
+using analysis::nedra::transport::ITransport;
+using analysis::nedra::transport::kUploaderCapacity;
+using analysis::nedra::transport::Uploader;
+using std::chrono::milliseconds;
+
+constexpr int kSleepers = 500;
+constexpr int kSamples = 40;
+constexpr milliseconds kPace{100};
+constexpr const char* kFiles[] = {"stat", "statm", "comm"};
+constexpr rlim_t kManyFiles = 4096;
+constexpr rlim_t kFewFiles = 256;
+constexpr std::chrono::seconds kIdle{3};
+
+void Check(bool good, const char* what) {
+    if (!good) {
+        fmt::print(stderr, "sampling_bench: {} failed\n", what);
+        exit(1);
+    }
+}
+
+double Seconds(clockid_t clock) {
+    timespec now = {};
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+double CpuSeconds() {
+    return Seconds(CLOCK_PROCESS_CPUTIME_ID);
+}
+
+double Median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values[values.size() / 2];
+}
+
+std::vector<std::string> Processes() {
+    std::vector<std::string> dirs;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename();
+        if (name.find_first_not_of("0123456789") == std::string::npos) {
+            dirs.push_back(entry.path());
+        }
+    }
+    return dirs;
+}
+
+// Ended and waited for with the object, and ended with the program if that comes first.
+class Sleepers {
+public:
+    Sleepers();
+    ~Sleepers() {
+        std::for_each(pids_.begin(), pids_.end(), [](pid_t pid) { kill(pid, SIGKILL); });
+        std::for_each(pids_.begin(), pids_.end(), [](pid_t pid) { waitpid(pid, nullptr, 0); });
+    }
+
+private:
+    std::vector<pid_t> pids_;
+};
+
+Sleepers::Sleepers() {
+    for (int i = 0; i < kSleepers; ++i) {
+        const pid_t child = fork();
+        Check(child >= 0, "fork");
+        if (child == 0) {
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            for (;;) {
+                pause();
+            }
+        }
+        pids_.push_back(child);
+    }
+}
+
+// ---- Ways to sample ------------------------------------------------------------------------
+
+struct Way {
+    std::string name;
+    std::function<void()> sample;
+    std::vector<double> cpu;  // microseconds of each sample, of all processes
+};
+
+void ReadBare(const std::vector<std::string>& paths) {
+    char buffer[4096];
+    for (const std::string& path : paths) {
+        const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        if (fd >= 0) {
+            static_cast<void>(!read(fd, buffer, sizeof(buffer)));
+            close(fd);
+        }
+    }
+}
+
+void ReadKept(const std::vector<int>& fds) {
+    char buffer[4096];
+    for (const int fd : fds) {
+        static_cast<void>(!pread(fd, buffer, sizeof(buffer), 0));
+    }
+}
+
+// A host that takes everything at once.
+class Sink : public ITransport {
+public:
+    int SendBuffer(const void*, int length) override { return length; }
+    int CloseSession() override { return 0; }
+    void WriteDone() override {}
+    int SendVeltBuffer(void*, int) override { return -1; }
+    int RecvPacket(IdeRequest**) override { return -1; }
+    void DestroyPacket(IdeRequest*) override {}
+};
+
+class Sampler {
+public:
+    Sampler() : uploader_(std::make_shared<Uploader>(std::make_shared<Sink>())) {
+        Check(uploader_->Init(kUploaderCapacity) == 0 && uploader_->Start() == 0, "uploader");
+        const auto jobCtx = std::make_shared<JobContext>();
+        jobCtx->dev_id = "0";
+        jobCtx->job_id = "1234567890123456789";
+        handler_ = std::make_unique<ProcAllPidsFileHandler>(
+            PROF_ALL_PID, 0, 1,
+            SampleRoad{std::make_shared<ProfileParams>(),
+                       std::make_shared<const std::string>(jobCtx->ToString()), uploader_});
+        Check(handler_->Init() == 0, "handler");
+    }
+    ~Sampler() {
+        handler_->Uninit();
+        uploader_->Stop(false);
+    }
+    void Sample() {
+        handler_->Execute();
+        uploader_->Flush();
+    }
+
+private:
+    std::shared_ptr<Uploader> uploader_;
+    std::unique_ptr<ProcAllPidsFileHandler> handler_;
+};
+
+// ---- Measuring -----------------------------------------------------------------------------
+
+void SetFileLimit(rlim_t count) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min(count, limit.rlim_max);
+    Check(setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit");
+}
+
+void Compare(rlim_t fileLimit) {
+    SetFileLimit(fileLimit);
+    const std::vector<std::string> processes = Processes();
+    std::vector<std::string> paths;
+    std::vector<int> kept;
+    for (const std::string& dir : processes) {
+        for (const char* file : kFiles) {
+            paths.push_back(dir + "/" + file);
+        }
+    }
+    Sampler sampler;
+    std::vector<Way> ways = {{"open, read, close", [&] { ReadBare(paths); }, {}},
+                             {"sampler", [&] { sampler.Sample(); }, {}}};
+    if (fileLimit == kManyFiles) {
+        std::transform(paths.begin(), paths.end(), std::back_inserter(kept),
+                       [](const std::string& path) { return open(path.c_str(), O_RDONLY); });
+        ways.push_back({"pread of kept descriptors", [&] { ReadKept(kept); }, {}});
+    }
+    auto next = std::chrono::steady_clock::now();
+    for (int i = 0; i < kSamples; ++i) {
+        for (Way& way : ways) {
+            const double before = CpuSeconds();
+            way.sample();
+            way.cpu.push_back((CpuSeconds() - before) * 1e6);
+            // The next way finds the caches as cold as this one did.
+            std::this_thread::sleep_until(next += kPace);
+        }
+    }
+    const auto count = static_cast<double>(processes.size());
+    const double bare = Median(ways.front().cpu) / count;
+    fmt::print("at most {} open files, {} processes\n", fileLimit, processes.size());
+    for (const Way& way : ways) {
+        const double cpu = Median(way.cpu) / count;
+        fmt::print("  {:<32}{:6.2f} us  {:5.2f} of bare\n", way.name, cpu, cpu / bare);
+    }
+}
+
+// Programs of this machine, which take `samples` of all processes.
+void MeasureProgram(const std::string& name, const std::string& command, int samples) {
+    const auto count = static_cast<double>(Processes().size());
+    rusage before = {};
+    getrusage(RUSAGE_CHILDREN, &before);
+    const int status = std::system(("exec " + command + " >/dev/null 2>&1").c_str());
+    rusage after = {};
+    getrusage(RUSAGE_CHILDREN, &after);
+    if (status != 0) {
+        fmt::print("  {:<32}not installed\n", name);
+        return;
+    }
+    const auto cpu = [](const rusage& usage) {
+        return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e6 +
+               static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+    };
+    fmt::print("  {:<32}{:6.2f} us\n", name, (cpu(after) - cpu(before)) / count / samples);
+}
+
+double IdleCpu(const std::function<void()>& idle) {
+    const double before = CpuSeconds();
+    const double start = Seconds(CLOCK_MONOTONIC);
+    idle();
+    return (CpuSeconds() - before) / (Seconds(CLOCK_MONOTONIC) - start);
+}
+
+// Three handlers that are never due, beside a thread that only sleeps.
+void MeasureIdleTimer() {
+    constexpr uint64_t kNever = UINT64_MAX;
+    auto& timers = TimerManager::instance();
+    Check(timers.StartProfTimer(), "timer");
+    for (const uint32_t tag : {PROF_SYS_STAT, PROF_SYS_MEM, PROF_ALL_PID}) {
+        const auto handler = std::make_shared<ProcStatFileHandler>(
+            SampleSpec{tag, 0, 8192, kNever, "/proc/stat", "x"}, SampleRoad{});
+        Check(handler->Init() == 0, "handler");
+        timers.RegisterTimerHandler(tag, handler);
+    }
+    std::this_thread::sleep_for(kPace);  // the first samples
+    const double timer = IdleCpu([] { std::this_thread::sleep_for(kIdle); });
+    for (const uint32_t tag : {PROF_SYS_STAT, PROF_SYS_MEM, PROF_ALL_PID}) {
+        timers.RemoveTimerHandler(tag);
+    }
+    timers.StopProfTimer();
+    const double bare = IdleCpu([] {
+        for (const double end = Seconds(CLOCK_MONOTONIC) + kIdle.count();
+             Seconds(CLOCK_MONOTONIC) < end;) {
+            mmSleep(1);
+        }
+    });
+    fmt::print("idle timer, 3 handlers: {:.2f} % of a processor; only sleeping 1 ms: {:.2f} %\n",
+               timer * 100, bare * 100);
+}
+
+// In a process of its own: the limit on open files is looked at once.
+void Apart(const std::function<void()>& body) {
+    fflush(stdout);
+    const pid_t child = fork();
+    Check(child >= 0, "fork");
+    if (child == 0) {
+        body();
+        fflush(stdout);
+        _exit(0);
+    }
+    int status = 0;
+    Check(waitpid(child, &status, 0) == child && status == 0, "the measuring process");
+}
+
+}  // namespace
+
+int main() {
+    orla::control::SetLogLevel(orla::control::LogLevel::kError);
+    const Sleepers sleepers;
+    Apart([] { Compare(kManyFiles); });
+    Apart([] { Compare(kFewFiles); });
+    fmt::print("other programs\n");
+    fflush(stdout);
+    MeasureProgram("pidstat -u -r, each second", "pidstat -u -r -p ALL 1 5", 6);
+    MeasureProgram("top -b, every 100 ms", "top -b -d 0.1 -n 40", 40);
+    Apart(MeasureIdleTimer);
+    return 0;
+}
