@@ -20,12 +20,14 @@ ROUNDS = {  # what one host does again and again
 # Of two jobs one has the samplers: the other is refused, or misses them.
 MAY_FAIL = {"job": {0, 3, 5}, "other job": {0, 3, 5}}
 
+
 def resident(program):
     """Kilobytes."""
     for line in pathlib.Path(f"/proc/{program.pid}/status").read_text().splitlines():
         if line.startswith("VmRSS:"):
             return int(line.split()[1])
     raise AssertionError("no resident size")
+
 
 def host(device, name, until, counts):
     while time.monotonic() < until:
@@ -35,6 +37,7 @@ def host(device, name, until, counts):
         if result.returncode not in MAY_FAIL.get(name, {0}):
             raise AssertionError(f"{name}: {result.returncode} {result.stdout}{result.stderr}")
         counts[name] += 1
+
 
 def main():
     seconds = float(sys.argv[1])
@@ -57,7 +60,6 @@ def main():
         while any(thread.is_alive() for thread in hosts):
             memory.append(resident(daemon))
             time.sleep(0.5)
-
         fifth = max(1, len(memory) // 5)
         plateau, tail = (statistics.median(part) for part in (memory[fifth:2 * fifth], memory[-fifth:]))
         print(f"{seconds:.0f} s: " + ", ".join(f"{count} x {name}" for name, count in counts.items()))
@@ -69,5 +71,6 @@ def main():
         assert settled(daemon)[1] <= at_rest[1] + 2, "descriptors are left"
         assert not list((device.root / "var/log/npu/profiling").iterdir()), "directories are left"
         assert end(daemon)[0] == 0
+
 
 main()

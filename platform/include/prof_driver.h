@@ -106,8 +106,9 @@ int prof_channel_read(uint32_t device, uint32_t channel, char* buffer, uint32_t 
 
 /* Waits until started channels, of any device, have data, and fills a record for each, at most
  * `num`. Returns how many, 0 when `timeout` ran out or a channel stopped meanwhile, -1 on an
- * error, PROF_STOPPED_ALREADY when the driver polls no longer. `timeout` counts in a unit of the driver's, some tens of
- * milliseconds; 0 does not wait. Waits just as well while no channel is started. */
+ * error, PROF_STOPPED_ALREADY when the driver polls no longer. `timeout` counts in a unit of the
+ * driver's, some tens of milliseconds; 0 does not wait. Waits just as well while no channel is
+ * started. */
 int prof_channel_poll(ProfPollInfo* events, int num, int timeout);
 
 /* Moves the side buffer that the driver keeps for some channels into the channel, where it is
