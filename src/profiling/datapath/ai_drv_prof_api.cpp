@@ -44,13 +44,13 @@ std::string Place(int device, int channel) {
     return "profDeviceId=" + std::to_string(device) + ", profChannel=" + std::to_string(channel);
 }
 
-std::string Place(const DrvPeripheralProfileCfg& cfg) {
-    return Place(cfg.profDeviceId, cfg.profChannel) +
-           ", profSamplePeriod=" + std::to_string(cfg.profSamplePeriod);
+std::string Period(const DrvPeripheralProfileCfg& cfg) {
+    return ", profSamplePeriod=" + std::to_string(cfg.profSamplePeriod);
 }
 
 // One start as the driver sees it, and as the log tells it: `where` names device, channel and,
-// where there is one, the period.
+// for most that have one, the period. Where the lines before the call say it another way,
+// `period` adds it to the line of success.
 struct StartCall {
     const char* operation;
     std::string where;
@@ -58,6 +58,7 @@ struct StartCall {
     int channel;
     uint32_t channelType;
     uint32_t samplePeriod;
+    std::string period = {};
 
     // The driver's answer.
     int operator()(void* record, size_t size) const {
@@ -72,7 +73,8 @@ struct StartCall {
         if (ret != 0) {
             PROF_LOGE("Failed to start profiling %s, %s, ret=%d", operation, where.c_str(), ret);
         } else {
-            PROF_EVENT("Succeeded to start profiling %s, %s", operation, where.c_str());
+            PROF_EVENT("Succeeded to start profiling %s, %s%s", operation, where.c_str(),
+                       period.c_str());
         }
         return ret;
     }
@@ -80,12 +82,20 @@ struct StartCall {
 
 StartCall PeriodicCall(const char* operation, const DrvPeripheralProfileCfg& cfg,
                        uint32_t channelType = PROF_START_TS) {
-    return {operation,       Place(cfg),  cfg.profDeviceId,
-            cfg.profChannel, channelType, static_cast<uint32_t>(cfg.profSamplePeriod)};
+    return {operation,        Place(cfg.profDeviceId, cfg.profChannel) + Period(cfg),
+            cfg.profDeviceId, cfg.profChannel,
+            channelType,      static_cast<uint32_t>(cfg.profSamplePeriod)};
 }
 
 StartCall PlainCall(const char* operation, int device, int channel) {
     return {operation, Place(device, channel), device, channel, PROF_START_TS, 0};
+}
+
+StartCall PlainPeriodicCall(const char* operation, const DrvPeripheralProfileCfg& cfg) {
+    StartCall start = PeriodicCall(operation, cfg);
+    start.where = Place(cfg.profDeviceId, cfg.profChannel);
+    start.period = Period(cfg);
+    return start;
 }
 
 int AsResult(int ret) {
@@ -217,8 +227,7 @@ int DrvTsFwStart(const DrvPeripheralProfileCfg& cfg, const std::shared_ptr<Profi
         return -1;
     }
     ProfTsFwConfig record = TsFwRecord(cfg, *params);
-    StartCall start = PlainCall("DrvTsFwStart", cfg.profDeviceId, cfg.profChannel);
-    start.samplePeriod = static_cast<uint32_t>(cfg.profSamplePeriod);
+    const StartCall start = PlainPeriodicCall("DrvTsFwStart", cfg);
     PROF_EVENT("Begin to start profiling DrvTsFwStart, %s", start.where.c_str());
     PROF_EVENT(
         "DrvTsFwStart profDeviceId=%d, profChannel=%d, taskTrack=%u, cpuUsage=%u, "
@@ -238,8 +247,7 @@ int DrvStarsSocLogStart(const DrvPeripheralProfileCfg& cfg,
     record.fftsContextTask = IsOn(params->stars_acsq_task);
     record.fftsBlock = IsOn(params->taskBlock);
     record.tag = DynamicTag();
-    StartCall start = PlainCall("DrvStarsSocLogStart", cfg.profDeviceId, cfg.profChannel);
-    start.samplePeriod = static_cast<uint32_t>(cfg.profSamplePeriod);
+    const StartCall start = PlainPeriodicCall("DrvStarsSocLogStart", cfg);
     PROF_EVENT(
         "DrvStarsSocLogStart profDeviceId=%u, profChannel=%d, acsq_task=%u, acc_pmu=%u, "
         "cdqm_reg=%u, dvpp_vpc_block=%u, dvpp_jpegd_block=%u, dvpp_jpede_block=%u, "

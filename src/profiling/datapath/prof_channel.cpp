@@ -55,7 +55,9 @@ ChannelReader::ChannelReader(int deviceId, int channelId, const std::string& rel
       bufSize_(kDefaultBufSize),
       spaceSize_(kDefaultBufSize) {}
 
-ChannelReader::~ChannelReader() = default;
+ChannelReader::~ChannelReader() {
+    ReportLoss();  // replaced, or left behind at the end of the poll
+}
 
 int ChannelReader::Init() {
     const std::lock_guard<std::mutex> lock(mtx_);
@@ -111,7 +113,7 @@ void ChannelReader::SetQuit() {
 }
 
 uint64_t ChannelReader::HashId() {
-    return static_cast<uint64_t>(hashId_.load());
+    return static_cast<uint64_t>(hashId_);
 }
 
 int ChannelReader::Execute() {
@@ -189,16 +191,29 @@ void ChannelReader::UploadData() {
     if (dataSize_ == 0) {
         return;
     }
-    MessageBuffer message = buffer_->TakeMessage(dataSize_);
-    if (message == nullptr) {
-        return;  // the bytes are kept
-    }
     const std::string& jobId = jobCtx_ == nullptr ? std::string() : jobCtx_->job_id;
-    const int ret = UploaderMgr::instance().UploadData(jobId, std::move(message));
+    int ret = -1;
+    try {
+        MessageBuffer message = buffer_->TakeMessage(dataSize_);
+        if (message == nullptr) {
+            return;  // the bytes are kept
+        }
+        ret = UploaderMgr::instance().UploadData(jobId, std::move(message));
+    } catch (const std::exception& e) {
+        // The buffer may be gone with the message.
+        PROF_LOGE("make shared failed, message: %s", e.what());
+    }
     if (ret != 0) {
         PROF_LOGE("Upload data failed, jobId: %s", jobId.c_str());
+        ReportLoss();
     }
     dataSize_ = 0;
+}
+
+void ChannelReader::ReportLoss() const {
+    if (dataSize_ != 0) {
+        PROF_LOGE("device id %d, channel: %d, bytes lost:%u", deviceId_, channelId_, dataSize_);
+    }
 }
 
 void ChannelReader::Flush() {

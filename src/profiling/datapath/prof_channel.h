@@ -49,7 +49,8 @@ public:
 
     // Reads what a stopped channel still holds, to its end. On the thread that has stopped it.
     void Drain();
-    // Uploads what the buffer holds.
+    // Uploads what the buffer holds. What cannot be uploaded is lost, with a log line that says
+    // how much.
     void Flush();
     // Empties the driver's side buffer of the channels that have one, through the workers that
     // read the channel, and uploads it. Waits for that at most 2 s; ended by SetQuit, Uninit and a
@@ -66,6 +67,8 @@ private:
     int ReadOnce();
     bool MakeRoom();
     void UploadData();
+    // What the buffer holds does not reach the host.
+    void ReportLoss() const;
 
     // Needs flushMtx_.
     void AccountFlush(int ret);
@@ -75,7 +78,7 @@ private:
     const int channelId_;
     const std::string relativeFileName_;
     const std::shared_ptr<message::JobContext> jobCtx_;
-    std::atomic<int64_t> hashId_;
+    const int64_t hashId_;
     std::atomic<bool> quit_{false};
     std::atomic<bool> inited_{false};
     std::atomic<uint32_t> schedulingCount_{0};
