@@ -181,17 +181,17 @@ ProcAllPidsFileHandler::~ProcAllPidsFileHandler() {
 
 int ProcAllPidsFileHandler::Init() {
     PROF_LOGI("ProcAllPidsFileHandler Init");
-    GetCurPids(prevPids_);
+    static_cast<void>(GetCurPids(prevPids_));
     HandleNewPids(prevPids_);
     return 0;
 }
 
-void ProcAllPidsFileHandler::GetCurPids(Pids& pids) const {
+bool ProcAllPidsFileHandler::GetCurPids(Pids& pids) const {
     pids.clear();
     pids.reserve(kUsualPids);
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(procRoot_.c_str()), closedir);
     if (directory == nullptr) {
-        return;
+        return false;
     }
     while (const dirent* entry = readdir(directory.get())) {
         if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) {
@@ -203,6 +203,7 @@ void ProcAllPidsFileHandler::GetCurPids(Pids& pids) const {
         }
     }
     std::sort(pids.begin(), pids.end());
+    return true;
 }
 
 bool ProcAllPidsFileHandler::MakeHandlers(uint32_t pid, ProcPidFileHandler* handlers) const {
@@ -266,7 +267,10 @@ int ProcAllPidsFileHandler::Execute() {
     Pids current;
     Pids newPids;
     Pids exitPids;
-    GetCurPids(current);
+    // Nobody has gone because there was no descriptor to look: the handlers would begin anew.
+    if (!GetCurPids(current)) {
+        return 0;
+    }
     ComparePids(current, newPids, exitPids);
     HandleExitPids(exitPids);
     HandleNewPids(newPids);

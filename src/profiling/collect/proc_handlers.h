@@ -134,7 +134,8 @@ public:
 private:
     using Pids = std::vector<uint32_t>;  // sorted
 
-    void GetCurPids(Pids& pids) const;
+    // False when the processes cannot be listed; `pids` is then empty.
+    [[nodiscard]] bool GetCurPids(Pids& pids) const;
     void ComparePids(const Pids& current, Pids& newPids, Pids& exitPids) const;
     void HandleNewPids(const Pids& pids);
     void HandleExitPids(const Pids& pids);

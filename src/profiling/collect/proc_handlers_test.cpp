@@ -217,6 +217,9 @@ TEST_F(Processes, ComeAndGoWithoutABrokenRecord) {
     std::filesystem::remove(root / "6/statm");
     handler->Execute();
     Write(4, "p", "p\n");
+    std::filesystem::rename(root.path(), root.path() + "_hidden");  // nobody can be listed
+    handler->Execute();
+    std::filesystem::rename(root.path() + "_hidden", root.path());
     handler->Execute();
     handler->Uninit();
     std::map<std::string, size_t> counts;

@@ -89,7 +89,7 @@ int ProfSysInfoBase::Process() {
         return -1;
     }
     if (handler->Init() != 0) {
-        PROF_LOGE("%s Init Failed", kind_.handlerName);
+        PROF_LOGE("%s", kind_.initFailed);
         return -1;
     }
     PROF_LOGI("%s Init succ, sampleIntervalNs_:%llu", kind_.handlerName,
@@ -122,15 +122,15 @@ int ProfSysInfoBase::Uninit() {
 
 namespace {
 
-constexpr ProfSysInfoBase::Kind kSysStat{PROF_SYS_STAT,
-                                         "Not in device Side, SysStat Profiling not enabled",
-                                         "sys_profiling not enabled", "statHandler"};
-constexpr ProfSysInfoBase::Kind kSysMem{PROF_SYS_MEM,
-                                        "Not in device Side, SysMem Profiling not enabled",
-                                        "sys mem profiling not enabled", "memHandler"};
-constexpr ProfSysInfoBase::Kind kAllPids{PROF_ALL_PID,
-                                         "Not in device Side, AllPids Profiling not enabled",
-                                         "pid_profiling not enabled", "pidsHandler"};
+constexpr ProfSysInfoBase::Kind kSysStat{
+    PROF_SYS_STAT, "Not in device Side, SysStat Profiling not enabled", "sys_profiling not enabled",
+    "statHandler Init Failed", "statHandler"};
+constexpr ProfSysInfoBase::Kind kSysMem{
+    PROF_SYS_MEM, "Not in device Side, SysMem Profiling not enabled",
+    "sys mem profiling not enabled", "memHandler Init Failed", "memHandler"};
+constexpr ProfSysInfoBase::Kind kAllPids{
+    PROF_ALL_PID, "Not in device Side, AllPids Profiling not enabled", "pid_profiling not enabled",
+    "pidsHandler Init Failed", "pidsHandler"};
 
 bool IsOn(const std::string& parameter) {
     return parameter == "on";

@@ -24,6 +24,7 @@ public:
         uint32_t timerTag;
         const char* notOnDevice;  // log lines
         const char* switchedOff;
+        const char* initFailed;
         const char* handlerName;
     };
 
