@@ -12,36 +12,7 @@ import threading
 import pytest
 
 from device import BIN, wait_for
-from wire import REQUESTS, Peer, request
-
-PACKAGE = "analysis.nedra.proto."
-
-
-def varint(value):
-    out = bytearray()
-    value &= (1 << 64) - 1
-    while value > 127:
-        out.append(value & 127 | 128)
-        value >>= 7
-    return bytes(out + bytes([value]))
-
-
-def fields(values):
-    """Protobuf bytes of {number: integer, text or bytes}."""
-    out = b""
-    for number, value in values.items():
-        if isinstance(value, int):
-            out += varint(number << 3) + varint(value)
-        else:
-            value = value.encode() if isinstance(value, str) else value
-            out += varint(number << 3 | 2) + varint(len(value)) + value
-    return out
-
-
-def message(name, values):
-    kind = (PACKAGE + name).encode() + b"\0"
-    return request(5, struct.pack(">I", len(kind)) + kind + fields(values))
-
+from wire import PACKAGE, REQUESTS, Peer, fields, message, request
 
 def reply(status=0, text='{"dev_id":"-1","info":"","status":0}'):
     return message("Response", {3: status, 4: text})

@@ -27,6 +27,37 @@ def request(kind, value, dev_id=0, stated=None):
     return struct.pack("<III", kind, dev_id, len(value) if stated is None else stated) + value
 
 
+# ---- Profiling: protobuf in an envelope in a request of type 5 -----------------------------
+
+PACKAGE = "analysis.nedra.proto."
+
+
+def varint(value):
+    out = bytearray()
+    value &= (1 << 64) - 1
+    while value > 127:
+        out.append(value & 127 | 128)
+        value >>= 7
+    return bytes(out + bytes([value]))
+
+
+def fields(values):
+    """Protobuf bytes of {number: integer, text or bytes}."""
+    out = b""
+    for number, value in values.items():
+        if isinstance(value, int):
+            out += varint(number << 3) + varint(value)
+        else:
+            value = value.encode() if isinstance(value, str) else value
+            out += varint(number << 3 | 2) + varint(len(value)) + value
+    return out
+
+
+def message(name, values):
+    kind = (PACKAGE + name).encode() + b"\0"
+    return request(5, struct.pack(">I", len(kind)) + kind + fields(values))
+
+
 class Peer:
     """One raw connection to a device's socket."""
 
@@ -76,6 +107,14 @@ class Peer:
             return False
 
     def close(self):
+        self.socket.close()
+
+    def shut(self):
+        """Closes the session also for a thread that waits for it."""
+        try:
+            self.socket.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
         self.socket.close()
 
     def __enter__(self):

@@ -1,0 +1,291 @@
+"""A host profiles a device: the conversation with the real daemon, byte for byte, and its end in
+every place where a host may go, stop reading or say something else."""
+import json
+import random
+import signal
+import struct
+import threading
+
+import pytest
+
+from device import BIN, Device, end, settled, threads_and_descriptors, wait_for
+from wire import PACKAGE, Peer, frame, hello, message, request, segment
+
+TWO = {"devices": [{"logical": 0, "physical": 0}, {"logical": 1, "physical": 1}]}
+SAMPLING = json.dumps({"sys_profiling": "on", "pid_profiling": "on"})
+REFUSED_CONTAINER = request(5, b"MESSAGE_CONTAINER_NO_SUPPORT")
+
+
+def reply(status=0, info=""):
+    text = f'{{"dev_id":"-1","info":"{info}","status":{status}}}'
+    return message("Response", {**({3: status} if status else {}), 4: text})
+
+
+def context(job="j1", host_device=0):
+    return {1: b"\x12" + bytes([len(text := json.dumps({"dev_id": str(host_device), "job_id": job}))])
+            + text.encode()}
+
+
+def params(job="j1", config=SAMPLING):
+    return json.dumps({"job_id": job, **json.loads(config)})
+
+
+@pytest.fixture(scope="module")
+def device():
+    with Device(TWO) as made:
+        made.program = made.daemon()
+        wait_for(lambda: made.listens(1), "second device")
+        yield made
+
+
+def work_dirs(device):
+    return sorted(p.name for p in (device.root / "var/log/npu/profiling").iterdir())
+
+
+class Host:
+    """One job of one host, step by step; each step returns the device's reply."""
+
+    def __init__(self, device, job="j1", number=0, mode="def_mode", reads=True):
+        self.device, self.job, self.number, self.mode = device, job, number, mode
+        self.control = self.data = None
+        self.reader = threading.Thread(target=self.read) if reads else None
+        self.names, self.last = [], b""
+
+    def handshake(self):
+        self.control = Peer(self.device.hdc, device=self.number)
+        self.control.message(message("CtrlChannelHandshake", {1: self.job, 2: self.number,
+                                                              3: self.mode}))
+        return self.control.receive()
+
+    def data_handshake(self):
+        self.data = Peer(self.device.hdc, device=self.number)
+        self.data.message(message("DataChannelHandshake", {1: self.job, 3: self.mode}))
+        answer = self.data.receive()
+        if self.reader is not None:
+            self.reader.start()
+        return answer
+
+    def read(self):
+        """Takes what comes, as a host must, or the device waits for it at the stop."""
+        try:
+            while True:
+                self.last = self.data.receive()
+                size = struct.unpack_from(">I", self.last, 12)[0]
+                self.names.append(self.last[16:16 + size - 1].decode().removeprefix(PACKAGE))
+        except (EOFError, OSError):
+            pass
+
+    def ask(self, name, values=None):
+        self.control.message(message(name, {**context(self.job, self.number), **(values or {})}))
+        return self.control.receive()
+
+    def job_start(self, config=SAMPLING):
+        return self.ask("JobStartReq", {2: params(self.job, config)})
+
+    def replay_start(self):
+        return self.ask("ReplayStartReq")
+
+    def replay_stop(self):
+        return self.ask("ReplayStopReq")
+
+    def job_stop(self):
+        return self.ask("JobStopReq")
+
+    STEPS = [handshake, data_handshake, job_start, replay_start]
+
+    def start(self):
+        for step in self.STEPS:
+            assert step(self) == reply(), step.__name__
+        return self
+
+    def first_chunk(self):
+        wait_for(lambda: "FileChunkReq" in self.names, "chunk")
+
+    def drain(self):
+        """Names of all messages up to the end of the data session, and the last message."""
+        self.reader.join(30)
+        return self.names, self.last
+
+    def close(self):
+        for session in (self.control, self.data):
+            if session is not None:
+                session.shut()
+
+
+def at_rest(device, before):
+    def back():
+        threads, descriptors = threads_and_descriptors(device.program)
+        return threads <= before[0] and descriptors <= before[1] + 1 and not work_dirs(device)
+    wait_for(back, f"threads, descriptors {before} and directories")
+
+
+def test_conversation(device):
+    before = settled(device.program)
+    host = Host(device).start()
+    assert work_dirs(device) == ["0", "j1"]
+    host.first_chunk()
+    assert host.replay_stop() == reply()
+    assert host.replay_start() == reply(), "once more in the same job"
+    assert host.replay_stop() == reply()
+    assert host.job_stop() == reply()
+    names, last = host.drain()
+    assert names[-1] == "DataChannelFinish" and set(names[:-1]) == {"FileChunkReq"}
+    assert b'"dev_id":"0"' in last and b'"job_id":"j1"' in last
+    host.close()
+    at_rest(device, before)
+
+
+def test_refusals(device):
+    before = settled(device.program)
+    first = [
+        (request(5, b"nonsense"), reply(1, "Failed to decode message")),
+        (message("JobStopReq", {}), reply(1, "unknown message")),
+        (message("CtrlChannelHandshake", {1: "j", 2: 64}), reply(1)),
+        (message("DataChannelHandshake", {1: "a_b"}), reply(1)),
+        (message("DataChannelHandshake", {1: "j" * 513}), reply(1)),
+        (message("DataChannelHandshake", {1: "j", 3: "sample-based"}), reply(1)),
+    ]
+    for sent, expected in first:
+        with Peer(device.hdc) as peer:
+            peer.message(sent)
+            assert peer.receive() == expected
+            assert peer.closed()
+    with Peer(device.hdc) as peer:  # longer than a first request may be
+        peer.message(request(5, bytes(0x300001)))
+        assert peer.closed()
+    with Peer(device.hdc, greeting=hello(vf_id=1)) as peer:
+        peer.message(request(5, b"nonsense"))
+        assert peer.receive() == REFUSED_CONTAINER
+
+    host = Host(device)
+    assert host.handshake() == reply()
+    assert host.ask("JobStartReq", {2: "{"}) == reply(1, "invalid sample configuration")
+    assert host.job_start() == reply(1, "Create task failed."), "its key stays taken"
+    assert host.job_stop() == reply(1, "Profiling is not started on device")
+    assert host.ask("JobStartReq", {2: json.dumps({"job_id": "../x"})}) == reply(
+        1, "Failed to create tmp root result directory.")
+    assert host.job_stop() == reply(1, "Profiling is not started on device")
+    assert host.job_start() == reply()
+    assert host.replay_start() == reply(1, "start failed"), "no data session, so no job runs"
+    assert host.job_stop() == reply(1, "Profiling is not started on device")
+    assert host.job_start() == reply()
+    host.control.message(nine_events())
+    assert host.control.receive() == reply(1, "[Start] pmu event size is not valid!")
+    assert host.job_stop() == reply(1, "Profiling is not started on device")
+    silent = [message("ReplayStopReq", context("other")), message("ReplayStopReq", {}),
+              message("FileAck", {}), request(5, b"")]
+    for packet in silent:
+        host.control.message(packet)
+    assert host.job_start() == reply(), "the next that is answered"
+    other = Host(device, "j2")
+    assert other.handshake() == reply(1), "one job for a device and mode"
+    assert other.control.closed()
+    third = Host(device, "j3", mode="system-wide")
+    assert third.handshake() == reply()
+    assert host.job_stop() == reply()
+    for one in (host, other, third):
+        one.close()
+    at_rest(device, before)
+
+
+def nine_events():
+    """A ReplayStartReq with one control CPU event more than there may be."""
+    return request(5, message("ReplayStartReq", context())[12:] + b"\x1a\x030x1" * 9)
+
+
+@pytest.mark.parametrize("steps", range(1, len(Host.STEPS) + 1))
+@pytest.mark.parametrize("half", [b"", frame(segment(message("JobStopReq", context())))[:-7],
+                                  frame(segment(b"begun", last=0))])
+def test_host_vanishes(device, steps, half):
+    before = settled(device.program)
+    host = Host(device)
+    for step in Host.STEPS[:steps]:
+        assert step(host) == reply()
+    host.control.raw(half)
+    host.close()
+    if steps == 2:  # nothing tells the device that this data session will never have a job
+        again = Host(device)
+        assert wait_for(lambda: again.handshake() == reply(), "handshake")
+        assert again.job_start() == reply() and again.job_stop() == reply()
+        again.close()
+    at_rest(device, before)
+    host = Host(device).start()
+    assert host.job_stop() == reply()
+    host.close()
+    at_rest(device, before)
+
+
+def test_samplers_exist_once(device):
+    before = settled(device.program)
+    first, second = Host(device, "a", 0).start(), Host(device, "b", 1)
+    for step in Host.STEPS[:3]:
+        assert step(second) == reply()
+    assert second.replay_start() == reply(1, "start failed")
+    assert second.job_stop() == reply(1, "Profiling is not started on device")
+    assert first.job_stop() == reply() and first.drain()[0][-1] == "DataChannelFinish"
+    assert second.drain()[0] == ["DataChannelFinish"], "what the refused start has ended"
+    second.close()
+    second = Host(device, "b", 1).start()
+    assert second.job_stop() == reply()
+    first.close()
+    second.close()
+    at_rest(device, before)
+
+
+def test_stop_of_the_daemon_ends_jobs_with_their_data():
+    with Device() as device:
+        daemon = device.daemon()
+        device.program = daemon
+        host = Host(device).start()
+        host.first_chunk()
+        daemon.send_signal(signal.SIGTERM)
+        names, _ = host.drain()
+        assert names[-1] == "DataChannelFinish" and "FileChunkReq" in names
+        assert daemon.wait(10) == 0
+        assert not work_dirs(device)
+        host.close()
+
+
+def test_host_that_does_not_read():
+    with Device(TWO) as device:
+        daemon = device.daemon()
+        device.start(BIN / "orla-slogd", join=True)
+        host = Host(device, reads=False).start()
+        wait_for(lambda: any("IsFULL" in line for line in device.lines()), "full queue", 120)
+        wait_for(lambda: device.orlactl("log", "get", "CORE").returncode == 0, "log service")
+        other = Host(device, "j2", 1)
+        assert other.handshake() == reply()
+        other.close()
+        code, seconds = end(daemon, seconds=50)
+        assert code == 0 and 25 < seconds < 40
+        assert any("uploader gives up" in line for line in device.lines())
+        host.close()
+
+
+def test_any_conversation_leaves_a_daemon_that_serves(device):
+    chance = random.Random(7)
+    before = settled(device.program)
+    packets = [message(name, {**context(), 2: params()}) for name in (
+        "JobStartReq", "JobStopReq", "ReplayStartReq", "ReplayStopReq", "FileAck")]
+    packets += [message("CtrlChannelHandshake", {1: "j1"}), message("DataChannelHandshake", {1: "j1"}),
+                request(5, b""), request(4, b"get"), request(5, bytes(100)), b"", bytes(11)]
+    for _ in range(300):
+        with Peer(device.hdc) as peer:
+            if chance.random() < 0.8:
+                peer.message(packets[5 + chance.randrange(2)])
+            try:
+                for _ in range(chance.randrange(6)):
+                    packet = bytearray(chance.choice(packets))
+                    for _ in range(chance.randrange(3) if packet else 0):
+                        packet[chance.randrange(len(packet))] ^= 1 << chance.randrange(8)
+                    peer.message(bytes(packet), limit=chance.choice([7, 524276]))
+            except OSError:
+                pass  # it has had enough
+    again = Host(device)
+    wait_for(lambda: again.handshake() == reply(), "handshake")
+    for step in Host.STEPS[1:]:
+        assert step(again) == reply()
+    assert again.job_stop() == reply() and again.drain()[0][-1] == "DataChannelFinish"
+    again.close()
+    wait_for(lambda: not work_dirs(device), "end of the directories")
+    assert device.program.poll() is None and before
