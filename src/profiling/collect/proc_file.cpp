@@ -45,8 +45,10 @@ bool ProcFile::Open() {
     if (fd_ < 0) {
         return false;
     }
-    struct stat status = {};
-    size_ = fstat(fd_, &status) == 0 ? int64_t{status.st_size} : -1;
+    if (last_ != Outcome::kRead || size_ < 0) {
+        struct stat status = {};
+        size_ = fstat(fd_, &status) == 0 ? int64_t{status.st_size} : -1;
+    }
     isCounted_ = keep_ == Keep::kIfSpare && TakeKept();
     return true;
 }

@@ -39,7 +39,8 @@ public:
     [[nodiscard]] bool failsAnew() const { return failsAnew_; }
 
     [[nodiscard]] const std::string& path() const { return path_; }
-    // What the system said of the file when it was opened last, bytes.
+    // What the system said of the file before its first reading and after a failed one, bytes. In
+    // between only what is read counts: these files say 0, whatever they hold.
     [[nodiscard]] int64_t size() const { return size_; }
 
 private:
@@ -52,7 +53,7 @@ private:
     const std::string path_;
     const int64_t maxSize_;
     const Keep keep_;
-    int64_t size_ = 0;
+    int64_t size_ = -1;  // not asked for yet, or not to be known
     int fd_ = -1;
     bool isCounted_ = false;  // among the kept ones
     Outcome last_ = Outcome::kRead;

@@ -301,7 +301,7 @@ TEST_F(Processes, AFileIsOpenedAgainForTheNextOwnerOfItsName) {
 
 TEST_F(Sampling, OnTheHostSendsTextOnly) {
     road.params->host_sys_pid = getpid();
-    const auto sample = [this](auto handler) {
+    const auto sample = [](auto handler) {
         ASSERT_EQ(handler.Init(), 0);
         handler.Execute();
         handler.Uninit();
