@@ -137,10 +137,11 @@ struct Channels : orla::device_test::DeviceTest {
 };
 
 TEST_F(Channels, WhatTheDriverHandsOutReachesAHostThatPauses) {
+    orla::control::SetLogLevel(orla::control::LogLevel::kWarning);
     std::mt19937 random(413);
     ProfChannelList all{};
     ASSERT_EQ(prof_drv_get_channels(0, &all), 0);
-    std::string channels = R"({"id": 1, "rate": 20000000, "buffer": 262144})";
+    std::string channels = R"({"id": 1, "rate": 8000000, "buffer": 65536})";
     for (uint32_t i = 1; i < all.channelNum; ++i) {
         channels += R"(, {"id": )" + std::to_string(all.channels[i].channelId) + R"(, "rate": )" +
                     std::to_string(random() % 100000) + "}";
@@ -159,7 +160,7 @@ TEST_F(Channels, WhatTheDriverHandsOutReachesAHostThatPauses) {
     EXPECT_TRUE(WaitFor([] { return CountsOf(0, 1).lost > 0 && CountsOf(1, 1).lost > 0; }));
     const uint64_t before = CountsOf(0, 1).delivered;
     host->Read(true);
-    EXPECT_TRUE(WaitFor([&] { return CountsOf(0, 1).delivered > before + 100000; }));
+    EXPECT_TRUE(WaitFor([&] { return CountsOf(0, 1).delivered > before + 30000; }));
     forAll([&](int device, int channel) { Close(poll, device, channel); });
     auto streams = Received();
     forAll([&](int device, int channel) {
@@ -176,13 +177,14 @@ TEST_F(Channels, WhatTheDriverHandsOutReachesAHostThatPauses) {
 }
 
 TEST_F(Channels, MayComeAndGoWhileOthersRun) {
+    orla::control::SetLogLevel(orla::control::LogLevel::kWarning);
     constexpr int kJobs = 4;
     constexpr int kEach = 16;
     constexpr int kFirst = 11;
     std::string channels = R"({"id": 2})";
     for (int i = 0; i < kJobs * kEach; ++i) {
         channels += R"(, {"id": )" + std::to_string(kFirst + i) + R"(, "rate": )" +
-                    (i % 9 == 0 ? R"("unlimited", "records": 70000)" : "900000") + "}";
+                    (i % 9 == 0 ? R"("unlimited", "records": 20000)" : "900000") + "}";
     }
     Use(channels);
     Connect(8);
@@ -200,9 +202,9 @@ TEST_F(Channels, MayComeAndGoWhileOthersRun) {
                 Open(*poll, 0, channel);
             }
         };
-        for (int round = 0; round < 8 * kEach; ++round) {
+        for (int round = 0; round < 4 * kEach; ++round) {
             change(kFirst + index * kEach + static_cast<int>(random() % kEach), true);
-            if (round % 8 == 0) {
+            if (round % 4 == 0) {
                 poll->FlushAllChannel();
                 mgr.FlushChannel();
             }
@@ -317,7 +319,7 @@ TEST_F(Channels, FlushOfTheDriverEndsWithWhateverComesFirst) {
 // ---- The poll ---------------------------------------------------------------------------------
 
 TEST_F(Channels, PollDispatchesWhoIsNotBusy) {
-    Use(R"({"id": 2, "rate": 1000000}, {"id": 4, "rate": 1000000}, {"id": 7, "rate": 1000000})");
+    Use(R"({"id": 2, "rate": 100000}, {"id": 4, "rate": 100000}, {"id": 7, "rate": 100000})");
     Connect();
     ChannelPoll poll;
     ASSERT_EQ(poll.Start(), 0);
@@ -352,7 +354,7 @@ TEST_F(Channels, PollDispatchesWhoIsNotBusy) {
 }
 
 TEST_F(Channels, PollEndsWithAnErrorAndNotBefore) {
-    for (const int result : {-1, -2, -5, 7}) {
+    for (const int result : {-1, -5, 7}) {
         SCOPED_TRACE(result);
         orla::control::ClearFaults();
         const uint64_t from = CallCount("prof_channel_poll");
