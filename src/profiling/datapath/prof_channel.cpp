@@ -136,7 +136,14 @@ int ChannelReader::Execute() {
     return 0;
 }
 
+bool ChannelReader::IsReported() const {
+    return JsonParser::instance().GetChannelReporterSwitch(static_cast<uint32_t>(channelId_));
+}
+
 void ChannelReader::Drain() {
+    if (!IsReported()) {
+        return;
+    }
     const std::lock_guard<std::mutex> lock(mtx_);
     while (inited_ && !quit_ && ReadOnce() > 0) {
     }
@@ -261,7 +268,7 @@ void ChannelReader::FlushDrvBuff() {
             PROF_LOGI("No drv data need flush.");
             return;
         }
-        if (quit_ || !inited_) {
+        if (quit_ || !inited_ || !IsReported()) {
             return;  // nobody will read it
         }
         flushPending_ = true;

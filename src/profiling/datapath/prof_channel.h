@@ -47,7 +47,8 @@ public:
     int Execute() override;
     uint64_t HashId() override;
 
-    // Reads what a stopped channel still holds, to its end. On the thread that has stopped it.
+    // Reads what a stopped channel still holds, to its end, unless the tuning file keeps the
+    // channel from the host. On the thread that has stopped it.
     void Drain();
     // Uploads what the buffer holds. What cannot be uploaded is lost, with a log line that says
     // how much.
@@ -63,6 +64,9 @@ public:
     void SetSchedulingStatus(bool isDispatched);
 
 private:
+    // What the tuning file says; the poll leaves the others unread.
+    [[nodiscard]] bool IsReported() const;
+
     // These need mtx_.
     int ReadOnce();
     bool MakeRoom();
