@@ -224,11 +224,8 @@ int CollectionEntry::StartReceiver(const std::shared_ptr<Receiver>& receiver,
         PROF_LOGE("[HandleCtrlSession]Failed to start receiver thread, ret=%d", ret);
         receiver->SetQuit();
         DeleteModeJobIdRelation(devIndexId, handshake.mode());
-        const std::lock_guard<std::mutex> lock(receiverMutex_);
-        auto& receivers = receiverMap_[handshake.jobid()];
-        if (receivers[devIndexId] == receiver) {
-            receivers.erase(devIndexId);  // the caller still holds it
-        }
+        // The caller still holds it, for the reply.
+        static_cast<void>(TakeReceiver(handshake.jobid(), devIndexId));
         return ret;
     }
     status.status = 0;
@@ -333,25 +330,22 @@ void CollectionEntry::DeleteReceiver(const std::string& jobId, int devIndexId) {
     if (jobId.empty()) {
         return;
     }
-    std::shared_ptr<Receiver> deleted;
-    {
-        const std::lock_guard<std::mutex> lock(receiverMutex_);
-        const auto job = receiverMap_.find(jobId);
-        if (job == receiverMap_.end()) {
-            return;
-        }
-        const auto receiver = job->second.find(devIndexId);
-        if (receiver != job->second.end()) {
-            deleted = std::move(receiver->second);
-            job->second.erase(receiver);
-        }
-        if (job->second.empty()) {
-            receiverMap_.erase(job);
-        }
-    }
-    if (deleted != nullptr) {
+    if (const auto deleted = TakeReceiver(jobId, devIndexId); deleted != nullptr) {
         deleted->Uninit();
     }
+}
+
+std::shared_ptr<Receiver> CollectionEntry::TakeReceiver(const std::string& jobId, int devIndexId) {
+    const std::lock_guard<std::mutex> lock(receiverMutex_);
+    const auto job = receiverMap_.find(jobId);
+    if (job == receiverMap_.end()) {
+        return nullptr;
+    }
+    const auto taken = job->second.extract(devIndexId);
+    if (job->second.empty()) {
+        receiverMap_.erase(job);
+    }
+    return taken.empty() ? nullptr : taken.mapped();
 }
 
 void CollectionEntry::AddModeJobIdRelation(int devIndexId, const std::string& mode,

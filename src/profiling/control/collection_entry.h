@@ -78,6 +78,8 @@ private:
                       int devIndexId);
     int HandleDataSession(const std::shared_ptr<transport::Uploader>& uploader,
                           const proto::DataChannelHandshake& handshake, int devIndexId);
+    // Out of the registry, and still to be ended; null when there is none.
+    std::shared_ptr<Receiver> TakeReceiver(const std::string& jobId, int devIndexId);
     bool IsLastJobRunning(const std::string& mode, int devIndexId);
 
     std::atomic<bool> isInited_{false};

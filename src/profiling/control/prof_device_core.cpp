@@ -129,10 +129,10 @@ int IdeDeviceProfileProcess(drvHdcSession_t session, const IdeRequest* request) 
 
 int IdeDeviceProfileCleanup() {
     PROF_EVENT("Begin to cleanup profiling");
-    if (CollectionEntry::instance().Uninit() != 0) {
+    if (Guarded([] { return CollectionEntry::instance().Uninit(); }) != 0) {
         PROF_LOGE("CollectionEntry instance unInit failed");
     }
-    const int ret = TaskManager::instance().Uninit();
+    const int ret = Guarded([] { return TaskManager::instance().Uninit(); });
     PROF_EVENT("End to cleanup profiling, ret:%d", ret);
     return ret;
 }

@@ -1,5 +1,6 @@
 #include "profiling/control/receiver.h"
 
+#include <exception>
 #include <string_view>
 #include <utility>
 
@@ -19,6 +20,8 @@ Receiver::Receiver(std::shared_ptr<ITransport> transport) : transport_(std::move
 
 Receiver::~Receiver() {
     Receiver::Uninit();
+    // For one that was started after its end.
+    static_cast<void>(Thread::Stop());
 }
 
 int Receiver::Init(int devId) {
@@ -44,6 +47,7 @@ int Receiver::Init(int devId) {
 }
 
 void Receiver::CloseSession() {
+    isClosed_ = true;
     if (const auto transport = GetTransport(); transport != nullptr) {
         transport->CloseSession();
     }
@@ -91,7 +95,9 @@ void Receiver::Run(const common::thread::TraceletErrorContext& context) {
         return;
     }
     bool isAlive = true;
-    while ((isAlive = ServeOne(*transport)) && !IsQuit()) {
+    // One whose session was closed under a command is asked to quit as well, but has tasks to
+    // reset: it reads on, which fails.
+    while ((isAlive = ServeOne(*transport)) && (!IsQuit() || isClosed_)) {
     }
     if (!isAlive) {
         PROF_LOGW("devIdOnHost(%d) Failed to recv packet from host", devIdOnHost_.load());
@@ -115,7 +121,11 @@ bool Receiver::ServeOne(ITransport& transport) {
         message = message::DecodeMessage({packet->value, packet->len});
     }
     transport.DestroyPacket(packet);
-    dispatcher_->OnNewMessage(message);
+    try {
+        dispatcher_->OnNewMessage(message);
+    } catch (const std::exception& e) {
+        PROF_LOGE("A command ends by an exception, message: %s", e.what());
+    }
     return true;
 }
 

@@ -52,6 +52,7 @@ private:
     std::atomic<int> devId_{-1};
     std::atomic<int> devIdOnHost_{-1};
     std::atomic<bool> isInited_{false};
+    std::atomic<bool> isClosed_{false};  // by this side
 
     mutable std::mutex mutex_;
     std::shared_ptr<transport::ITransport> transport_;  // guarded by mutex_
