@@ -97,6 +97,14 @@ def threads_and_descriptors(program):
     return len(list((status / "task").iterdir())), len(list((status / "fd").iterdir()))
 
 
+def resident(program):
+    """Kilobytes of memory."""
+    for line in pathlib.Path(f"/proc/{program.pid}/status").read_text().splitlines():
+        if line.startswith("VmRSS:"):
+            return int(line.split()[1])
+    raise AssertionError("no resident size")
+
+
 def settled(program):
     """The same, once a start or a burst of sessions has come to rest."""
     seen = []

@@ -1,14 +1,13 @@
 """Jobs, pulls and log requests in a loop, for as long as asked for, while the daemon's memory, threads
 and descriptors are watched. Fails when its memory at the end is more than 5 % above that of the
 plateau, or anything else did not come back. Usage: soak.py SECONDS"""
-import pathlib
 import statistics
 import sys
 import tempfile
 import threading
 import time
 
-from device import BIN, Device, end, settled, wait_for
+from device import BIN, Device, end, resident, settled, wait_for
 
 SCENARIO = {"devices": [{"logical": 0, "physical": 0}, {"logical": 1, "physical": 1}]}
 ROUNDS = {  # what one host does again and again
@@ -19,14 +18,6 @@ ROUNDS = {  # what one host does again and again
 }
 # Of two jobs one has the samplers: the other is refused, or misses them.
 MAY_FAIL = {"job": {0, 3, 5}, "other job": {0, 3, 5}}
-
-
-def resident(program):
-    """Kilobytes."""
-    for line in pathlib.Path(f"/proc/{program.pid}/status").read_text().splitlines():
-        if line.startswith("VmRSS:"):
-            return int(line.split()[1])
-    raise AssertionError("no resident size")
 
 
 def host(device, name, until, counts):

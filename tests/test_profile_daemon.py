@@ -5,14 +5,17 @@ import random
 import signal
 import struct
 import threading
+import time
 
 import pytest
 
-from device import BIN, Device, end, settled, threads_and_descriptors, wait_for
-from wire import PACKAGE, Peer, frame, hello, message, request, segment
+from device import BIN, Device, end, resident, settled, threads_and_descriptors, wait_for
+from wire import PACKAGE, Peer, fields, frame, hello, message, request, segment
 
 TWO = {"devices": [{"logical": 0, "physical": 0}, {"logical": 1, "physical": 1}]}
 SAMPLING = json.dumps({"sys_profiling": "on", "pid_profiling": "on"})
+LLC = json.dumps({"tracelet_llc_profiling": "on"})
+HOST_NUMBER = 7  # of device 0, as its host counts
 REFUSED_CONTAINER = request(5, b"MESSAGE_CONTAINER_NO_SUPPORT")
 
 
@@ -21,9 +24,8 @@ def reply(status=0, info=""):
     return message("Response", {**({3: status} if status else {}), 4: text})
 
 
-def context(job="j1", host_device=0):
-    return {1: b"\x12" + bytes([len(text := json.dumps({"dev_id": str(host_device), "job_id": job}))])
-            + text.encode()}
+def context(job="j1", host_number=HOST_NUMBER):
+    return {1: fields({2: json.dumps({"dev_id": str(host_number), "job_id": job})})}
 
 
 def params(job="j1", config=SAMPLING):
@@ -47,13 +49,14 @@ class Host:
 
     def __init__(self, device, job="j1", number=0, mode="def_mode", reads=True):
         self.device, self.job, self.number, self.mode = device, job, number, mode
+        self.host_number = HOST_NUMBER + number
         self.control = self.data = None
         self.reader = threading.Thread(target=self.read) if reads else None
         self.names, self.last = [], b""
 
     def handshake(self):
         self.control = Peer(self.device.hdc, device=self.number)
-        self.control.message(message("CtrlChannelHandshake", {1: self.job, 2: self.number,
+        self.control.message(message("CtrlChannelHandshake", {1: self.job, 2: self.host_number,
                                                               3: self.mode}))
         return self.control.receive()
 
@@ -76,14 +79,14 @@ class Host:
             pass
 
     def ask(self, name, values=None):
-        self.control.message(message(name, {**context(self.job, self.number), **(values or {})}))
+        self.control.message(message(name, {**context(self.job, self.host_number), **(values or {})}))
         return self.control.receive()
 
     def job_start(self, config=SAMPLING):
         return self.ask("JobStartReq", {2: params(self.job, config)})
 
-    def replay_start(self):
-        return self.ask("ReplayStartReq")
+    def replay_start(self, values=None):
+        return self.ask("ReplayStartReq", values)
 
     def replay_stop(self):
         return self.ask("ReplayStopReq")
@@ -94,7 +97,9 @@ class Host:
     STEPS = [handshake, data_handshake, job_start, replay_start]
 
     def start(self):
-        for step in self.STEPS:
+        # The host before may have gone only just now.
+        wait_for(lambda: self.handshake() == reply(), "handshake")
+        for step in self.STEPS[1:]:
             assert step(self) == reply(), step.__name__
         return self
 
@@ -130,7 +135,7 @@ def test_conversation(device):
     assert host.job_stop() == reply()
     names, last = host.drain()
     assert names[-1] == "DataChannelFinish" and set(names[:-1]) == {"FileChunkReq"}
-    assert b'"dev_id":"0"' in last and b'"job_id":"j1"' in last
+    assert b'"dev_id":"7"' in last and b'"job_id":"j1"' in last
     host.close()
     at_rest(device, before)
 
@@ -139,6 +144,7 @@ def test_refusals(device):
     before = settled(device.program)
     first = [
         (request(5, b"nonsense"), reply(1, "Failed to decode message")),
+        (request(5, bytes(0x300000)), reply(1, "Failed to decode message")),
         (message("JobStopReq", {}), reply(1, "unknown message")),
         (message("CtrlChannelHandshake", {1: "j", 2: 64}), reply(1)),
         (message("DataChannelHandshake", {1: "a_b"}), reply(1)),
@@ -166,6 +172,9 @@ def test_refusals(device):
         1, "Failed to create tmp root result directory.")
     assert host.job_stop() == reply(1, "Profiling is not started on device")
     assert host.job_start() == reply()
+    assert host.replay_start({3: "cycles"}) == reply(1, "[CollectStart] pmu event is not valid.")
+    assert host.job_stop() == reply(1, "Profiling is not started on device")
+    assert host.job_start() == reply()
     assert host.replay_start() == reply(1, "start failed"), "no data session, so no job runs"
     assert host.job_stop() == reply(1, "Profiling is not started on device")
     assert host.job_start() == reply()
@@ -173,7 +182,9 @@ def test_refusals(device):
     assert host.control.receive() == reply(1, "[Start] pmu event size is not valid!")
     assert host.job_stop() == reply(1, "Profiling is not started on device")
     silent = [message("ReplayStopReq", context("other")), message("ReplayStopReq", {}),
-              message("FileAck", {}), request(5, b"")]
+              message("JobStartReq", {**context(host_number=64), 2: params()}),
+              message("JobStartReq", {**context("a_b"), 2: params("a_b")}),
+              message("FileAck", {}), request(5, b""), request(5, b"x", stated=9)]
     for packet in silent:
         host.control.message(packet)
     assert host.job_start() == reply(), "the next that is answered"
@@ -195,7 +206,7 @@ def nine_events():
 
 @pytest.mark.parametrize("steps", range(1, len(Host.STEPS) + 1))
 @pytest.mark.parametrize("half", [b"", frame(segment(message("JobStopReq", context())))[:-7],
-                                  frame(segment(b"begun", last=0))])
+                                  frame(segment(b"begun", last=0))], ids=["", "cut", "first"])
 def test_host_vanishes(device, steps, half):
     before = settled(device.program)
     host = Host(device)
@@ -232,39 +243,83 @@ def test_samplers_exist_once(device):
     at_rest(device, before)
 
 
+def test_jobs_overlap_on_two_devices(device):
+    before = settled(device.program)
+    hosts = [Host(device, "a", 0), Host(device, "b", 1)]
+    for host in hosts:
+        assert [host.handshake(), host.data_handshake(), host.job_start(LLC)] == [reply()] * 3
+        assert host.job_start(LLC) == reply(1, "Create task failed."), "whatever the device"
+        assert host.replay_start({8: "read"}) == reply()
+    assert work_dirs(device) == ["0", "1", "a", "b"]
+    for host in hosts:
+        assert host.job_stop() == reply()
+        names, last = host.drain()
+        assert set(names[:-1]) == {"FileChunkReq"} and names[-1] == "DataChannelFinish"
+        assert f'"dev_id":"{host.host_number}"'.encode() in last
+        host.close()
+    at_rest(device, before)
+
+
+def test_jobs_leave_nothing(device):
+    for i in range(60):
+        if i == 10:  # every pool has filled
+            before, memory = settled(device.program), resident(device.program)
+        host = Host(device, f"n{i}").start()
+        assert host.job_stop() == reply() and host.drain()[0][-1] == "DataChannelFinish"
+        host.close()
+    at_rest(device, before)
+    assert resident(device.program) <= memory * 1.05
+
+
 def test_stop_of_the_daemon_ends_jobs_with_their_data():
     with Device() as device:
         daemon = device.daemon()
-        device.program = daemon
         host = Host(device).start()
+        waiting = [Host(device, job, mode=mode) for job, mode in (
+            ("a", ""), ("b", "def_mode"), ("c" * 512, "system-wide"))]
+        assert [one.data_handshake() for one in waiting] == [reply()] * 3
         host.first_chunk()
         daemon.send_signal(signal.SIGTERM)
         names, _ = host.drain()
         assert names[-1] == "DataChannelFinish" and "FileChunkReq" in names
         assert daemon.wait(10) == 0
         assert not work_dirs(device)
+        assert [one.drain()[0] for one in waiting] == [[]] * 3, "no job has used their sessions"
         host.close()
 
 
-def test_host_that_does_not_read():
-    with Device(TWO) as device:
-        daemon = device.daemon()
-        device.start(BIN / "orla-slogd", join=True)
-        host = Host(device, reads=False).start()
-        wait_for(lambda: any("IsFULL" in line for line in device.lines()), "full queue", 120)
-        wait_for(lambda: device.orlactl("log", "get", "CORE").returncode == 0, "log service")
-        other = Host(device, "j2", 1)
-        assert other.handshake() == reply()
-        other.close()
-        code, seconds = end(daemon, seconds=50)
+def test_hosts_that_do_not_read():
+    """A limit ends their jobs: at the job's own stop, and in the other device at the daemon's."""
+    with Device(TWO) as first, Device() as second:
+        hosts = []
+        for device in (first, second):
+            device.program = device.daemon()
+            hosts.append(Host(device, reads=False).start())
+        for device in (first, second):
+            device.logged("IsFULL")
+        first.start(BIN / "orla-slogd", join=True)
+        wait_for(lambda: first.orlactl("log", "get", "CORE").returncode == 0, "log service")
+        other = Host(first, "j2", 1)
+        assert [other.handshake(), other.data_handshake(), other.job_start(LLC),
+                other.replay_start({8: "read"}), other.job_stop()] == [reply()] * 5
+        started = time.monotonic()
+        hosts[0].control.message(message("JobStopReq", context()))
+        code, seconds = end(second.program, seconds=50)
         assert code == 0 and 25 < seconds < 40
-        assert any("uploader gives up" in line for line in device.lines())
-        host.close()
+        hosts[0].control.socket.settimeout(20)
+        assert hosts[0].control.receive() == reply(
+            1, "Stop profiling failed, please check it or see log for more info")
+        assert 25 < time.monotonic() - started < 45
+        assert all("uploader gives up" in "".join(device.lines()) for device in (first, second))
+        for host in (*hosts, other):
+            host.close()
+        again = Host(first).start()
+        assert again.job_stop() == reply() and not work_dirs(first)
+        again.close()
 
 
 def test_any_conversation_leaves_a_daemon_that_serves(device):
     chance = random.Random(7)
-    before = settled(device.program)
     packets = [message(name, {**context(), 2: params()}) for name in (
         "JobStartReq", "JobStopReq", "ReplayStartReq", "ReplayStopReq", "FileAck")]
     packets += [message("CtrlChannelHandshake", {1: "j1"}), message("DataChannelHandshake", {1: "j1"}),
@@ -281,11 +336,8 @@ def test_any_conversation_leaves_a_daemon_that_serves(device):
                     peer.message(bytes(packet), limit=chance.choice([7, 524276]))
             except OSError:
                 pass  # it has had enough
-    again = Host(device)
-    wait_for(lambda: again.handshake() == reply(), "handshake")
-    for step in Host.STEPS[1:]:
-        assert step(again) == reply()
+    again = Host(device).start()
     assert again.job_stop() == reply() and again.drain()[0][-1] == "DataChannelFinish"
     again.close()
     wait_for(lambda: not work_dirs(device), "end of the directories")
-    assert device.program.poll() is None and before
+    assert device.program.poll() is None
