@@ -165,9 +165,7 @@ TEST_F(Handshakes, TheEndComesWithTheDataOfAllJobs) {
     for (const auto& host : {data, otherData}) {
         const auto got = host->Got();
         ASSERT_EQ(got.size(), 2U);
-        EXPECT_NE(
-            std::dynamic_pointer_cast<proto::DataChannelFinish>(message::DecodeMessage(got.back())),
-            nullptr);
+        EXPECT_THAT(got.back(), testing::HasSubstr("DataChannelFinish"));
     }
     const auto late = std::make_shared<ControlHost>();
     EXPECT_EQ(Shake(late, "c"), -1);
