@@ -10,6 +10,8 @@ import time
 
 BIN = pathlib.Path(os.environ["ORLA_BIN"])
 SANDBOX = os.environ["ORLA_SANDBOX"]
+# A sanitizer keeps what was freed, to see it used: resident memory says nothing there.
+SANITIZED = bool(os.environ.get("ORLA_SANITIZE"))
 
 
 def wait_for(condition, what, seconds=30):
