@@ -51,12 +51,13 @@ TEST(Clock, SignalsDoNotShortenASleep) {
 TEST(Clock, LocalTimeIsWhatPeopleWrite) {
     mmSystemTime_t now{};
     char text[64], expected[64];
-    time_t second = 0;
-    do {  // until both are of one second
-        second = time(nullptr);
+    timespec before{}, after{};
+    do {  // Until all lies in one second: of this clock, which time() may follow late.
+        clock_gettime(CLOCK_REALTIME, &before);
         ASSERT_EQ(mmGetLocalTime(&now), EN_OK);
-    } while (time(nullptr) != second);
-    strftime(expected, sizeof(expected), "%Y-%m-%d %w %H:%M:%S", localtime(&second));
+        clock_gettime(CLOCK_REALTIME, &after);
+    } while (before.tv_sec != after.tv_sec);
+    strftime(expected, sizeof(expected), "%Y-%m-%d %w %H:%M:%S", localtime(&before.tv_sec));
     snprintf(text, sizeof(text), "%04d-%02d-%02d %d %02d:%02d:%02d", now.wYear, now.wMonth,
              now.wDay, now.wDayOfWeek, now.wHour, now.wMinute, now.wSecond);
     EXPECT_STREQ(text, expected);
