@@ -3,8 +3,9 @@
 //
 //     TimeStamp:<nanoseconds>\n Index:<number>\n DataLen:<bytes>\n <data> \n
 //
-// (the blanks are not there). Index counts the samples of one source from 0 without a gap, the
-// time is the device's own clock. No I/O, no state; any thread. Everything read is foreign.
+// (the blanks are not there). Index counts the samples of one source from 0; a gap is a sample
+// that was lost, or had nothing in it. The time is the device's own clock. No I/O, no state; any
+// thread. Everything read is foreign.
 #pragma once
 
 #include <cstdint>

@@ -85,8 +85,8 @@ TEST_F(Sampling, KeepsTheLinesOfItsKind) {
     SampleEach<ProcMemFileHandler>(
         {PROF_SYS_MEM, 0, 32768, kAlways, path, "mem"}, road,
         {"MemTotal: 1 kB\n\nx", "\n", "", std::string("\xff\0\n", 3), "DataLen:9\nTimeStamp:1\n"});
-    EXPECT_THAT(DataOf("stat"), ElementsAre("cpu  1 2\ncpu0 3\n", "x cpu\n", many + "\n"));
-    EXPECT_THAT(DataOf("mem"), ElementsAre("MemTotal: 1 kB\n\nx\n", "\n",
+    EXPECT_THAT(DataOf("stat"), ElementsAre("cpu  1 2\ncpu0 3\n", "", "", "x cpu\n", many + "\n"));
+    EXPECT_THAT(DataOf("mem"), ElementsAre("MemTotal: 1 kB\n\nx\n", "\n", "",
                                            std::string("\xff\0\n", 3), "DataLen:9\nTimeStamp:1\n"));
 }
 

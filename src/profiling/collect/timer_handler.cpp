@@ -123,10 +123,6 @@ int ProcTimerHandler::ExecuteAt(uint64_t now) {
         return 0;
     }
     ParseProcFile(text, scratch.data);
-    if (scratch.data.empty()) {
-        PROF_LOGW("data is empty, fileName:%s", Utils::BaseName(retFileName_).c_str());
-        return 0;
-    }
     PacketData(scratch.packet, scratch.data);
     StoreData(scratch.packet);
     ++index_;
@@ -156,6 +152,10 @@ bool ProcTimerHandler::TakeText(std::string_view* text) {
 }
 
 void ProcTimerHandler::PacketData(std::string& packet, const std::string& data) const {
+    if (data.empty()) {
+        PROF_LOGW("data is empty, fileName:%s", Utils::BaseName(retFileName_).c_str());
+        return;
+    }
     packet.reserve(data.size() + kRecordHead);
     AppendNumber("TimeStamp:", prevTimeStamp_, &packet);
     AppendNumber("\nIndex:", index_, &packet);

@@ -5,8 +5,9 @@
 //
 //     TimeStamp:<ns>\nIndex:<number>\nDataLen:<bytes>\n<data>\n
 //
-// The text after the colon is decimal; Index counts the records of the handler from 0, without a
-// gap; DataLen counts the data alone. A chunk ends at the end of a record.
+// The text after the colon is decimal; Index counts the samples of the handler from 0, and a gap
+// is a sample that was lost on its way, or empty; DataLen counts the data alone. A chunk ends at
+// the end of a record.
 //
 // A handler is made and inited on the thread of its engine, executed on the timer's thread and
 // uninited under the timer's lock; it needs none of its own.
@@ -108,7 +109,7 @@ private:
     bool isInited_ = false;
     uint64_t prevTimeStamp_ = 0;  // ns, of the last sample; 0: none yet
     const uint64_t sampleIntervalNs_;
-    uint64_t index_ = 0;  // samples so far that gave something
+    uint64_t index_ = 0;  // samples so far, empty ones included
     const std::string retFileName_;
     SampleRoad road_;
 };
