@@ -11,15 +11,13 @@
 
 #include "daemon/ide_common_util.h"
 #include "hdc/hdc_api.h"
-#include "platform/emulation/control.h"
+#include "hdc/test_support.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using orla::control::DeviceState;
-using orla::control::Fault;
-
-constexpr uint32_t kPhysical = 1000;
+using orla::test::InjectFault;
 
 bool WaitForWords(const std::string& words) {
     return orla::control::WaitForLine(
@@ -74,14 +72,6 @@ protected:
             loop_.join();
         }
         EXPECT_EQ(0, IdeDaemonHdcDestroy());
-    }
-
-    static void Inject(const char* call, int result, int64_t count = 1) {
-        Fault fault;
-        fault.call = call;
-        fault.result = result;
-        fault.count = count;
-        ASSERT_TRUE(orla::control::InjectFault(fault));
     }
 
     // What the host reads after one request: a text, or "closed".
@@ -148,7 +138,7 @@ TEST_F(RequestLoop, ADeviceThatIsNotReadyIsTriedAgainAndAStopDoesNotWait) {
 TEST_F(RequestLoop, AFailedAcceptMakesTheServerAnew) {
     Start();
     ASSERT_TRUE(WaitForWords("create HDC server successfully"));
-    Inject("drvHdcSessionAccept", 7, 3);
+    InjectFault("drvHdcSessionAccept", 7, 0, 3);
     // Whether the accept that blocks now was called before the fault or after it, sessions make
     // it return, and one is served as soon as the faults are used up.
     const auto deadline = std::chrono::steady_clock::now() + 20s;
@@ -162,17 +152,13 @@ TEST_F(RequestLoop, AFailedAcceptMakesTheServerAnew) {
 TEST_F(RequestLoop, NoReferenceIsNoReasonNotToServe) {
     Start();
     ASSERT_TRUE(WaitForWords("create HDC server successfully"));
-    Fault fault;  // the host's own reference comes first
-    fault.call = "drvHdcSetSessionReference";
-    fault.result = 7;
-    fault.after = 1;
-    ASSERT_TRUE(orla::control::InjectFault(fault));
+    InjectFault("drvHdcSetSessionReference", 7, 1);  // the host's own reference comes first
     EXPECT_EQ("1000:a", Ask(4, "a"));
 }
 
 TEST_F(RequestLoop, StartFailsWithTheClientAndStopsInOrder) {
     EXPECT_EQ(0, IdeDaemonHdcDestroy()) << "a destroy without its init";
-    Inject("drvHdcClientCreate", 7);
+    InjectFault("drvHdcClientCreate", 7);
     EXPECT_EQ(-1, IdeDaemonHdcInit());
 }
 

@@ -9,23 +9,18 @@
 #include <thread>
 #include <vector>
 
-#include "platform/emulation/control.h"
+#include "hdc/test_support.h"
 
 namespace {
 
 using orla::kCoreSide;
 using orla::kProfilingSide;
-using orla::control::Fault;
+using orla::test::InjectFault;
+using orla::test::Segment;
+using orla::test::SendRaw;
+using orla::test::Text;
 
 constexpr int kService = 4;
-
-std::string Text(size_t size) {
-    std::string text(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        text[i] = static_cast<char>(i * 31 + i / 251);
-    }
-    return text;
-}
 
 // Both ends of one session in this process, and a promise that nothing of them stays behind.
 class HdcTest : public testing::Test {
@@ -67,15 +62,6 @@ protected:
         });
     }
 
-    static void Inject(const char* call, int result, uint64_t after = 0, int64_t count = 1) {
-        Fault fault;
-        fault.call = call;
-        fault.result = result;
-        fault.after = after;
-        fault.count = count;
-        ASSERT_TRUE(orla::control::InjectFault(fault));
-    }
-
     // Reads one message at the device's end; what it answered, with the text for kHdcReadDone.
     struct ReadAnswer {
         int result;
@@ -93,26 +79,6 @@ protected:
         }
         const orla::HeapBlock owned(static_cast<char*>(buffer));
         return {result, std::string(owned.get(), length)};
-    }
-
-    // Sends bytes as one driver buffer, whatever they are.
-    void SendRaw(const std::string& bytes) const {
-        drvHdcMsg_t message = nullptr;
-        ASSERT_EQ(0, drvHdcAllocMsg(host_, &message, 1));
-        std::string copy = bytes;
-        ASSERT_EQ(0, drvHdcAddMsgBuffer(message, copy.data(), static_cast<int>(copy.size())));
-        ASSERT_EQ(0, halHdcSend(host_, message, HDC_FLAG_WAIT, 0));
-        ASSERT_EQ(0, drvHdcFreeMsg(message));
-    }
-
-    static std::string Segment(const std::string& value, bool last) {
-        std::string bytes(value.size() + orla::kSegmentOverhead, '\0');
-        auto* packet = reinterpret_cast<IdeHdcPacket*>(bytes.data());
-        packet->len = static_cast<uint32_t>(value.size());
-        packet->type = orla::kSegmentType;
-        packet->isLast = last ? 1 : 0;
-        std::memcpy(packet->value, value.data(), value.size());
-        return bytes;
     }
 
     size_t handlesBefore_ = 0;
@@ -144,12 +110,12 @@ TEST_F(HdcTest, MessagesOfEveryLengthArriveWhole) {
 
 TEST_F(HdcTest, ReadsWithoutWaitingTellEmptyFromClosed) {
     EXPECT_EQ(kHdcReadEmpty, Read(HdcReadNb).result);
-    SendRaw(Segment("head", false));
+    SendRaw(host_, Segment("head", 0));
     std::thread late([this] {
         while (orla::control::CallCount("halHdcRecv") < 4) {
             std::this_thread::yield();  // until the read waits for the rest
         }
-        SendRaw(Segment(" and tail", true));
+        SendRaw(host_, Segment(" and tail", 1));
     });
     const ReadAnswer whole = Read(HdcReadNb);
     late.join();
@@ -161,17 +127,17 @@ TEST_F(HdcTest, ReadsWithoutWaitingTellEmptyFromClosed) {
 }
 
 TEST_F(HdcTest, AMessageWhosePeerGoesInBetweenIsNotHandedOut) {
-    SendRaw(Segment("head", false));
+    SendRaw(host_, Segment("head", 0));
     Close(&host_);
     EXPECT_EQ(kHdcReadClosed, Read().result);
 }
 
 TEST_F(HdcTest, ForeignBytesFailTheReadOnBothSides) {
-    SendRaw("\1\0\0\0\xAF\0\0\0\1a\0\0");
+    SendRaw(host_, Segment("a", 1, 1, 175));
     EXPECT_EQ(kHdcReadFailed, Read().result);
     EXPECT_TRUE(Logged("Hdc store package, error"));
     EXPECT_TRUE(Logged("]>>> Hdc receive package error"));
-    SendRaw("short");
+    SendRaw(host_, "short");
     EXPECT_EQ(kHdcReadFailed, Read(HdcReadNb, kProfilingSide).result);
     EXPECT_TRUE(Logged(") [HdcSessionRead]Hdc receive package, error"));
 }
@@ -196,12 +162,12 @@ TEST_F(HdcTest, EveryDriverFailureFailsTheCallAndLeaksNothing) {
         SCOPED_TRACE(std::string(c.call) + (c.write ? " write" : " read"));
         const size_t messages = orla::control::CountLiveHandles().messages;
         if (c.write) {
-            Inject(c.call, 7, c.after);
+            InjectFault(c.call, 7, c.after);
             EXPECT_EQ(-1, HdcWrite(host_, two.data(), static_cast<int>(two.size())));
         } else {
-            SendRaw(Segment("one", false));
-            SendRaw(Segment("two", true));
-            Inject(c.call, 7, c.after);
+            SendRaw(host_, Segment("one", 0));
+            SendRaw(host_, Segment("two", 1));
+            InjectFault(c.call, 7, c.after);
             EXPECT_EQ(kHdcReadFailed, Read().result);
         }
         EXPECT_TRUE(Logged(c.words));
@@ -265,7 +231,7 @@ TEST_F(HdcTest, ArgumentsAreChecked) {
     }
     EXPECT_EQ(0, HdcServerDestroy(nullptr, kProfilingSide));
     EXPECT_EQ(0, HdcClientDestroy(nullptr));
-    Inject("halHdcGetSessionAttr", 9);
+    InjectFault("halHdcGetSessionAttr", 9);
     EXPECT_EQ(-1, HdcGetSessionVfId(device_, &value, kProfilingSide));
     EXPECT_EQ(5, value);
     EXPECT_TRUE(Logged("Hdc get session vfid failed, err: 9"));
@@ -276,18 +242,18 @@ TEST_F(HdcTest, ArgumentsAreChecked) {
 TEST_F(HdcTest, AServerIsDestroyedWithPatienceForABusyDriverOnly) {
     const drvHdcServer_t other = HdcServerCreate(0, 12);
     ASSERT_NE(nullptr, other);
-    Inject("drvHdcServerDestroy", DRV_ERROR_CLIENT_BUSY, 0, 2);
+    InjectFault("drvHdcServerDestroy", DRV_ERROR_CLIENT_BUSY, 0, 2);
     EXPECT_EQ(0, HdcServerDestroy(other));
     EXPECT_TRUE(Logged("hdc server destroy error : 23, times 2"));
     const uint64_t before = orla::control::CallCount("drvHdcServerDestroy");
-    Inject("drvHdcServerDestroy", 7);
+    InjectFault("drvHdcServerDestroy", 7);
     EXPECT_EQ(0, HdcServerDestroy(other));
     EXPECT_EQ(before + 1, orla::control::CallCount("drvHdcServerDestroy"));
 }
 
 TEST_F(HdcTest, ASessionThatCannotBeReferencedIsClosed) {
     const size_t sessions = orla::control::CountLiveHandles().sessions;
-    Inject("drvHdcSetSessionReference", 7);
+    InjectFault("drvHdcSetSessionReference", 7);
     drvHdcSession_t session = nullptr;
     EXPECT_EQ(-1, HdcSessionConnect(0, 0, client_, &session));
     EXPECT_EQ(nullptr, session);

@@ -6,28 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "hdc/test_support.h"
+
 namespace orla {
 namespace {
 
+using test::Segment;
+using test::Text;
+
 constexpr uint32_t kLimit = kMinMaxSegment - kSegmentOverhead;
-
-std::string Text(size_t size) {
-    std::string text(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        text[i] = static_cast<char>(i * 31 + i / 251);
-    }
-    return text;
-}
-
-// One segment as it travels, with whatever its header states.
-std::string Segment(uint32_t len, uint32_t type, uint8_t isLast, const std::string& value) {
-    std::string bytes(sizeof(IdeHdcPacket), '\0');
-    auto* packet = reinterpret_cast<IdeHdcPacket*>(bytes.data());
-    packet->len = len;
-    packet->type = type;
-    packet->isLast = isLast;
-    return bytes + value;
-}
 
 std::vector<std::string> Cut(const std::string& message) {
     std::vector<std::string> segments;
@@ -87,14 +74,13 @@ TEST(Segments, ForeignBytesAreRefused) {
         bool taken;
     } cases[] = {
         {"shorter than a header", std::string(8, '\0'), false},
-        {"another type", Segment(1, 175, 1, "a"), false},
-        {"type in the upper bytes", Segment(1, 176 + 256, 1, "a"), false},
-        {"states one byte more than it has", Segment(2, kSegmentType, 1, "a"), false},
-        {"states the largest length", Segment(UINT32_MAX, kSegmentType, 1, "a"), false},
-        {"states what would wrap with the header", Segment(UINT32_MAX - 8, kSegmentType, 1, "a"),
-         false},
-        {"no padding behind the payload", Segment(1, kSegmentType, 1, "a"), true},
-        {"more padding than usual", Segment(1, kSegmentType, 1, "a" + std::string(50, 'x')), true},
+        {"another type", Segment("a", 1, 1, 175), false},
+        {"type in the upper bytes", Segment("a", 1, 1, 176 + 256), false},
+        {"states one byte more than it has", Segment("a", 1, 2), false},
+        {"states the largest length", Segment("a", 1, UINT32_MAX), false},
+        {"states what would wrap with the header", Segment("a", 1, UINT32_MAX - 8), false},
+        {"no padding behind the payload", Segment("a", 1), true},
+        {"more padding than usual", Segment("a" + std::string(50, 'x'), 1, 1), true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -106,21 +92,21 @@ TEST(Segments, ForeignBytesAreRefused) {
 
 TEST(Segments, OnlyOneEndsAMessage) {
     MessageJoiner joiner(kCoreSide);
-    const std::string other = Segment(1, kSegmentType, 0xFE, "a");
+    const std::string other = Segment("a", 0xFE);
     EXPECT_TRUE(joiner.Add(other.data(), static_cast<uint32_t>(other.size())));
     EXPECT_FALSE(joiner.finished());
     EXPECT_FALSE(joiner.untouched());
 }
 
 TEST(Segments, EmptySegmentsNeitherMakeAMessageNorGoOnForEver) {
-    const std::string last = Segment(0, kSegmentType, 1, "");
+    const std::string last = Segment("", 1);
     MessageJoiner empty(kCoreSide);
     ASSERT_TRUE(empty.Add(last.data(), static_cast<uint32_t>(last.size())));
     uint32_t length = 7;
     EXPECT_EQ(nullptr, empty.Take(&length));
     EXPECT_EQ(7u, length);
 
-    const std::string more = Segment(0, kSegmentType, 0, "");
+    const std::string more = Segment("", 0);
     MessageJoiner endless(kProfilingSide);
     int taken = 0;
     while (endless.Add(more.data(), static_cast<uint32_t>(more.size()))) {

@@ -1,13 +1,17 @@
-// For the unit tests of any module: what the code under test logs, and a thread as small as those
-// of the daemon.
+// For the unit tests of any module: what the code under test logs, faults and foreign bytes for it,
+// and a thread as small as those of the daemon.
 #pragma once
 
+#include <gtest/gtest.h>
+#include <hdc_driver.h>
 #include <portability.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "hdc/hdc_packet.h"
 #include "platform/emulation/control.h"
 
 namespace orla::test {
@@ -44,6 +48,41 @@ private:
 
     control::LogCapture capture_;
 };
+
+// The next `count` calls of a driver's operation, behind `after` that go on as usual, answer
+// `result`.
+inline void InjectFault(const char* call, int result, uint64_t after = 0, int64_t count = 1) {
+    ASSERT_TRUE(control::InjectFault({call, {}, {}, result, after, count, 0}));
+}
+
+// Bytes of which no two pieces are the same, wherever a message is cut.
+inline std::string Text(size_t size) {
+    std::string text(size, '\0');
+    for (size_t i = 0; i < size; ++i) {
+        text[i] = static_cast<char>(i * 31 + i / 251);
+    }
+    return text;
+}
+
+// A segment as it travels, without padding, with whatever its header states.
+inline std::string Segment(const std::string& value, uint8_t isLast,
+                           std::optional<uint32_t> length = {}, uint32_t type = kSegmentType) {
+    std::string bytes(sizeof(IdeHdcPacket), '\0');
+    auto* packet = reinterpret_cast<IdeHdcPacket*>(bytes.data());
+    packet->len = length.value_or(static_cast<uint32_t>(value.size()));
+    packet->type = type;
+    packet->isLast = isLast;
+    return bytes + value;
+}
+
+// Gives bytes to the driver as one buffer, whatever they are.
+inline void SendRaw(drvHdcSession_t session, std::string bytes) {
+    drvHdcMsg_t message = nullptr;
+    ASSERT_EQ(0, drvHdcAllocMsg(session, &message, 1));
+    ASSERT_EQ(0, drvHdcAddMsgBuffer(message, bytes.data(), static_cast<int>(bytes.size())));
+    ASSERT_EQ(0, halHdcSend(session, message, HDC_FLAG_WAIT, 0));
+    ASSERT_EQ(0, drvHdcFreeMsg(message));
+}
 
 // Runs `body` on a thread with the stack of the daemon's threads and waits for its end. False
 // when the thread could not be started.

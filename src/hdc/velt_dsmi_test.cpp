@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/emulation/control.h"
+#include "hdc/test_support.h"
 
 namespace {
 
@@ -23,13 +23,6 @@ class DeviceNumbers : public testing::Test {
 protected:
     void SetUp() override { orla::control::Reset(); }
     void TearDown() override { orla::control::Reset(); }
-
-    static void Inject(const char* call, int result) {
-        orla::control::Fault fault;
-        fault.call = call;
-        fault.result = result;
-        ASSERT_TRUE(orla::control::InjectFault(fault));
-    }
 
     uint32_t count_ = 99;
     std::vector<uint32_t> list_ = std::vector<uint32_t>(kMaxDevices, 0);
@@ -81,9 +74,9 @@ TEST_F(DeviceNumbers, BadListsNeverReachTheDriver) {
 TEST_F(DeviceNumbers, DriverFailuresAreFailures) {
     for (const char* call : {"drvGetDevNum", "drvGetDeviceLocalIDs", "drvDeviceGetPhyIdByIndex"}) {
         SCOPED_TRACE(call);
-        Inject(call, 5);
+        orla::test::InjectFault(call, 5);
         EXPECT_EQ(-1, IdeGetPhyDevList(&count_, list_.data(), kMaxDevices));
-        Inject(call, 5);
+        orla::test::InjectFault(call, 5);
         uint32_t logical = 0;
         EXPECT_EQ(-1, IdeGetLogIdByPhyId(0, &logical));
     }

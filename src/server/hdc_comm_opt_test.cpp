@@ -109,7 +109,7 @@ TEST_F(HdcCommOptTest, EventWaitSurvivesFailures) {
     EXPECT_EQ(8, epoll_.Size());
     EXPECT_EQ(-1, epoll_.Wait(events.data(), 7, 0));
     // After a close that failed there is nothing to wait in, and nothing is made twice.
-    ASSERT_TRUE(orla::control::InjectFault({"drvHdcEpollClose", {}, {}, 5, 0, 1, 0}));
+    orla::test::InjectFault("drvHdcEpollClose", 5);
     EXPECT_EQ(-1, epoll_.Destroy());
     EXPECT_EQ(-1, epoll_.Wait(events.data(), 8, 0));
     EXPECT_EQ(0, epoll_.Create(8));

@@ -22,6 +22,7 @@ namespace {
 using orla::control::CallCount;
 using orla::control::CountLiveHandles;
 using orla::control::DeviceState;
+using orla::test::InjectFault;
 using std::chrono::steady_clock;
 
 constexpr int32_t kServer = 12;
@@ -36,10 +37,6 @@ bool WaitFor(const std::function<bool()>& condition) {
         mmSleep(1);
     }
     return true;
-}
-
-void Fail(const char* call, int result, int64_t count) {
-    ASSERT_TRUE(orla::control::InjectFault({call, {}, {}, result, 0, count, 0}));
 }
 
 // Who is in a component, and how often it came and went.
@@ -222,9 +219,9 @@ TEST_F(FrameworkTest, TwentyLargeRequestsAtOnceAreServed) {
 }
 
 TEST_F(FrameworkTest, WhatFailsToOpenIsTriedAgain) {
-    Fail("drvHdcServerCreate", 5, 1);
-    Fail("drvHdcEpollCreate", 5, 1);
-    Fail("drvHdcEpollCtl", 5, 1);
+    InjectFault("drvHdcServerCreate", 5);
+    InjectFault("drvHdcEpollCreate", 5);
+    InjectFault("drvHdcEpollCtl", 5);
     Start();
     EXPECT_EQ(2u, CountLiveHandles().servers);
 }
@@ -236,7 +233,7 @@ TEST_F(FrameworkTest, SuspendedDeviceComesBack) {
     ASSERT_TRUE(before.Connect(1));
     ASSERT_TRUE(WaitFor([&] { return CallCount("drvHdcSessionAccept") > accepted; }));
     // A failed delete from the event wait does not keep a server that could be closed.
-    Fail("drvHdcEpollCtl", 5, 1);
+    InjectFault("drvHdcEpollCtl", 5);
     Notify(3);
     ASSERT_TRUE(WaitFor([this] { return !host_->Connect(1); }));
     EXPECT_TRUE(host_->IsServed(0));
@@ -250,7 +247,7 @@ TEST_F(FrameworkTest, SuspendedDeviceComesBack) {
 
 TEST_F(FrameworkTest, ServerThatCannotBeClosedListensOn) {
     Start();
-    Fail("drvHdcServerDestroy", 23, 30);
+    InjectFault("drvHdcServerDestroy", 23, 0, 30);
     Notify(3);
     ASSERT_TRUE(WaitFor([] { return CallCount("drvHdcServerDestroy") > 0; }));
     Notify(7);

@@ -25,8 +25,8 @@ DeviceList Suspended(const VeltDevice& devices) {
 TEST(VeltHdcDevice, FillsItselfOnceTheDriverAnswers) {
     ASSERT_EQ("", orla::control::LoadScenario(
                       R"({"devices": [{"logical": 2}, {"logical": 10}, {"logical": 1123}]})"));
-    ASSERT_TRUE(orla::control::InjectFault({"drvGetDevNum", {}, {}, 1, 0, 1, 0}));
-    ASSERT_TRUE(orla::control::InjectFault({"drvGetDeviceLocalIDs", {}, {}, 1, 0, 1, 0}));
+    orla::test::InjectFault("drvGetDevNum", 1);
+    orla::test::InjectFault("drvGetDeviceLocalIDs", 1);
     VeltHdcDevice devices;
     devices.DeviceUp("2");
     devices.DeviceSuspend("2");

@@ -5,20 +5,13 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "hdc/test_support.h"
 #include "server/scripted_comm_opt_test.h"
 
 namespace Velt {
 namespace {
 
 const CommHandle kSession = ScriptedCommOpt::Session();
-
-std::string Content(size_t size) {
-    std::string text(size, '\0');
-    for (size_t i = 0; i < size; ++i) {
-        text[i] = static_cast<char>(i * 31 + i / 251);
-    }
-    return text;
-}
 
 // A file without a name, or a descriptor of something else, closed at the end.
 class TestFile {
@@ -65,7 +58,7 @@ TEST(SendFile, SlicesAreTheFile) {
                           {SendEventFile, 512000, {512000}, ControlBytes(6)}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.size);
-        const std::string content = Content(c.size);
+        const std::string content = orla::test::Text(c.size);
         const TestFile file(content);  // its position is at the end
         const ScriptedCommOpt& peer = ScriptedCommOpt::Fresh({{0, c.answer}});
         EXPECT_EQ(kMsgOk, c.send(kSession, 14, 5, file.fd));
@@ -87,7 +80,7 @@ TEST(SendFile, SlicesAreTheFile) {
 TEST(SendFile, FailuresAreTold) {
     int pipeEnds[2];
     ASSERT_EQ(0, pipe2(pipeEnds, O_CLOEXEC));
-    const TestFile file(Content(600000));
+    const TestFile file(orla::test::Text(600000));
     const TestFile tooLong;
     ASSERT_EQ(0, ftruncate(tooLong.fd, 1LL << 32));
     const TestFile writeOnly(("/proc/self/fd/" + std::to_string(file.fd)).c_str(), O_WRONLY);
@@ -131,7 +124,7 @@ TEST(RecvFile, EndsAtTheEndAndAtWhatIsNoSlice) {
         return MsgBytes(kMsgData, 0, totalLen, static_cast<uint32_t>(data.size()), offset, data);
     };
     const std::string abc = slice("abc", 0, 6);
-    const std::string large = Content(kMaxSliceSize);
+    const std::string large = orla::test::Text(kMaxSliceSize);
     struct Case {
         const char* name;
         std::deque<ScriptedCommOpt::Delivery> messages;
