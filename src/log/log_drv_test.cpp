@@ -2,18 +2,13 @@
 
 #include <gmock/gmock.h>
 
-#include <cstring>
 #include <vector>
 
 #include "log/log_test_support.h"
 
 namespace {
 
-using orla::test::InjectFault;
-using orla::test::Listener;
-using orla::test::ReadMessage;
-using orla::test::SelfLogHere;
-using orla::test::Session;
+using namespace orla::test;
 using testing::HasSubstr;
 
 constexpr uint32_t kTimeoutMs = 10000;
@@ -28,14 +23,7 @@ protected:
             orla::control::LoadScenario("{\"" + member + "\": " + std::to_string(value) + "}"), "");
     }
 
-    // Gives bytes to the driver as one buffer, and takes one from it.
-    static void SendRaw(drvHdcSession_t session, std::string bytes) {
-        drvHdcMsg_t message = nullptr;
-        ASSERT_EQ(drvHdcAllocMsg(session, &message, 1), 0);
-        ASSERT_EQ(drvHdcAddMsgBuffer(message, bytes.data(), static_cast<int>(bytes.size())), 0);
-        ASSERT_EQ(halHdcSend(session, message, HDC_FLAG_WAIT, 0), 0);
-        drvHdcFreeMsg(message);
-    }
+    // The next buffer, as the driver has it.
     static std::string ReceiveRaw(drvHdcSession_t session) {
         drvHdcMsg_t message = nullptr;
         char* data = nullptr;
@@ -46,16 +34,6 @@ protected:
         const std::string bytes(data, static_cast<size_t>(size));
         drvHdcFreeMsg(message);
         return bytes;
-    }
-
-    // A segment with the 3 bytes of padding behind it.
-    static std::string Segment(const std::string& value, uint8_t isLast, uint32_t len,
-                               uint32_t type = 176) {
-        std::string bytes(9, '\0');
-        std::memcpy(&bytes[0], &len, 4);
-        std::memcpy(&bytes[4], &type, 4);
-        bytes[8] = static_cast<char>(isLast);
-        return bytes + value + "pad";
     }
 
     SelfLogHere log_;
@@ -83,8 +61,7 @@ TEST_F(LogDrvTest, CutsOneByteShortUnlessTheRestFits) {
             const auto len = static_cast<uint32_t>(cuts[i]);
             const uint8_t mark = i + 1 == cuts.size() ? 1 : 0xFE;
             EXPECT_EQ(bytes.size(), len + 12);
-            EXPECT_EQ(bytes.substr(0, 9 + len),
-                      Segment(std::string(len, 'm'), mark, len).substr(0, 9 + len));
+            EXPECT_EQ(bytes.substr(0, 9 + len), Segment(std::string(len, 'm'), mark));
         }
     }
 }
@@ -92,10 +69,7 @@ TEST_F(LogDrvTest, CutsOneByteShortUnlessTheRestFits) {
 TEST_F(LogDrvTest, ReadsWhatEitherLayerWrites) {
     SetScenario("max_segment", 1024);
     const Session session(listener_);
-    std::string text(10000, '\0');
-    for (size_t i = 0; i < text.size(); ++i) {
-        text[i] = static_cast<char>(i * 31 + i / 251);
-    }
+    const std::string text = Text(10000);
     const auto size = static_cast<uint32_t>(text.size());
     ASSERT_EQ(DrvBufWrite(session.host, text.data(), size), 0);
     EXPECT_EQ(ReadMessage(session.device), text);
@@ -115,13 +89,12 @@ TEST_F(LogDrvTest, ReadsWhatEitherLayerWrites) {
 
 TEST_F(LogDrvTest, RefusesForeignSegments) {
     const std::string cases[] = {
-        std::string(8, 'x'),    Segment("value", 1, 5, 175),
-        Segment("value", 1, 9), Segment("value", 1, UINT32_MAX),
-        Segment("", 0, 0),
+        std::string(8, 'x'),         Segment("value", 1, 5, 175),         Segment("", 0),
+        Segment("value pad", 1, 10), Segment("value pad", 1, UINT32_MAX),
     };
     for (const std::string& bytes : cases) {
         const Session session(listener_);
-        SendRaw(session.host, Segment("first", 0, 5));
+        SendRaw(session.host, Segment("first", 0));
         SendRaw(session.host, bytes);
         char* buffer = nullptr;
         uint32_t length = 0;
@@ -135,22 +108,21 @@ TEST_F(LogDrvTest, RefusesForeignSegments) {
 
 TEST_F(LogDrvTest, TellsWhyNothingCame) {
     Session session(listener_);
-    char* buffer = nullptr;
-    uint32_t length = 0;
-    EXPECT_EQ(DrvBufRead(session.device, 7, &buffer, &length, 1), -1);
-    EXPECT_EQ(buffer, nullptr);
-    EXPECT_THAT(log_.Take(), HasSubstr("HDC recv timeout, timeout=1."));
+    const auto read = [&](uint32_t device, uint32_t timeout) {
+        char* buffer = nullptr;
+        uint32_t length = 0;
+        EXPECT_EQ(DrvBufRead(session.device, device, &buffer, &length, timeout), -1);
+        EXPECT_EQ(buffer, nullptr);
+        return log_.Take();
+    };
+    EXPECT_THAT(read(7, 1), HasSubstr("HDC recv timeout, timeout=1."));
     InjectFault("halHdcRecv", DRV_ERROR_NON_BLOCK);
-    EXPECT_EQ(DrvBufRead(session.device, 7, &buffer, &length, kTimeoutMs), -1);
-    EXPECT_THAT(log_.Take(), HasSubstr("HDC no data, devId=7."));
+    EXPECT_THAT(read(7, kTimeoutMs), HasSubstr("HDC no data, devId=7."));
     InjectFault("halHdcRecv", 99);
-    EXPECT_EQ(DrvBufRead(session.device, 7, &buffer, &length, kTimeoutMs), -1);
-    EXPECT_THAT(log_.Take(), HasSubstr("HDC recv failed, ret=99, devId=7."));
+    EXPECT_THAT(read(7, kTimeoutMs), HasSubstr("HDC recv failed, ret=99, devId=7."));
     Session::Close(&session.host);
-    EXPECT_EQ(DrvBufRead(session.device, 1023, &buffer, &length, kTimeoutMs), -1);
-    EXPECT_THAT(log_.Take(), HasSubstr("HDC session is closed, devId=1023."));
-    EXPECT_EQ(DrvBufRead(session.device, 1024, &buffer, &length, kTimeoutMs), -1);
-    EXPECT_EQ(log_.Take(), "");
+    EXPECT_THAT(read(1023, kTimeoutMs), HasSubstr("HDC session is closed, devId=1023."));
+    EXPECT_EQ(read(1024, kTimeoutMs), "");
 }
 
 TEST_F(LogDrvTest, FailedStepsEndTheMessageAndLeaveNothingBehind) {
@@ -192,7 +164,7 @@ TEST_F(LogDrvTest, ReleaseIsPatientOnlyWithABusyDriver) {
         orla::control::Reset();
         drvHdcClient_t client = nullptr;
         ASSERT_EQ(DrvClientCreate(&client, kHdcServiceRequests), 0);
-        InjectFault("drvHdcClientDestroy", result, 2);
+        InjectFault("drvHdcClientDestroy", result, 0, 2);
         EXPECT_EQ(DrvClientRelease(client), 0);
         EXPECT_EQ(orla::control::CallCount("drvHdcClientDestroy"), calls);
         orla::control::ClearFaults();

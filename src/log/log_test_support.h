@@ -15,6 +15,7 @@
 #include <string>
 
 #include "hdc/hdc_api.h"
+#include "hdc/test_support.h"
 #include "log/self_log.h"
 #include "platform/emulation/control.h"
 
@@ -135,16 +136,6 @@ inline std::optional<std::string> ReadMessage(drvHdcSession_t session) {
     }
     const HeapBlock owned(static_cast<char*>(data));
     return std::string(owned.get(), length);
-}
-
-inline void InjectFault(const char* call, int result, int64_t count = 1) {
-    control::Fault fault;
-    fault.call = call;
-    fault.result = result;
-    fault.count = count;
-    if (!control::InjectFault(fault)) {
-        std::abort();
-    }
 }
 
 }  // namespace orla::test
