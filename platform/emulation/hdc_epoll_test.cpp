@@ -101,9 +101,8 @@ TEST_F(HdcEpollTest, DataThatWasReadAheadShows) {
     EXPECT_EQ(Receive(ahead.second), (Received{0, "b"}));
     EXPECT_EQ(Receive(ahead.second), (Received{0, "c"}));
     EXPECT_EQ(Wait(0), (Events{{2, HDC_EPOLL_DATA_IN}}));
-    for (const drvHdcSession_t end : {ahead.first, ahead.second, busy.first, busy.second}) {
-        EXPECT_EQ(drvHdcSessionClose(end), 0);
-    }
+    Close(ahead);
+    Close(busy);
 }
 
 TEST_F(HdcEpollTest, OnlyWhatWasAskedForShows) {

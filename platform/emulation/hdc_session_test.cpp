@@ -14,62 +14,39 @@ protected:
         HdcTest::SetUp();
         Listen();
     }
-    void Close(std::pair<drvHdcSession_t, drvHdcSession_t> session) {
-        EXPECT_EQ(drvHdcSessionClose(session.first), 0);
-        EXPECT_EQ(drvHdcSessionClose(session.second), 0);
-    }
 };
 
-TEST_F(HdcSessionTest, BuffersArriveWholeAndInOrderInBothDirections) {
-    const auto session = MakeSession();
+TEST_F(HdcSessionTest, BuffersArriveWholeAndInOrderOnEverySessionBothWays) {
     // Around the read-ahead buffer and its header, and up to the maximum.
     const std::vector<size_t> sizes = {1,    2,    4088,  4089,  4091,        4092,        4093,
                                        4096, 4097, 65536, 70000, kMaxSegment, kMaxSegment, 1};
-    std::thread echo([&] {
-        for (size_t i = 0; i < 3 * sizes.size(); ++i) {
-            const Received received = Receive(session.second);
-            EXPECT_EQ(Send(session.second, received.bytes), 0);
-        }
-    });
-    std::thread source([&] {
-        for (size_t i = 0; i < 3 * sizes.size(); ++i) {
-            EXPECT_EQ(Send(session.first, Pattern(sizes[i % sizes.size()], i)), 0);
-        }
-    });
-    for (size_t i = 0; i < 3 * sizes.size(); ++i) {
-        EXPECT_EQ(Receive(session.first), (Received{0, Pattern(sizes[i % sizes.size()], i)})) << i;
-    }
-    source.join();
-    echo.join();
-    Close(session);
-}
-
-TEST_F(HdcSessionTest, SessionsRunSideBySide) {
-    constexpr size_t kSessions = 6;
-    constexpr size_t kRounds = 200;
+    std::vector<std::pair<drvHdcSession_t, drvHdcSession_t>> sessions;
     std::vector<std::thread> threads;
-    std::atomic<int> wrong{0};
-    for (size_t s = 0; s < kSessions; ++s) {
-        const auto session = MakeSession();
-        threads.emplace_back([&, session, s] {
-            for (size_t i = 0; i < kRounds; ++i) {
-                wrong += Send(session.first, Pattern(i * 97 + 1, i + s)) != 0;
+    for (size_t s = 0; s < 4; ++s) {
+        const auto session = sessions.emplace_back(MakeSession());
+        threads.emplace_back([&sizes, session, s] {
+            for (size_t i = 0; i < 3 * sizes.size(); ++i) {
+                EXPECT_EQ(Send(session.first, Pattern(sizes[i % sizes.size()], i + s)), 0);
             }
         });
-        threads.emplace_back([&, session, s] {
-            for (size_t i = 0; i < kRounds; ++i) {
-                const auto wanted = Pattern(i * 97 + 1, i + s);
-                wrong += !(Receive(session.second) == Received{0, wanted});
+        threads.emplace_back([&sizes, session] {  // echoes
+            for (size_t i = 0; i < 3 * sizes.size(); ++i) {
+                EXPECT_EQ(Send(session.second, Receive(session.second).bytes), 0);
             }
-            wrong += drvHdcSessionClose(session.second) != 0;
-            wrong += Receive(session.first).result != DRV_ERROR_SOCKET_CLOSE;
-            wrong += drvHdcSessionClose(session.first) != 0;
+        });
+        threads.emplace_back([&sizes, session, s] {
+            for (size_t i = 0; i < 3 * sizes.size(); ++i) {
+                const Received wanted = {0, Pattern(sizes[i % sizes.size()], i + s)};
+                EXPECT_TRUE(Receive(session.first) == wanted) << i;
+            }
         });
     }
     for (std::thread& thread : threads) {
         thread.join();
     }
-    EXPECT_EQ(wrong, 0);
+    for (const auto& session : sessions) {
+        Close(session);
+    }
 }
 
 TEST_F(HdcSessionTest, CloseWakesWhoeverIsBlocked) {
@@ -123,32 +100,27 @@ TEST_F(HdcSessionTest, NothingToReceiveIsToldByTheFlag) {
     EXPECT_EQ(drvHdcSessionClose(session.second), 0);
 }
 
+// Also while room comes and goes under the sender.
 TEST_F(HdcSessionTest, SendingWithoutWaitingLeavesNoHalfFrame) {
     for (const size_t size : {size_t{1000}, size_t{100000}, size_t{kMaxSegment}}) {
         const auto session = MakeSession();
-        size_t sent = 0;
+        size_t full = 0;
         int result = 0;
-        while ((result = Send(session.first, Pattern(size, sent), HDC_FLAG_NOWAIT)) == 0) {
-            ++sent;
+        while ((result = Send(session.first, Pattern(size, full), HDC_FLAG_NOWAIT)) == 0) {
+            ++full;
         }
         EXPECT_EQ(result, DRV_ERROR_NON_BLOCK);
-        EXPECT_GE(sent, 1U);
-        for (size_t i = 0; i < sent; ++i) {
-            ASSERT_EQ(Receive(session.second), (Received{0, Pattern(size, i)})) << i;
-        }
-        EXPECT_EQ(Send(session.first, "after"), 0);
-        EXPECT_EQ(Receive(session.second), (Received{0, "after"}));
-        // The same while room comes and goes under the sender.
-        constexpr size_t kMore = 100;
+        EXPECT_GE(full, 1U);
+        const size_t all = full + 100;
         std::thread sender([&] {
-            for (size_t i = 0; i < kMore; ++i) {
+            for (size_t i = full; i < all; ++i) {
                 while (Send(session.first, Pattern(size, i), HDC_FLAG_NOWAIT) != 0) {
                     std::this_thread::yield();
                 }
             }
         });
-        for (size_t i = 0; i < kMore; ++i) {
-            EXPECT_EQ(Receive(session.second), (Received{0, Pattern(size, i)})) << i;
+        for (size_t i = 0; i < all; ++i) {
+            EXPECT_TRUE(Receive(session.second) == (Received{0, Pattern(size, i)})) << i;
         }
         sender.join();
         Close(session);
@@ -369,11 +341,6 @@ TEST_F(HdcSessionTest, AttributesComeFromTheHello) {
     for (const char* name : {"ORLA_HDC_RUN_ENV", "ORLA_HDC_VF_ID", "ORLA_HDC_PID"}) {
         unsetenv(name);
     }
-    RawPeer peer(Path());
-    ASSERT_TRUE(peer.Write(RawPeer::HelloBytes(42)));
-    session.second = Accept();
-    EXPECT_EQ(attributes(session.second), (std::vector<int>{0, 2, 3, 42}));
-    EXPECT_EQ(drvHdcSessionClose(session.second), 0);
 }
 
 TEST_F(HdcSessionTest, MaximumSegmentIsTheScenarios) {

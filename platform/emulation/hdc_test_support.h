@@ -127,8 +127,8 @@ public:
         }
     }
 
-    static std::string HelloBytes(uint32_t pid = 0) {
-        Hello hello = {{'O', 'H', 'D', 'C'}, 1, 2, 3, pid, 0};
+    static std::string HelloBytes() {
+        Hello hello = {{'O', 'H', 'D', 'C'}, 1, 2, 3, 0, 0};
         return std::string(reinterpret_cast<const char*>(&hello), sizeof(hello));
     }
     static std::string Length(uint32_t length) {
@@ -183,6 +183,10 @@ protected:
         drvHdcSession_t host = nullptr;
         EXPECT_EQ(drvHdcSessionConnect(0, 0, client_, &host), 0);
         return {host, Accept()};
+    }
+    static void Close(std::pair<drvHdcSession_t, drvHdcSession_t> session) {
+        EXPECT_EQ(drvHdcSessionClose(session.first), 0);
+        EXPECT_EQ(drvHdcSessionClose(session.second), 0);
     }
 
     std::string directory_;
