@@ -46,21 +46,20 @@ protected:
 };
 
 TEST_F(DeviceLogTest, LevelDecidesWhatIsWritten) {
-    struct Case {
-        const char* level;
-        const char* enabled;  // by CheckLogLevel, from 0 to 4 and -1
-        const char* written;  // debug, info, warning, error, event
-    };
-    for (const Case& one : {Case{"debug", "111100", "DIWEV"}, Case{"info", "011100", "IWEV"},
-                            Case{"", "011100", "IWEV"}, Case{"warning", "001100", "WEV"},
-                            Case{"error", "000100", "EV"}}) {
-        setenv("ORLA_LOG_LEVEL", one.level, 1);
+    // Level, what CheckLogLevel says of 0 to 4 and -1, which of debug to event are written.
+    const std::tuple<const char*, const char*, const char*> cases[] = {{"debug", "111100", "DIWEV"},
+                                                                       {"info", "011100", "IWEV"},
+                                                                       {"", "011100", "IWEV"},
+                                                                       {"warning", "001100", "WEV"},
+                                                                       {"error", "000100", "EV"}};
+    for (const auto& [name, enabledLevels, writtenLevels] : cases) {
+        setenv("ORLA_LOG_LEVEL", name, 1);
         control::Reset();
         std::string enabled;
         for (const int level : {0, 1, 2, 3, 4, -1}) {
             enabled += static_cast<char>('0' + CheckLogLevel(31, level));
         }
-        EXPECT_EQ(enabled, one.enabled) << one.level;
+        EXPECT_EQ(enabled, enabledLevels) << name;
         control::StartLogCapture();
         DlogDebugInner(1, "D");
         DlogInfoInner(1, "I");
@@ -71,7 +70,7 @@ TEST_F(DeviceLogTest, LevelDecidesWhatIsWritten) {
         for (const control::LogLine& line : control::CapturedLines()) {
             written += line.text;
         }
-        EXPECT_EQ(written, one.written) << one.level;
+        EXPECT_EQ(written, writtenLevels) << name;
     }
 }
 

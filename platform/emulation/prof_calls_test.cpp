@@ -76,36 +76,34 @@ protected:
 };
 
 TEST_F(ProfChannelsTest, EveryRecordComesOnceWhateverTheRateAndTheCuts) {
-    struct Case {
-        const char* channel;
-        uint64_t records;
-        uint32_t size;  // of the reads
+    const std::tuple<const char*, uint64_t, uint32_t> cases[] = {
+        // the last: size of the reads
+        {R"("rate": 300000)", 2000, 4096},
+        {R"("rate": 200000000, "buffer": 33554432)", 500000, 1 << 20},
+        {R"("rate": 1000000, "side_buffer": 3200)", 5000, 100},
+        {R"("rate": "unlimited")", 5000, 77},
+        {R"("rate": "unlimited")", 2000000, 2 << 20},
     };
-    for (const Case& one : std::vector<Case>{
-             {R"("rate": 300000)", 2000, 4096},
-             {R"("rate": 200000000, "buffer": 33554432)", 500000, 1 << 20},
-             {R"("rate": 1000000, "side_buffer": 3200)", 5000, 100},
-             {R"("rate": "unlimited")", 5000, 77},
-             {R"("rate": "unlimited")", 2000000, 2 << 20},
-         }) {
-        Use(R"({"id": 7, "records": )" + std::to_string(one.records) + ", " + one.channel + "}");
+    for (const auto& [channel, records, size] : cases) {
+        SCOPED_TRACE(channel);
+        Use(R"({"id": 7, "records": )" + std::to_string(records) + ", " + channel + "}");
         for (uint32_t start = 1; start <= 2; ++start) {  // a new stream each time
             ASSERT_EQ(prof_drv_start(1, 7, &kPlain), PROF_OK);
             Stream stream;
             ProfPollInfo event = {};
-            while (stream.records < one.records) {
-                ASSERT_EQ(prof_channel_poll(&event, 1, 400), 1) << one.channel;
-                while (stream.Read(1, 7, one.size) > 0) {
+            while (stream.records < records) {
+                ASSERT_EQ(prof_channel_poll(&event, 1, 400), 1);
+                while (stream.Read(1, 7, size) > 0) {
                 }
             }
             EXPECT_EQ(event.device, 1U);
             EXPECT_EQ(event.channel, 7U);
             EXPECT_EQ(prof_channel_poll(&event, 1, 0), 0);
             const control::ChannelCounts counts = CountsOf(1, 7);
-            EXPECT_EQ(counts.produced, one.records) << one.channel;
-            EXPECT_EQ(counts.delivered, one.records) << one.channel;
+            EXPECT_EQ(counts.produced, records);
+            EXPECT_EQ(counts.delivered, records);
             EXPECT_EQ(counts.starts, start);
-            EXPECT_EQ(stream.missing + counts.lost, 0U) << one.channel;
+            EXPECT_EQ(stream.missing + counts.lost, 0U);
             EXPECT_EQ(prof_stop(1, 7), PROF_OK);
             EXPECT_EQ(stream.Read(1, 7, 64), PROF_STOPPED_ALREADY);
             EXPECT_EQ(prof_stop(1, 7), PROF_STOPPED_ALREADY);
@@ -200,25 +198,21 @@ TEST_F(ProfChannelsTest, PollTellsEveryChannelInTurnAndEndsWithAStop) {
     control::SetDeviceState(0, control::DeviceState::kUp);
     control::SetDeviceState(1, control::DeviceState::kUp);
 
-    // A poll that waits ends with a stop, and with new data.
-    for (const int left : {1, 0}) {
-        ASSERT_EQ(prof_drv_start(0, 30, &kPlain), PROF_OK);
-        if (left == 1) {
-            ASSERT_EQ(prof_drv_start(1, 30, &kPlain), PROF_OK);
-        }
+    // A poll that waits ends with a stop, of the first of two channels and of the last.
+    ASSERT_EQ(prof_drv_start(0, 30, &kPlain), PROF_OK);
+    ASSERT_EQ(prof_drv_start(1, 30, &kPlain), PROF_OK);
+    for (const uint32_t device : {0, 1}) {
         const uint64_t polls = control::CallCount("prof_channel_poll");
-        std::thread stopper([polls] {
+        std::thread stopper([=] {
             EXPECT_TRUE(
                 Eventually([=] { return control::CallCount("prof_channel_poll") > polls; }));
             std::this_thread::sleep_for(milliseconds(20));
-            EXPECT_EQ(prof_stop(0, 30), PROF_OK);
+            EXPECT_EQ(prof_stop(device, 30), PROF_OK);
         });
         const auto waiting = steady_clock::now();
-        const int result = prof_channel_poll(events, 6, 400);
+        EXPECT_EQ(prof_channel_poll(events, 6, 400), device == 0 ? 0 : PROF_STOPPED_ALREADY);
         EXPECT_LT(steady_clock::now() - waiting, std::chrono::seconds(10));
-        EXPECT_TRUE(result == (left == 1 ? 0 : PROF_STOPPED_ALREADY)) << result;
         stopper.join();
-        static_cast<void>(prof_stop(1, 30));
     }
 }
 
@@ -254,7 +248,6 @@ TEST_F(ProfChannelsTest, StartRecordsAreKeptByteForByte) {
     ASSERT_EQ(starts.size(), 5U);
     EXPECT_EQ(starts[0].config, std::string("\1\0\0\0\0\0\0\0\x78\x56\x34\x12", 12));
     EXPECT_EQ(starts[0].para.samplePeriod, 20U);
-    EXPECT_EQ(starts[0].para.channelType, 1U);
     EXPECT_EQ(starts[0].result, PROF_OK);
     EXPECT_EQ(starts[1].result, PROF_ERROR);
 
@@ -265,9 +258,6 @@ TEST_F(ProfChannelsTest, StartRecordsAreKeptByteForByte) {
                              halProfDataFlush(0, 2, nullptr)}) {
         EXPECT_EQ(result, PROF_ERROR);
     }
-    ASSERT_TRUE(control::InjectFault({"prof_channel_read", 0, 2, -1}));
-    EXPECT_EQ(prof_channel_read(0, 2, &byte, 1), -1);
-    EXPECT_GE(prof_channel_read(0, 2, &byte, 1), 0);
 }
 
 TEST_F(ProfChannelsTest, StartsStopsReadsAndPollsFromManyThreads) {
