@@ -1,20 +1,15 @@
 #include "daemon/ide_daemon_monitor.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
-#include <filesystem>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "hdc/stand_in_test_support.h"
 #include "platform/emulation/control.h"
 
 namespace {
@@ -22,52 +17,11 @@ namespace {
 using namespace std::chrono_literals;
 using orla::control::CallCount;
 
-// The monitor's stand-in, beside the test program; it listens once this is made.
-class AppmonProgram {
-public:
-    explicit AppmonProgram(std::vector<std::string> options) {
-        const auto program =
-            std::filesystem::read_symlink("/proc/self/exe").replace_filename("orla-appmon");
-        options.insert(options.begin(), program);
-        std::vector<char*> argv;
-        for (std::string& option : options) {
-            argv.push_back(option.data());
-        }
-        argv.push_back(nullptr);
-        int pipe[2];
-        EXPECT_EQ(pipe2(pipe, O_CLOEXEC), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
-        EXPECT_EQ(posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        close(pipe[1]);
-        output_ = pipe[0];
-        static_cast<void>(ReadLine());
-    }
-
-    // The next thing that it says, without the name of who said it to it; empty at its end.
-    std::string ReadLine() const {
-        std::string line;
-        for (char c = 0; read(output_, &c, 1) == 1 && c != '\n';) {
-            line += c;
-        }
-        return line.substr(std::min(line.size(), line.find(": ") + 2));
-    }
-
-    void Stop(std::vector<std::string>* said) {
-        kill(pid_, SIGTERM);
-        for (std::string line = ReadLine(); !line.empty(); line = ReadLine()) {
-            said->push_back(line);
-        }
-        close(output_);
-        EXPECT_EQ(waitpid(pid_, nullptr, 0), pid_);
-    }
-
-private:
-    pid_t pid_ = 0;
-    int output_ = -1;
-};
+// What the monitor says next, without the name of who said it to it; empty at its end.
+std::string Said(const orla::test::StandIn& monitor) {
+    const std::string line = monitor.ReadLine();
+    return line.substr(std::min(line.size(), line.find(": ") + 2));
+}
 
 struct MonitorCase {
     const char* name;
@@ -85,14 +39,12 @@ protected:
 
 TEST_P(MonitorStop, InEveryState) {
     const MonitorCase& one = GetParam();
-    std::optional<AppmonProgram> monitor;
+    std::optional<orla::test::StandIn> monitor;
     if (one.options) {
-        monitor.emplace(*one.options);
+        monitor.emplace("orla-appmon", *one.options);
     }
-    orla::control::Fault late;
-    late.call = "appmon_client_init";
-    late.delayMs = one.connectDelayMs;
-    ASSERT_TRUE(orla::control::InjectFault(late));
+    ASSERT_TRUE(
+        orla::control::InjectFault({"appmon_client_init", {}, {}, {}, 0, 1, one.connectDelayMs}));
     const orla::control::LogCapture capture;
     ASSERT_EQ(IdeMonitorStart(), 0);
     while (CallCount("appmon_client_init") == 0) {
@@ -100,7 +52,7 @@ TEST_P(MonitorStop, InEveryState) {
     }
     std::vector<std::string> said;
     while (said.size() < one.before) {
-        said.push_back(monitor->ReadLine());
+        said.push_back(Said(*monitor));
     }
     const auto stopping = std::chrono::steady_clock::now();
     EXPECT_EQ(IdeMonitorStop(), 0);
@@ -114,7 +66,10 @@ TEST_P(MonitorStop, InEveryState) {
         0ms);
     EXPECT_EQ(failed, !one.options);
     if (monitor) {
-        monitor->Stop(&said);
+        monitor->Stop();
+        for (std::string line = Said(*monitor); !line.empty(); line = Said(*monitor)) {
+            said.push_back(line);
+        }
         said.pop_back();
     }
     EXPECT_EQ(said, one.said);

@@ -4,19 +4,17 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <spawn.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
-#include <sys/wait.h>
 
 #include <chrono>
-#include <csignal>
-#include <cstring>
-#include <filesystem>
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
+
+#include "hdc/stand_in_test_support.h"
 
 namespace orla::test {
 
@@ -80,48 +78,9 @@ private:
     std::thread thread_;
 };
 
-// The stand-in, beside the test program; ready once this is made.
-class SlogdProgram {
-public:
-    explicit SlogdProgram(std::vector<std::string> options = {}) {
-        const auto program =
-            std::filesystem::read_symlink("/proc/self/exe").replace_filename("orla-slogd");
-        options.insert(options.begin(), program);
-        std::vector<char*> argv;
-        for (std::string& option : options) {
-            argv.push_back(option.data());
-        }
-        argv.push_back(nullptr);
-        int pipe[2];
-        EXPECT_EQ(pipe2(pipe, O_CLOEXEC), 0);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
-        EXPECT_EQ(posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ), 0)
-            << program;
-        posix_spawn_file_actions_destroy(&actions);
-        close(pipe[1]);
-        char ready = 0;
-        EXPECT_EQ(read(pipe[0], &ready, 1), 1) << "orla-slogd did not start";
-        close(pipe[0]);
-    }
-    ~SlogdProgram() { Stop(); }
-    SlogdProgram(const SlogdProgram&) = delete;
-    SlogdProgram& operator=(const SlogdProgram&) = delete;
-
-    // Its wait status after SIGTERM, or after the end that it took by itself.
-    int Stop() {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            EXPECT_EQ(waitpid(pid_, &status_, 0), pid_);
-            pid_ = 0;
-        }
-        return status_;
-    }
-
-private:
-    pid_t pid_ = 0;
-    int status_ = -1;
+struct SlogdProgram : StandIn {
+    explicit SlogdProgram(std::vector<std::string> options = {})
+        : StandIn("orla-slogd", std::move(options)) {}
 };
 
 }  // namespace orla::test
