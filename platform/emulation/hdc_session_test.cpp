@@ -206,24 +206,29 @@ TEST_F(HdcSessionTest, SizeLimitsOneReceiveAndLosesNothing) {
     Close(session);
 }
 
-TEST_F(HdcSessionTest, MessageOfSeveralBuffers) {
+TEST_F(HdcSessionTest, MessageOfSeveralBuffersUpToTheScenariosLimit) {
+    ASSERT_EQ(control::LoadScenario(R"({"max_segment": 6})"), "");
+    drvHdcCapacity capacity = {HDC_CHAN_TYPE_SOCKET, 0};
+    ASSERT_EQ(drvHdcGetCapacity(&capacity), 0);
+    EXPECT_EQ(capacity.maxSegment, 6U);
+    ASSERT_EQ(drvHdcServerDestroy(std::exchange(server_, nullptr)), 0);
+    Listen();
     const auto session = MakeSession();
     drvHdcMsg_t message = nullptr;
     ASSERT_EQ(drvHdcAllocMsg(session.first, &message, 2), 0);
     std::string one = "one";
-    std::string two = "twotwo";
+    std::string two = "twotwo!";
     EXPECT_NE(halHdcSend(session.first, message, HDC_FLAG_WAIT, 0), 0);  // still empty
+    for (const auto& [buffer, length] :
+         {std::pair<char*, int>{one.data(), 0}, {one.data(), -1}, {two.data(), 7}, {nullptr, 1}}) {
+        EXPECT_NE(drvHdcAddMsgBuffer(message, buffer, length), 0) << length;
+    }
     EXPECT_EQ(drvHdcAddMsgBuffer(message, one.data(), 3), 0);
     EXPECT_EQ(drvHdcAddMsgBuffer(message, two.data(), 6), 0);
     EXPECT_NE(drvHdcAddMsgBuffer(message, two.data(), 6), 0);  // full
     EXPECT_EQ(halHdcSend(session.first, message, HDC_FLAG_WAIT, 0), 0);
     EXPECT_EQ(drvHdcReuseMsg(message), 0);
-    for (const auto& [buffer, length] : {std::pair<char*, int>{one.data(), 0},
-                                         {one.data(), -1},
-                                         {one.data(), kMaxSegment + 1},
-                                         {nullptr, 1}}) {
-        EXPECT_NE(drvHdcAddMsgBuffer(message, buffer, length), 0) << length;
-    }
+    EXPECT_NE(halHdcSend(session.first, message, HDC_FLAG_WAIT, 0), 0);  // empty again
     EXPECT_EQ(drvHdcFreeMsg(message), 0);
     EXPECT_EQ(Receive(session.second), (Received{0, "one"}));
     EXPECT_EQ(Receive(session.second), (Received{0, "twotwo"}));
@@ -308,58 +313,34 @@ TEST_F(HdcSessionTest, CloseRacesWithEverythingElse) {
 }
 
 TEST_F(HdcSessionTest, AttributesComeFromTheHello) {
-    const auto attributes = [](drvHdcSession_t session) {
-        std::vector<int> values;
+    const auto expect = [this](const std::vector<int>& values, drvHdcSession_t host) {
+        const drvHdcSession_t device = Accept();
+        int value = 77;
+        EXPECT_NE(halHdcGetSessionAttr(device, 1, &value), 0);
+        EXPECT_EQ(value, 77);
+        std::vector<int> found;
         for (const int attribute : {HDC_SESSION_ATTR_DEV_ID, HDC_SESSION_ATTR_RUN_ENV,
                                     HDC_SESSION_ATTR_VFID, HDC_SESSION_ATTR_PEER_PID}) {
-            EXPECT_EQ(halHdcGetSessionAttr(session, attribute, &values.emplace_back()), 0);
+            EXPECT_EQ(halHdcGetSessionAttr(device, attribute, &found.emplace_back()), 0);
         }
-        return values;
+        EXPECT_EQ(found, values);
+        Close({host, device});
     };
-    const int own = getpid();
-    auto session = MakeSession();
-    EXPECT_EQ(attributes(session.second), (std::vector<int>{0, 1, 0, own}));
-    EXPECT_EQ(attributes(session.first), (std::vector<int>{0, 1, 0, own}));
-    int value = 77;
-    EXPECT_NE(halHdcGetSessionAttr(session.second, 1, &value), 0);
-    EXPECT_EQ(value, 77);
-    Close(session);
-
+    drvHdcSession_t host = nullptr;
+    ASSERT_EQ(drvHdcSessionConnect(0, 0, client_, &host), 0);
+    expect({0, 1, 0, getpid()}, host);
     setenv("ORLA_HDC_RUN_ENV", "2", 1);
     setenv("ORLA_HDC_VF_ID", "9", 1);
     setenv("ORLA_HDC_PID", "1234", 1);
-    session = MakeSession();
-    EXPECT_EQ(attributes(session.second), (std::vector<int>{0, 2, 9, 1234}));
-    Close(session);
-    ASSERT_EQ(halHdcSessionConnectEx(0, 0, 77, client_, &session.first), 0);
-    session.second = Accept();
-    EXPECT_EQ(attributes(session.second), (std::vector<int>{0, 2, 9, 77}));
-    Close(session);
-
+    ASSERT_EQ(drvHdcSessionConnect(0, 0, client_, &host), 0);
+    expect({0, 2, 9, 1234}, host);
+    ASSERT_EQ(halHdcSessionConnectEx(0, 0, 77, client_, &host), 0);
+    expect({0, 2, 9, 77}, host);
     setenv("ORLA_HDC_PID", "12x", 1);
-    EXPECT_NE(drvHdcSessionConnect(0, 0, client_, &session.first), 0);
+    EXPECT_NE(drvHdcSessionConnect(0, 0, client_, &host), 0);
     for (const char* name : {"ORLA_HDC_RUN_ENV", "ORLA_HDC_VF_ID", "ORLA_HDC_PID"}) {
         unsetenv(name);
     }
-}
-
-TEST_F(HdcSessionTest, MaximumSegmentIsTheScenarios) {
-    drvHdcCapacity capacity = {HDC_CHAN_TYPE_SOCKET, 0};
-    ASSERT_EQ(drvHdcGetCapacity(&capacity), 0);
-    EXPECT_EQ(capacity.maxSegment, kMaxSegment);
-    ASSERT_EQ(control::LoadScenario(R"({"max_segment": 10})"), "");
-    ASSERT_EQ(drvHdcGetCapacity(&capacity), 0);
-    EXPECT_EQ(capacity.maxSegment, 10U);
-    capacity.chanType = 1;
-    EXPECT_NE(drvHdcGetCapacity(&capacity), 0);
-    const drvHdcServer_t large = std::exchange(server_, nullptr);
-    ASSERT_EQ(drvHdcServerDestroy(large), 0);
-    Listen();
-    const auto session = MakeSession();
-    EXPECT_EQ(Send(session.first, Pattern(10, 0)), 0);
-    EXPECT_NE(Send(session.first, Pattern(11, 0)), 0);
-    EXPECT_EQ(Receive(session.second), (Received{0, Pattern(10, 0)}));
-    Close(session);
 }
 
 }  // namespace
