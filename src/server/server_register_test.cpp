@@ -205,19 +205,6 @@ TEST_F(FrameworkTest, WhatNamesNoComponentEndsInSilence) {
     EXPECT_TRUE(host_->IsServed(0));
 }
 
-TEST_F(FrameworkTest, TwentyLargeRequestsAtOnceAreServed) {
-    Start();
-    std::vector<std::future<bool>> requests;
-    for (int i = 0; i < 20; ++i) {
-        requests.push_back(std::async(std::launch::async, [i] {
-            return Host().IsServed(i % 2, std::string(1100000, static_cast<char>('a' + i)));
-        }));
-    }
-    for (auto& request : requests) {
-        EXPECT_TRUE(request.get());
-    }
-}
-
 TEST_F(FrameworkTest, WhatFailsToOpenIsTriedAgain) {
     InjectFault("drvHdcServerCreate", 5);
     InjectFault("drvHdcEpollCreate", 5);
