@@ -18,6 +18,7 @@ namespace {
 using namespace std::chrono_literals;
 using orla::control::DeviceState;
 using orla::test::InjectFault;
+using orla::test::WaitFor;
 
 bool WaitForWords(const std::string& words) {
     return orla::control::WaitForLine(
@@ -120,9 +121,7 @@ TEST_F(RequestLoop, OnlyAProfilingSessionSurvivesItsThread) {
     EXPECT_EQ(0, HdcSessionClose(keptSession)) << "the session was closed by the request loop";
     EXPECT_EQ("1000:log", Ask(4, "log"));
     // The client's end is gone as well; only the device's may still be on its way out.
-    while (orla::control::CountLiveHandles().sessions != 0) {
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(WaitFor([] { return orla::control::CountLiveHandles().sessions == 0; }));
 }
 
 TEST_F(RequestLoop, ADeviceThatIsNotReadyIsTriedAgainAndAStopDoesNotWait) {
@@ -141,11 +140,9 @@ TEST_F(RequestLoop, AFailedAcceptMakesTheServerAnew) {
     InjectFault("drvHdcSessionAccept", 7, 0, 3);
     // Whether the accept that blocks now was called before the fault or after it, sessions make
     // it return, and one is served as soon as the faults are used up.
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (Ask(4, "b") != "1000:b" || orla::control::CallCount("drvHdcServerCreate") < 4) {
-        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
-        std::this_thread::yield();
-    }
+    EXPECT_TRUE(WaitFor([] {
+        return Ask(4, "b") == "1000:b" && orla::control::CallCount("drvHdcServerCreate") >= 4;
+    }));
     EXPECT_TRUE(WaitForWords("Hdc Session Accept Error: 7"));
 }
 

@@ -6,10 +6,10 @@
 #include <chrono>
 #include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "hdc/stand_in_test_support.h"
+#include "hdc/test_support.h"
 #include "platform/emulation/control.h"
 
 namespace {
@@ -47,9 +47,7 @@ TEST_P(MonitorStop, InEveryState) {
         orla::control::InjectFault({"appmon_client_init", {}, {}, {}, 0, 1, one.connectDelayMs}));
     const orla::control::LogCapture capture;
     ASSERT_EQ(IdeMonitorStart(), 0);
-    while (CallCount("appmon_client_init") == 0) {
-        std::this_thread::yield();
-    }
+    ASSERT_TRUE(orla::test::WaitFor([] { return CallCount("appmon_client_init") > 0; }));
     std::vector<std::string> said;
     while (said.size() < one.before) {
         said.push_back(Said(*monitor));

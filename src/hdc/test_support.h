@@ -1,14 +1,16 @@
 // For the unit tests of any module: what the code under test logs, faults and foreign bytes for it,
-// and a thread as small as those of the daemon.
+// waiting for a condition, and a thread as small as those of the daemon.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <hdc_driver.h>
 #include <portability.h>
 
+#include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "hdc/hdc_packet.h"
@@ -82,6 +84,18 @@ inline void SendRaw(drvHdcSession_t session, std::string bytes) {
     ASSERT_EQ(0, drvHdcAddMsgBuffer(message, bytes.data(), static_cast<int>(bytes.size())));
     ASSERT_EQ(0, halHdcSend(session, message, HDC_FLAG_WAIT, 0));
     ASSERT_EQ(0, drvHdcFreeMsg(message));
+}
+
+// Waits until `condition` holds. False after a minute, which only a fault takes.
+[[nodiscard]] inline bool WaitFor(const std::function<bool()>& condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
 }
 
 // Runs `body` on a thread with the stack of the daemon's threads and waits for its end. False

@@ -170,9 +170,7 @@ TEST_F(LogServiceTest, StaleRepliesAreThrownAway) {
         SendReply(queue, SlogdMessage("[event] " + std::string(request.text)));
     });
     EXPECT_EQ(Ask("first"), Full(kLogServiceNoAnswer, kReceiveFailed));
-    while (slogd.queue.Status().msg_qnum == 0) {
-        std::this_thread::yield();  // until the late answer is there
-    }
+    ASSERT_TRUE(WaitFor([&] { return slogd.queue.Status().msg_qnum > 0; }));  // the late answer
     SendReply(slogd.queue.id(), SlogdMessage("++OK++"));
     SendReply(slogd.queue.id(), SlogdMessage(std::string(4000, 'x')), 4000);
     EXPECT_EQ(Ask("second"), Full(0, "[event] second"));

@@ -23,21 +23,11 @@ using orla::control::CallCount;
 using orla::control::CountLiveHandles;
 using orla::control::DeviceState;
 using orla::test::InjectFault;
+using orla::test::WaitFor;
 using std::chrono::steady_clock;
 
 constexpr int32_t kServer = 12;
 constexpr auto kPatience = std::chrono::seconds(30);
-
-bool WaitFor(const std::function<bool()>& condition) {
-    const auto end = steady_clock::now() + kPatience;
-    while (!condition()) {
-        if (steady_clock::now() > end) {
-            return false;
-        }
-        mmSleep(1);
-    }
-    return true;
-}
 
 // Who is in a component, and how often it came and went.
 struct Counts {

@@ -1,5 +1,5 @@
-// For the tests of threads: waiting for a condition, a system that runs out of threads, and one
-// that takes a thread off its processor at a bad moment. thread_test.cpp holds the system's side.
+// For the tests of threads: a system that runs out of threads, and one that takes a thread off its
+// processor at a bad moment. thread_test.cpp holds the system's side.
 #pragma once
 
 #include <atomic>
@@ -17,17 +17,5 @@ extern std::atomic<int> threadsLeft;
 // Whether the thread rests for a millisecond whenever it has unlocked a mutex, so that others do
 // what they can in between.
 extern thread_local bool restsAfterUnlock;
-
-// Waits until `condition` holds. False after a minute, which only a fault takes.
-[[nodiscard]] inline bool WaitFor(const std::function<bool()>& condition) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 }  // namespace orla::test
