@@ -92,8 +92,7 @@ TEST_F(HdcTest, MessagesOfEveryLengthArriveWhole) {
     uint32_t maxSegment = 0;
     ASSERT_EQ(0, HdcGetCapacity(&maxSegment));
     const size_t limit = maxSegment - orla::kSegmentOverhead;
-    for (const size_t length :
-         {size_t{1}, size_t{13}, limit, limit + 1, 3 * limit, 5 * limit + 7}) {
+    for (const size_t length : {size_t{1}, limit - 1, limit, limit + 1, 3 * limit, 5 * limit + 7}) {
         SCOPED_TRACE(length);
         const std::string message = Text(length);
         const uint64_t sends = orla::control::CallCount("halHdcSend");
