@@ -5,10 +5,12 @@
 #include <algorithm>
 #include <cstring>
 #include <future>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "hdc/session_test_support.h"
 #include "hdc/test_support.h"
 
 namespace {
@@ -16,43 +18,29 @@ namespace {
 using orla::kCoreSide;
 using orla::kProfilingSide;
 using orla::test::InjectFault;
+using orla::test::Listener;
 using orla::test::Segment;
 using orla::test::SendRaw;
+using orla::test::Session;
 using orla::test::Text;
-
-constexpr int kService = 4;
 
 // Both ends of one session in this process, and a promise that nothing of them stays behind.
 class HdcTest : public testing::Test {
 protected:
     void SetUp() override {
         orla::control::Reset();
-        handlesBefore_ = orla::control::CountLiveHandles().Total();
-        server_ = HdcServerCreate(0, kService);
-        ASSERT_NE(nullptr, server_);
-        client_ = HdcClientCreate(kService);
-        ASSERT_NE(nullptr, client_);
-        ASSERT_EQ(0, HdcSessionConnect(0, 0, client_, &host_));
-        device_ = HdcServerAccept(server_);
-        ASSERT_NE(nullptr, device_);
+        listener_.emplace();
+        session_.emplace(*listener_);
+        ASSERT_TRUE(session_->host != nullptr && session_->device != nullptr);
         orla::control::StartLogCapture();
     }
 
     void TearDown() override {
         orla::control::ClearFaults();
-        Close(&host_);
-        Close(&device_);
-        EXPECT_EQ(0, HdcClientDestroy(client_));
-        EXPECT_EQ(0, HdcServerDestroy(server_));
+        session_.reset();
+        listener_.reset();
         orla::control::StopLogCapture();
-        EXPECT_EQ(handlesBefore_, orla::control::CountLiveHandles().Total());
-    }
-
-    static void Close(drvHdcSession_t* session) {
-        if (*session != nullptr) {
-            HdcSessionClose(*session);
-            *session = nullptr;
-        }
+        EXPECT_EQ(0u, orla::control::CountLiveHandles().Total());
     }
 
     static bool Logged(const std::string& words) {
@@ -71,7 +59,7 @@ protected:
                     const orla::LogSide& side = kCoreSide) const {
         void* buffer = &read;
         uint32_t length = 77;
-        const int result = read(device_, &buffer, &length, side);
+        const int result = read(session_->device, &buffer, &length, side);
         if (result != kHdcReadDone) {
             EXPECT_EQ(nullptr, buffer);
             EXPECT_EQ(0u, length);
@@ -81,11 +69,8 @@ protected:
         return {result, std::string(owned.get(), length)};
     }
 
-    size_t handlesBefore_ = 0;
-    drvHdcServer_t server_ = nullptr;
-    drvHdcClient_t client_ = nullptr;
-    drvHdcSession_t host_ = nullptr;
-    drvHdcSession_t device_ = nullptr;
+    std::optional<Listener> listener_;
+    std::optional<Session> session_;
 };
 
 TEST_F(HdcTest, MessagesOfEveryLengthArriveWhole) {
@@ -97,7 +82,7 @@ TEST_F(HdcTest, MessagesOfEveryLengthArriveWhole) {
         const std::string message = Text(length);
         const uint64_t sends = orla::control::CallCount("halHdcSend");
         auto writing = std::async(std::launch::async, [&] {
-            return HdcWrite(host_, message.data(), static_cast<int>(message.size()));
+            return HdcWrite(session_->host, message.data(), static_cast<int>(message.size()));
         });
         const ReadAnswer answer = Read();
         EXPECT_EQ(0, writing.get());
@@ -109,34 +94,30 @@ TEST_F(HdcTest, MessagesOfEveryLengthArriveWhole) {
 
 TEST_F(HdcTest, ReadsWithoutWaitingTellEmptyFromClosed) {
     EXPECT_EQ(kHdcReadEmpty, Read(HdcReadNb).result);
-    SendRaw(host_, Segment("head", 0));
+    SendRaw(session_->host, Segment("head", 0));
     std::thread late([this] {
         while (orla::control::CallCount("halHdcRecv") < 4) {
             std::this_thread::yield();  // until the read waits for the rest
         }
-        SendRaw(host_, Segment(" and tail", 1));
+        SendRaw(session_->host, Segment(" and tail", 1));
     });
     const ReadAnswer whole = Read(HdcReadNb);
     late.join();
     EXPECT_EQ("head and tail", whole.text);
-    Close(&host_);
+    SendRaw(session_->host, Segment("the rest never comes", 0));
+    Session::Close(&session_->host);
+    EXPECT_EQ(kHdcReadClosed, Read().result);
     EXPECT_EQ(kHdcReadClosed, Read(HdcReadNb).result);
     EXPECT_EQ(kHdcReadClosed, Read(HdcRead, kProfilingSide).result);
     EXPECT_TRUE(Logged("[HdcSessionRead]Session is closed."));
 }
 
-TEST_F(HdcTest, AMessageWhosePeerGoesInBetweenIsNotHandedOut) {
-    SendRaw(host_, Segment("head", 0));
-    Close(&host_);
-    EXPECT_EQ(kHdcReadClosed, Read().result);
-}
-
 TEST_F(HdcTest, ForeignBytesFailTheReadOnBothSides) {
-    SendRaw(host_, Segment("a", 1, 1, 175));
+    SendRaw(session_->host, Segment("a", 1, 1, 175));
     EXPECT_EQ(kHdcReadFailed, Read().result);
     EXPECT_TRUE(Logged("Hdc store package, error"));
     EXPECT_TRUE(Logged("]>>> Hdc receive package error"));
-    SendRaw(host_, "short");
+    SendRaw(session_->host, "short");
     EXPECT_EQ(kHdcReadFailed, Read(HdcReadNb, kProfilingSide).result);
     EXPECT_TRUE(Logged(") [HdcSessionRead]Hdc receive package, error"));
 }
@@ -162,10 +143,10 @@ TEST_F(HdcTest, EveryDriverFailureFailsTheCallAndLeaksNothing) {
         const size_t messages = orla::control::CountLiveHandles().messages;
         if (c.write) {
             InjectFault(c.call, 7, c.after);
-            EXPECT_EQ(-1, HdcWrite(host_, two.data(), static_cast<int>(two.size())));
+            EXPECT_EQ(-1, HdcWrite(session_->host, two.data(), static_cast<int>(two.size())));
         } else {
-            SendRaw(host_, Segment("one", 0));
-            SendRaw(host_, Segment("two", 1));
+            SendRaw(session_->host, Segment("one", 0));
+            SendRaw(session_->host, Segment("two", 1));
             InjectFault(c.call, 7, c.after);
             EXPECT_EQ(kHdcReadFailed, Read().result);
         }
@@ -173,28 +154,16 @@ TEST_F(HdcTest, EveryDriverFailureFailsTheCallAndLeaksNothing) {
         EXPECT_EQ(messages, orla::control::CountLiveHandles().messages);
         orla::control::ClearFaults();
         // What the failed call left in the session would be taken for the next case's.
-        Close(&host_);
-        Close(&device_);
-        ASSERT_EQ(0, HdcSessionConnect(0, 0, client_, &host_));
-        device_ = HdcServerAccept(server_);
+        session_.emplace(*listener_);
     }
 }
 
 TEST_F(HdcTest, CapacityOutsideItsRangeFailsEveryWrite) {
-    const struct {
-        uint32_t segment;
-        int result;
-    } cases[] = {{1023, -1}, {1024, 0}, {524288, 0}, {524289, -1}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.segment);
-        const std::string error =
-            orla::control::LoadScenario("{\"max_segment\": " + std::to_string(c.segment) +
-                                        ", \"devices\": [{\"logical\": 0}]}");
-        if (!error.empty()) {
-            EXPECT_EQ(-1, c.result) << error;  // a scenario may refuse what no driver has
-            continue;
-        }
-        EXPECT_EQ(c.result, HdcWrite(host_, "a", 1));
+    for (const auto& [segment, result] :
+         {std::pair{1023u, -1}, {1024u, 0}, {524288u, 0}, {524289u, -1}}) {
+        ASSERT_EQ("", orla::control::LoadScenario("{\"max_segment\": " + std::to_string(segment) +
+                                                  ", \"devices\": [{\"logical\": 0}]}"));
+        EXPECT_EQ(result, HdcWrite(session_->host, "a", 1)) << segment;
     }
 }
 
@@ -208,20 +177,20 @@ TEST_F(HdcTest, ArgumentsAreChecked) {
         int result;
     } cases[] = {
         {"session is nullptr", HdcRead(nullptr, &buffer, &length)},
-        {"recv_buf is nullptr", HdcRead(device_, nullptr, &length)},
-        {"recv_len is nullptr", HdcReadNb(device_, &buffer, nullptr)},
-        {"buf is nullptr", HdcWrite(host_, nullptr, 1)},
-        {"len is invalid", HdcWriteNb(host_, "a", 0)},
-        {"len is invalid", HdcWrite(host_, "a", -1)},
-        {"peer_node is invalid", HdcSessionConnect(-1, 0, client_, &session)},
-        {"peer_devid is invalid", HdcSessionConnect(0, -1, client_, &session)},
+        {"recv_buf is nullptr", HdcRead(session_->device, nullptr, &length)},
+        {"recv_len is nullptr", HdcReadNb(session_->device, &buffer, nullptr)},
+        {"buf is nullptr", HdcWrite(session_->host, nullptr, 1)},
+        {"len is invalid", HdcWriteNb(session_->host, "a", 0)},
+        {"len is invalid", HdcWrite(session_->host, "a", -1)},
+        {"peer_node is invalid", HdcSessionConnect(-1, 0, listener_->client(), &session)},
+        {"peer_devid is invalid", HdcSessionConnect(0, -1, listener_->client(), &session)},
         {"client is nullptr", HdcSessionConnect(0, 0, nullptr, &session)},
-        {"host_pid is invalid", HdcSessionConnectEx(0, 0, -1, client_, &session)},
+        {"host_pid is invalid", HdcSessionConnectEx(0, 0, -1, listener_->client(), &session)},
         {"session is nullptr", HdcSessionClose(nullptr)},
         {"server is nullptr", HdcServerDestroy(nullptr)},
-        {"devId is nullptr", IdeGetDevIdBySession(device_, nullptr)},
-        {"runEnv is nullptr", HdcGetSessionRunEnv(device_, nullptr)},
-        {"pid is nullptr", HdcGetSessionPid(device_, nullptr)},
+        {"devId is nullptr", IdeGetDevIdBySession(session_->device, nullptr)},
+        {"runEnv is nullptr", HdcGetSessionRunEnv(session_->device, nullptr)},
+        {"pid is nullptr", HdcGetSessionPid(session_->device, nullptr)},
         {"", HdcGetCapacity(nullptr)},
     };
     for (const auto& c : cases) {
@@ -231,10 +200,10 @@ TEST_F(HdcTest, ArgumentsAreChecked) {
     EXPECT_EQ(0, HdcServerDestroy(nullptr, kProfilingSide));
     EXPECT_EQ(0, HdcClientDestroy(nullptr));
     InjectFault("halHdcGetSessionAttr", 9);
-    EXPECT_EQ(-1, HdcGetSessionVfId(device_, &value, kProfilingSide));
+    EXPECT_EQ(-1, HdcGetSessionVfId(session_->device, &value, kProfilingSide));
     EXPECT_EQ(5, value);
     EXPECT_TRUE(Logged("Hdc get session vfid failed, err: 9"));
-    EXPECT_EQ(0, HdcGetSessionVfId(device_, &value));
+    EXPECT_EQ(0, HdcGetSessionVfId(session_->device, &value));
     EXPECT_EQ(0, value);
 }
 
@@ -254,7 +223,7 @@ TEST_F(HdcTest, ASessionThatCannotBeReferencedIsClosed) {
     const size_t sessions = orla::control::CountLiveHandles().sessions;
     InjectFault("drvHdcSetSessionReference", 7);
     drvHdcSession_t session = nullptr;
-    EXPECT_EQ(-1, HdcSessionConnect(0, 0, client_, &session));
+    EXPECT_EQ(-1, HdcSessionConnect(0, 0, listener_->client(), &session));
     EXPECT_EQ(nullptr, session);
     EXPECT_EQ(sessions, orla::control::CountLiveHandles().sessions);
 }

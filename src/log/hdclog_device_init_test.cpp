@@ -7,6 +7,8 @@
 #include <future>
 #include <mutex>
 
+#include "hdc/session_test_support.h"
+#include "hdc/test_support.h"
 #include "log/log_test_support.h"
 #include "log/slogd_test_support.h"
 

@@ -4,6 +4,8 @@
 
 #include <vector>
 
+#include "hdc/session_test_support.h"
+#include "hdc/test_support.h"
 #include "log/log_test_support.h"
 
 namespace {
