@@ -1,7 +1,10 @@
 #include "faults.h"
 
 #include <chrono>
+#include <string>
 #include <thread>
+
+#include "log_book.h"
 
 namespace orla::emulation {
 
@@ -14,6 +17,21 @@ bool Matches(const std::optional<uint32_t>& wanted, const std::optional<uint32_t
 bool Fires(const Fault& fault, uint64_t seenBefore) {
     return seenBefore >= fault.after &&
            (fault.count < 0 || seenBefore - fault.after < static_cast<uint64_t>(fault.count));
+}
+
+// Told only at debug level, so that a log can be held against what went wrong on purpose.
+void Report(Call call, const CallSubject& subject, const Fault& fault) {
+    if (!LogBook::Get().Enabled(LogLevel::kDebug)) {
+        return;
+    }
+    std::string text = "fault: " + std::string(kCallNames[static_cast<size_t>(call)]);
+    const auto add = [&text](const char* name, const auto& value) {
+        text += value ? std::string(", ") + name + " " + std::to_string(*value) : "";
+    };
+    add("device", subject.device);
+    add("channel", subject.channel);
+    add("result", fault.result);
+    LogBook::Get().Write(kDriverModule, LogLevel::kDebug, std::move(text));
 }
 
 }  // namespace
@@ -37,19 +55,21 @@ std::optional<int> FaultPlan::Check(Call call, const CallSubject& subject) {
     if (!any_.load(std::memory_order_relaxed)) {
         return std::nullopt;
     }
-    std::optional<int> result;
-    std::chrono::milliseconds delay{0};
+    std::optional<Fault> fired;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (const Fault* fault = Fire(call, subject)) {
-            result = fault->result;
-            delay = std::chrono::milliseconds(fault->delayMs);
+            fired = *fault;
         }
     }
-    if (delay.count() > 0) {
-        std::this_thread::sleep_for(delay);
+    if (!fired) {
+        return std::nullopt;
     }
-    return result;
+    Report(call, subject, *fired);
+    if (fired->delayMs > 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(fired->delayMs));
+    }
+    return fired->result;
 }
 
 void FaultPlan::Set(const std::vector<Fault>& faults) {

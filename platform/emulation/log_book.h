@@ -22,6 +22,8 @@ namespace orla::emulation {
 using control::LogLevel;
 using control::LogLine;
 
+constexpr int kDriverModule = 100;  // of the lines that the driver itself writes
+
 class LogBook {
 public:
     [[nodiscard]] static LogBook& Get();

@@ -10,7 +10,6 @@ namespace orla::emulation {
 
 namespace {
 
-constexpr int kDriverModule = 100;  // of the lines that the driver itself writes
 constexpr size_t kMaxStarts = 65536;
 constexpr std::chrono::milliseconds kPollUnit{50};
 
