@@ -33,7 +33,7 @@ ProfTimer::~ProfTimer() {
 
 void ProfTimer::RegisterTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& handler) {
     PROF_LOGI("ProfTimer RegisterTimerHandler tag %u", tag);
-    auto slot = MakeShared<Slot>();
+    auto slot = MakeShared<Slot>(tag);
     if (slot == nullptr) {
         return;
     }
@@ -112,26 +112,30 @@ void ProfTimer::Run(const TraceletErrorContext& context) {
     } while (isStarted_);
 }
 
+// In order of their tags. From one to the next without a list of them, which would take memory: a
+// tick cannot fail, and the thread lives as long as it has users.
 void ProfTimer::ExecuteAll() {
-    {
-        const std::lock_guard<std::mutex> lock(handlerMtx_);
-        for (const auto& [tag, slot] : handlerMap_) {
-            turn_.push_back(slot);
-        }
+    for (auto slot = SlotBehind(nullptr); slot != nullptr; slot = SlotBehind(slot.get())) {
+        Execute(slot.get());
     }
-    for (const auto& slot : turn_) {
-        const std::lock_guard<std::mutex> lock(slot->mutex);
-        if (slot->handler == nullptr) {
-            continue;
-        }
-        try {
-            slot->handler->Execute();
-        } catch (const std::exception& e) {  // out of memory: the next sample may fare better
-            PROF_LOGE("Timer handler %u lost a sample, message: %s", slot->handler->GetTag(),
-                      e.what());
-        }
+}
+
+std::shared_ptr<ProfTimer::Slot> ProfTimer::SlotBehind(const Slot* last) {
+    const std::lock_guard<std::mutex> lock(handlerMtx_);
+    const auto next = last == nullptr ? handlerMap_.begin() : handlerMap_.upper_bound(last->tag);
+    return next == handlerMap_.end() ? nullptr : next->second;
+}
+
+void ProfTimer::Execute(Slot* slot) {
+    const std::lock_guard<std::mutex> lock(slot->mutex);
+    if (slot->handler == nullptr) {
+        return;
     }
-    turn_.clear();
+    try {
+        slot->handler->Execute();
+    } catch (const std::exception& e) {  // out of memory: the next sample may fare better
+        PROF_LOGE("Timer handler %u lost a sample, message: %s", slot->tag, e.what());
+    }
 }
 
 // ---- Its users ----------------------------------------------------------------------------------

@@ -12,7 +12,6 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "profiling/collect/timer_handler.h"
 #include "profiling/config/singleton.h"
@@ -46,12 +45,18 @@ protected:
 
 private:
     struct Slot {
+        explicit Slot(uint32_t tagOfHandler) : tag(tagOfHandler) {}
+
+        const uint32_t tag;
         std::mutex mutex;
         // Guarded by mutex, and unchanged while the slot is in the map; null: removed.
         std::shared_ptr<TimerHandler> handler;
     };
 
     void ExecuteAll();
+    // The slot with the next higher tag; the first one behind null, null behind the last.
+    [[nodiscard]] std::shared_ptr<Slot> SlotBehind(const Slot* last);
+    static void Execute(Slot* slot);
     static void Tear(Slot* slot);
 
     std::atomic<bool> isStarted_{false};
@@ -59,8 +64,6 @@ private:
 
     std::mutex handlerMtx_;
     std::map<uint32_t, std::shared_ptr<Slot>> handlerMap_;  // guarded by handlerMtx_
-
-    std::vector<std::shared_ptr<Slot>> turn_;  // of this tick; touched by the thread alone
 };
 
 // Any thread.

@@ -73,14 +73,15 @@ void Thread::SetQuit() {
 void* Thread::Entry(void* argument) {
     auto* thread = static_cast<Thread*>(argument);
     current = thread;
-    // The derived class may be on its way out when Run has returned.
-    const std::string name = thread->threadName_;
+    // Whoever destroys the object waits for this to return first, so the name is there to the end;
+    // a copy of it would need memory outside of what catches its lack.
     try {
         thread->RunNamed();
     } catch (const std::exception& e) {
-        PROF_LOGE("Thread %s ends by an exception, message: %s", name.c_str(), e.what());
+        PROF_LOGE("Thread %s ends by an exception, message: %s", thread->threadName_.c_str(),
+                  e.what());
     } catch (...) {
-        PROF_LOGE("Thread %s ends by an unknown exception", name.c_str());
+        PROF_LOGE("Thread %s ends by an unknown exception", thread->threadName_.c_str());
     }
     return nullptr;
 }
