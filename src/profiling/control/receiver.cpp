@@ -16,6 +16,21 @@ using Analysis::Nedra::TraceletErrMgr::TraceletErrorManager;
 using common::MakeShared;
 using transport::ITransport;
 
+namespace {
+
+// One that fails must not take the thread: the next command comes, and the thread's end has to be
+// told, or no other host gets in.
+template <typename Step>
+void Guarded(const char* what, const Step& step) {
+    try {
+        step();
+    } catch (const std::exception& e) {
+        PROF_LOGE("%s ends by an exception, message: %s", what, e.what());
+    }
+}
+
+}  // namespace
+
 Receiver::Receiver(std::shared_ptr<ITransport> transport) : transport_(std::move(transport)) {}
 
 Receiver::~Receiver() {
@@ -101,7 +116,8 @@ void Receiver::Run(const common::thread::TraceletErrorContext& context) {
     }
     if (!isAlive) {
         PROF_LOGW("devIdOnHost(%d) Failed to recv packet from host", devIdOnHost_.load());
-        TaskManager::instance().ConnectionReset(transport);
+        Guarded("The reset of a connection",
+                [&] { TaskManager::instance().ConnectionReset(transport); });
         SetQuit();
     }
     PROF_LOGI("Receiver end, devId:%d, devIdOnHost:%d", devId_.load(), devIdOnHost_.load());
@@ -121,11 +137,7 @@ bool Receiver::ServeOne(ITransport& transport) {
         message = message::DecodeMessage({packet->value, packet->len});
     }
     transport.DestroyPacket(packet);
-    try {
-        dispatcher_->OnNewMessage(message);
-    } catch (const std::exception& e) {
-        PROF_LOGE("A command ends by an exception, message: %s", e.what());
-    }
+    Guarded("A command", [&] { dispatcher_->OnNewMessage(message); });
     return true;
 }
 
