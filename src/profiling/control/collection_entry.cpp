@@ -266,6 +266,7 @@ int CollectionEntry::HandleDataSession(const std::shared_ptr<Uploader>& uploader
     if (const int ret = uploader->Start(); ret != 0) {
         PROF_LOGE("[HandleDataSession]Failed to start uploader thread, ret=%d", ret);
         uploaders.DelUploader(handshake.jobid());
+        uploader->Stop(true);  // who has found it meanwhile must not wait for what will not run
         return ret;
     }
     return 0;

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <future>
 
 #include "profiling/collect/collect_test_support.h"
@@ -19,12 +20,17 @@
 #include "proto/codec.h"
 
 static std::atomic<bool> threadsStart{true};
+static std::function<void()> onRefused;  // a thread that was to start
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*routine)(void*), void* argument) {
     static const auto real =
         reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
-    return threadsStart ? real(thread, attributes, routine, argument) : EAGAIN;
+    if (threadsStart) {
+        return real(thread, attributes, routine, argument);
+    }
+    onRefused();
+    return EAGAIN;
 }
 
 namespace analysis::nedra::device {
@@ -132,10 +138,16 @@ TEST_F(Handshakes, OfTwoForADeviceAndModeTheLaterIsRefused) {
 }
 
 TEST_F(Handshakes, AThreadThatDoesNotStartLeavesNothing) {
+    std::shared_ptr<transport::Uploader> found;
+    onRefused = [&] { transport::UploaderMgr::instance().GetUploader("job", found); };
     threadsStart = false;
     EXPECT_NE(Shake(first, "job"), 0);
     EXPECT_NE(Shake<proto::DataChannelHandshake>(data, "job"), 0);
     threadsStart = true;
+    ASSERT_NE(found, nullptr);
+    EXPECT_EQ(found->UploadData("x", 1), -1) << "nobody would ever send it";
+    found->Flush();
+    found.reset();
     EXPECT_THAT(first->Got(), ElementsAre(Reply(0), Reply(1)));
     EXPECT_THAT(data->Got(), ElementsAre(Reply(1)));
     EXPECT_TRUE(first->IsClosed());
