@@ -1,6 +1,6 @@
 // The work directories of an engine, below one root. Several engines may work in one directory:
 // a job of several devices in that of the job, two modes on a device in that of the device. It
-// goes with its last user.
+// is empty for its first user and goes with its last one.
 
 #include <algorithm>
 #include <map>
@@ -71,6 +71,10 @@ int CollectEngine::CreateTmpRootDir(std::string& out) {
 }
 
 int CollectEngine::HoldDir(const std::string& path) {
+    if (dirUsers.count(path) == 0 && Utils::IsFileExist(path)) {
+        // Left by an agent that was killed. The recordings in it must not go to this job's host.
+        Utils::RemoveDir(path, true);
+    }
     const int ret = CreateDirLogged(path);
     if (ret == 0 && std::find(heldDirs_.begin(), heldDirs_.end(), path) == heldDirs_.end()) {
         heldDirs_.push_back(path);

@@ -2,6 +2,8 @@
 
 #include <gmock/gmock.h>
 
+#include <fstream>
+
 #include "profiling/collect/collect_test_support.h"
 #include "profiling/config/device_test_support.h"
 #include "profiling/datapath/prof_channel_manager.h"
@@ -136,6 +138,24 @@ TEST_F(CollectEngineTest, AnEngineEndsNothingThatAnotherUses) {
     EXPECT_EQ(WorkDirs(), (Names{"0", "1", "a", "other"}));
     noName.engine.Uninit();
     EXPECT_EQ(WorkDirs(), (Names{"1", "a", "other"}));
+}
+
+TEST_F(CollectEngineTest, WhatAKilledAgentLeftIsNobodysData) {
+    const auto slice = [](const char* dir) {
+        std::filesystem::create_directories(orla::test::kWorkRoot + dir);
+        const std::string path = orla::test::kWorkRoot + dir + "/ai_ctrl_cpu.data.7.1";
+        std::ofstream(path) << "recorded";
+        return path;
+    };
+    const std::string ofDevice = slice("0");
+    const std::string ofJob = slice("job");
+    ScriptedEngine own;
+    ASSERT_EQ(own.Open("job"), 0);
+    EXPECT_FALSE(std::filesystem::exists(ofDevice) || std::filesystem::exists(ofJob));
+    slice("0");
+    ScriptedEngine otherMode;
+    ASSERT_EQ(otherMode.Open("b"), 0);
+    EXPECT_TRUE(std::filesystem::exists(ofDevice)) << "of a job that runs";
 }
 
 TEST_F(CollectEngineTest, AReplayStartsInRisingOrderAndFailsOnlyWithoutAJob) {
