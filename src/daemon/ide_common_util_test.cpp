@@ -86,8 +86,6 @@ TEST_F(ComponentTable, NamesAndSlots) {
         EXPECT_STREQ(c.name, IdeRequestName(c.type));
     }
     EXPECT_EQ(kNoComponent, IdeRequestSlot(nullptr));
-    EXPECT_STREQ("hdc", IdeSlotName(2));
-    EXPECT_STREQ("default", IdeSlotName(17));
     EXPECT_EQ(nullptr, IdeComponentHandler(18));
     EXPECT_EQ(nullptr, IdeComponentHandler(0));
     IdeRegisterComponent(18, {Init<2>, nullptr, nullptr, Handle});  // ignored, writes nowhere

@@ -11,6 +11,7 @@
 
 #include "daemon/ide_common_util.h"
 #include "hdc/hdc_api.h"
+#include "hdc/session_test_support.h"
 #include "hdc/test_support.h"
 
 namespace {
@@ -77,25 +78,21 @@ protected:
 
     // What the host reads after one request: a text, or "closed".
     static std::string Ask(uint32_t type, const std::string& value) {
-        const drvHdcClient_t client = HdcClientCreate(kHdcServiceRequests);
-        drvHdcSession_t session = nullptr;
-        if (HdcSessionConnect(0, 0, client, &session) != 0) {
-            HdcClientDestroy(client);
-            return "not connected";
-        }
         void* packet = nullptr;
         uint32_t length = 0;
         EXPECT_EQ(0, IdeCreatePacket(type, value.data(), static_cast<uint32_t>(value.size()),
                                      &packet, &length));
-        const bool sent = HdcWrite(session, packet, static_cast<int>(length)) == 0;
-        IdeFreePacket(packet);
-        void* answer = nullptr;
-        const int ret = sent ? HdcRead(session, &answer, &length) : kHdcReadClosed;
-        const orla::HeapBlock owned(static_cast<char*>(answer));
-        const std::string text = ret == kHdcReadDone ? std::string(owned.get(), length) : "closed";
-        HdcSessionClose(session);
+        std::string answer = "not connected";
+        const drvHdcClient_t client = HdcClientCreate(kHdcServiceRequests);
+        drvHdcSession_t session = nullptr;
+        if (HdcSessionConnect(0, 0, client, &session) == 0) {
+            const bool sent = HdcWrite(session, packet, static_cast<int>(length)) == 0;
+            answer = sent ? orla::test::ReadMessage(session).value_or("closed") : "closed";
+            HdcSessionClose(session);
+        }
         HdcClientDestroy(client);
-        return text;
+        IdeFreePacket(packet);
+        return answer;
     }
 
     std::thread loop_;
