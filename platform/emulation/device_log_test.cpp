@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <thread>
 #include <vector>
 
 #include "control.h"
@@ -128,27 +127,6 @@ TEST_F(DeviceLogTest, UnusableFileGoesToStderr) {
     control::Reset();
     DlogErrorInner(1, "still told");
     EXPECT_NE(testing::internal::GetCapturedStderr().find("still told"), std::string::npos);
-}
-
-TEST_F(DeviceLogTest, ThreadsWriteWholeLinesAndWaitersSeeThem) {
-    const control::LogCapture capture;
-    std::vector<std::thread> threads;
-    threads.reserve(4);
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([i] {
-            for (int n = 0; n < 100; ++n) {
-                DlogInfoInner(1, "%d of %d", n, i);
-            }
-        });
-    }
-    const auto isLast = [](const control::LogLine& line) { return line.text == "99 of 3"; };
-    EXPECT_TRUE(control::WaitForLine(isLast, std::chrono::seconds(20)));
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(control::CapturedLines().size(), 400U);
-    const auto never = [](const control::LogLine&) { return false; };
-    EXPECT_FALSE(control::WaitForLine(never, std::chrono::milliseconds(1)));
 }
 
 }  // namespace

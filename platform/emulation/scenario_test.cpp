@@ -55,7 +55,6 @@ TEST_F(ScenarioTest, DeviceNumbers) {
     EXPECT_EQ(few[1], 99U);
     EXPECT_NE(drvGetDeviceLocalIDs(few, 65), 0);
     EXPECT_NE(drvGetDeviceLocalIDs(few, 0), 0);
-    EXPECT_FALSE(control::SetDeviceState(9, control::DeviceState::kUp));
 }
 
 TEST_F(ScenarioTest, WhatIsWrongIsToldAndChangesNothing) {

@@ -1,4 +1,4 @@
-// Threads, and the semaphores that tell of them.
+// Threads: how they are made, and their names.
 #include <sched.h>
 #include <sys/prctl.h>
 
@@ -78,17 +78,6 @@ TEST(Threads, NamesAreCutToWhatTheKernelKeeps) {
         EXPECT_EQ(name, wanted.substr(0, 15));
     }
     EXPECT_EQ(mmSetCurrentThreadName(before), EN_OK);
-}
-
-TEST(Semaphores, AreInterruptedAndSayWhatFailed) {
-    mmSem_t semaphore;
-    EXPECT_EQ(mmSemInit(&semaphore, SEM_VALUE_MAX + 1u), EN_ERROR);
-    EXPECT_EQ(errno, EINVAL);
-    ASSERT_EQ(mmSemInit(&semaphore, 1), EN_OK);
-    EXPECT_EQ(mmSemWait(&semaphore), EN_OK);
-    const Interruptions interruptions;
-    EXPECT_EQ(mmSemWait(&semaphore), EN_ERROR);
-    EXPECT_EQ(errno, EINTR);
 }
 
 }  // namespace
