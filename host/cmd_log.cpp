@@ -46,6 +46,7 @@ Answer Collect(Session& session, uint32_t device) {
         switch (session.Receive(std::max<int>(0, static_cast<int>(left.count())), &message)) {
             case ReceiveResult::kMessage:
                 if (message == kEndMarker) {
+                    text = text.empty() ? "an empty answer" : text;
                     return {device, IsRefusal(text) ? kExitRefused : kExitOk, text};
                 }
                 text += message;
