@@ -16,10 +16,8 @@ using HdcServerTest = HdcTest;
 // As a server leaves it that was killed.
 void LeaveStaleSocket(const std::string& path) {
     const int left = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-    ASSERT_EQ(bind(left, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const sockaddr_un address = AddressOf(path);
+    ASSERT_EQ(bind(left, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     close(left);
 }
 

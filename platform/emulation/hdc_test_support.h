@@ -93,14 +93,20 @@ struct Received {
     return received;
 }
 
+inline sockaddr_un AddressOf(const std::string& path) {
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
+    return address;
+}
+
 // A client that is only a socket.
 class RawPeer {
 public:
     explicit RawPeer(const std::string& path) : fd_(socket(AF_UNIX, SOCK_STREAM, 0)) {
-        sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, path.c_str(), sizeof(address.sun_path) - 1);
-        connected_ = connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0;
+        const sockaddr_un address = AddressOf(path);
+        connected_ =
+            connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
     }
     ~RawPeer() { Close(); }
     RawPeer(RawPeer&& other) noexcept
