@@ -41,22 +41,21 @@ using Sender = int (*)(const CommHandle&, uint16_t, uint16_t, int);
 
 // Whatever the acknowledgement: the sender has waited for it, and does not mind.
 TEST(SendFile, SlicesAreTheFile) {
-    struct Case {
+    const struct {
         Sender send;
         size_t size;
         std::vector<uint32_t> slices;
         std::string answer;
-    };
-    const Case cases[] = {{SendFile, 0, {0}, ControlBytes(6)},
-                          {SendFile, 1, {1}, ControlBytes(11)},
-                          {SendFile, 511999, {511999}, DataBytes("no")},
-                          {SendFile, 512000, {512000}, ControlBytes(6)},
-                          {SendFile, 512001, {512000, 1}, ControlBytes(6)},
-                          {SendFile, 1024003, {512000, 512000, 3}, ControlBytes(6)},
-                          {SendEventFile, 0, {0}, ControlBytes(11)},
-                          {SendEventFile, 4097, {4097}, ControlBytes(6)},
-                          {SendEventFile, 512000, {512000}, ControlBytes(6)}};
-    for (const Case& c : cases) {
+    } cases[] = {{SendFile, 0, {0}, ControlBytes(6)},
+                 {SendFile, 1, {1}, ControlBytes(11)},
+                 {SendFile, 511999, {511999}, DataBytes("no")},
+                 {SendFile, 512000, {512000}, ControlBytes(6)},
+                 {SendFile, 512001, {512000, 1}, ControlBytes(6)},
+                 {SendFile, 1024003, {512000, 512000, 3}, ControlBytes(6)},
+                 {SendEventFile, 0, {0}, ControlBytes(11)},
+                 {SendEventFile, 4097, {4097}, ControlBytes(6)},
+                 {SendEventFile, 512000, {512000}, ControlBytes(6)}};
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.size);
         const std::string content = orla::test::Text(c.size);
         const TestFile file(content);  // its position is at the end
@@ -108,7 +107,7 @@ TEST(SendFile, FailuresAreTold) {
         {"peer lost", SendEventFile, file.fd, lose, kMsgTransportFailed, 1},
         {"shrinks", SendFile, file.fd, shrink, kMsgFailed, 1},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         ScriptedCommOpt& peer = ScriptedCommOpt::Fresh();
         peer.onWrite = c.onWrite;
@@ -125,13 +124,12 @@ TEST(RecvFile, EndsAtTheEndAndAtWhatIsNoSlice) {
     };
     const std::string abc = slice("abc", 0, 6);
     const std::string large = orla::test::Text(kMaxSliceSize);
-    struct Case {
+    const struct {
         const char* name;
         std::deque<ScriptedCommOpt::Delivery> messages;
         int result;
         std::string stored;
-    };
-    const Case cases[] = {
+    } cases[] = {
         {"two slices", {{0, abc}, {0, slice("def", 3, 6)}}, kMsgOk, "abcdef"},
         {"largest slice", {{0, DataBytes(large)}}, kMsgOk, large},
         {"slice too long", {{0, DataBytes(large + "x")}}, kMsgOk, ""},
@@ -143,7 +141,7 @@ TEST(RecvFile, EndsAtTheEndAndAtWhatIsNoSlice) {
         // 3 + 0xFFFFFFFF is 2 in 32 bits.
         {"end that wraps", {{0, slice("abc", 0xFFFFFFFF, 2)}}, kMsgTransportFailed, "abc"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         const TestFile file;
         ScriptedCommOpt::Fresh(c.messages);
