@@ -10,11 +10,13 @@
 #include "profiling/config/make_shared.h"
 #include "profiling/config/param_validation.h"
 #include "profiling/config/profile_params.h"
+#include "profiling/config/utils.h"
 
 namespace analysis::nedra::device {
 namespace {
 
 using namespace Analysis::Nedra::JobWrapper;
+using common::utils::Utils;
 using common::validation::ParamValidation;
 
 struct JobKind {
@@ -35,14 +37,6 @@ constexpr JobKind kJobKinds[] = {
     {ALLPID_PROC_COLLECTION_JOB, Make<ProfAllPidsJob>},
     {LLC_DRV_COLLECTION_JOB, Make<ProfLlcJob>},
 };
-
-std::string Join(const std::vector<std::string>& texts) {
-    std::string joined;
-    for (size_t i = 0; i < texts.size(); ++i) {
-        joined += (i == 0 ? "" : ",") + texts[i];
-    }
-    return joined;
-}
 
 bool IsTag(int jobTag) {
     return jobTag >= 0 && jobTag < NR_MAX_COLLECTION_JOB;
@@ -97,7 +91,7 @@ int CollectEngine::CheckPmuEventIsValid(const Events& ctrlCpuEvents,
         PROF_LOGE("[CheckPmuEventIsValid]ctrlCpuEvent is not valid!");
         return -1;
     }
-    if (llcEvents != nullptr && !validation.CheckLlcEventsIsValid(Join(*llcEvents))) {
+    if (llcEvents != nullptr && !validation.CheckLlcEventsIsValid(Utils::Join(*llcEvents, ","))) {
         PROF_LOGE("[CheckPmuEventIsValid]llcEvent is not valid!");
         return -1;
     }
@@ -140,7 +134,7 @@ int CollectEngine::CollectionJobRegisterAndRun(message::StatusInfo& status) {
             started.push_back(std::to_string(tag));
         }
     }
-    PROF_LOGI("Total count of job registered: %s", Join(started).c_str());
+    PROF_LOGI("Total count of job registered: %s", Utils::Join(started, ",").c_str());
     if (started.empty()) {
         PROF_LOGE("CollectionJobRegisterAndRun failed, fail_cnt:%d", failCount);
         status.status = 1;

@@ -16,6 +16,8 @@
 
 namespace Analysis::Nedra::JobWrapper {
 
+constexpr int64_t kMaxProcFile = 0x20000000;  // bytes of a sampled file at most
+
 class ProcFile {
 public:
     enum class Keep { kNever, kIfSpare };

@@ -17,7 +17,6 @@ using analysis::nedra::common::utils::Utils;
 
 namespace {
 
-constexpr int64_t kMaxProcFile = 0x20000000;
 constexpr int64_t kMaxCommFile = 0x200000;
 constexpr uint64_t kPidBufSize = 4096;
 constexpr size_t kUsualPids = 128;

@@ -14,7 +14,6 @@ using analysis::nedra::common::utils::Utils;
 
 namespace {
 
-constexpr int64_t kMaxProcFile = 0x20000000;
 constexpr char kUptime[] = "/proc/uptime";
 constexpr char kNetwork[] = "/proc/net/dev";
 

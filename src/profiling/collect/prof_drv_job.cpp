@@ -50,11 +50,7 @@ int FilePeriodOr(int channelId, int otherwise) {
 
 std::string ProfDrvJob::GetEventsStr(const std::vector<std::string>& events,
                                      const std::string& separator) {
-    std::string joined;
-    for (size_t i = 0; i < events.size(); ++i) {
-        joined += (i == 0 ? "" : separator) + events[i];
-    }
-    return joined;
+    return Utils::Join(events, separator);
 }
 
 // ---- Readers -----------------------------------------------------------------------------------

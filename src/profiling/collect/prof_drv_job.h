@@ -21,6 +21,7 @@
 namespace Analysis::Nedra::JobWrapper {
 
 using analysis::nedra::driver::DrvPeripheralProfileCfg;
+using analysis::nedra::message::IsOn;
 using analysis::nedra::message::ProfileParams;
 
 // ---- What differs between jobs -----------------------------------------------------------------
@@ -76,9 +77,6 @@ struct ChannelRun {
     bool releasesCores;
 };
 
-[[nodiscard]] inline bool IsOn(const std::string& value) {
-    return value == "on";
-}
 // `asked` when it is above 0.
 [[nodiscard]] inline int PeriodOr(int asked, int otherwise) {
     return asked > 0 ? asked : otherwise;

@@ -12,6 +12,7 @@
 namespace Analysis::Nedra::JobWrapper {
 
 using analysis::nedra::common::MakeShared;
+using analysis::nedra::message::IsOn;
 using analysis::nedra::message::ProfileParams;
 using analysis::nedra::transport::Uploader;
 using analysis::nedra::transport::UploaderMgr;
@@ -131,10 +132,6 @@ constexpr ProfSysInfoBase::Kind kSysMem{
 constexpr ProfSysInfoBase::Kind kAllPids{
     PROF_ALL_PID, "Not in device Side, AllPids Profiling not enabled", "pid_profiling not enabled",
     "pidsHandler Init Failed", "pidsHandler"};
-
-bool IsOn(const std::string& parameter) {
-    return parameter == "on";
-}
 
 }  // namespace
 

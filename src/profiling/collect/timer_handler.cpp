@@ -19,7 +19,6 @@ using analysis::nedra::transport::MessageBuffer;
 
 namespace {
 
-constexpr int64_t kMaxProcFile = 0x20000000;
 constexpr size_t kRecordHead = 100;  // bytes at most, with the last line feed
 constexpr uint32_t kDeviceData = 3;  // DataModule of a chunk
 constexpr uint32_t kHostData = 5;

@@ -12,6 +12,7 @@
 namespace Analysis::Nedra::Common::Config {
 namespace {
 
+using analysis::nedra::message::IsOn;
 using analysis::nedra::message::ProfileParams;
 
 constexpr size_t kMaxMetricName = 70;
@@ -190,7 +191,7 @@ void ConfigManager::ChangeL2CacheParams(const std::shared_ptr<ProfileParams>& pa
     if (params == nullptr) {
         return;
     }
-    const bool wanted = params->l2CacheTaskProfiling == "on";
+    const bool wanted = IsOn(params->l2CacheTaskProfiling);
     const bool given = wanted && GetL2cacheEvents(params->l2CacheTaskProfilingEvents) == 0;
     if (wanted && !given) {
         PROF_LOGW("The platform is invalid for l2 cache, l2 cache data will not be collected");

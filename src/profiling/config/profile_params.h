@@ -27,6 +27,11 @@ struct ProfileParams : BaseInfo {
     }
 };
 
+// Whether a switch of the record is on.
+[[nodiscard]] inline bool IsOn(const std::string& value) {
+    return value == "on";
+}
+
 [[nodiscard]] bool operator==(const ProfileParams& left, const ProfileParams& right);
 
 }  // namespace analysis::nedra::message

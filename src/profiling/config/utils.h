@@ -100,6 +100,9 @@ public:
                                                         bool filter = false,
                                                         const std::string& filterToken = "",
                                                         const std::string& delimiter = ",");
+    // The texts, with `separator` between them.
+    [[nodiscard]] static std::string Join(const std::vector<std::string>& texts,
+                                          const std::string& separator);
     // Without the blanks at both ends.
     [[nodiscard]] static std::string Trim(const std::string& text);
     // Without the leading characters that are in `chars`.

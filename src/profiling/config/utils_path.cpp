@@ -137,11 +137,7 @@ std::string Utils::GetSelfPath() {
 }
 
 std::string Utils::JoinPath(const std::vector<std::string>& parts) {
-    std::string path;
-    for (const std::string& part : parts) {
-        path += (&part == &parts.front() ? "" : "/") + part;
-    }
-    return path;
+    return Join(parts, "/");
 }
 
 }  // namespace analysis::nedra::common::utils

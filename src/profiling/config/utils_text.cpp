@@ -33,6 +33,14 @@ std::vector<std::string> Utils::Split(const std::string& text, bool filter,
     return pieces;
 }
 
+std::string Utils::Join(const std::vector<std::string>& texts, const std::string& separator) {
+    std::string joined;
+    for (const std::string& text : texts) {
+        joined += (&text == &texts.front() ? "" : separator) + text;
+    }
+    return joined;
+}
+
 std::string Utils::Trim(const std::string& text) {
     const size_t first = text.find_first_not_of(' ');
     if (first == std::string::npos) {

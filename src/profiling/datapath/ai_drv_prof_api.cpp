@@ -12,6 +12,7 @@ namespace analysis::nedra::driver {
 namespace {
 
 using common::utils::Utils;
+using message::IsOn;
 using message::ProfileParams;
 
 constexpr size_t kMaxEvents = PROF_EVENT_NUM_MAX;
@@ -198,10 +199,6 @@ int DrvTscpuStart(const DrvPeripheralProfileCfg& cfg, const Events& events) {
 
 namespace {
 
-uint32_t IsOn(const std::string& parameter) {
-    return parameter == "on" ? 1 : 0;
-}
-
 ProfTsFwConfig TsFwRecord(const DrvPeripheralProfileCfg& cfg, const ProfileParams& params) {
     ProfTsFwConfig record = {};
     record.period = static_cast<uint32_t>(cfg.profSamplePeriod);
@@ -211,10 +208,10 @@ ProfTsFwConfig TsFwRecord(const DrvPeripheralProfileCfg& cfg, const ProfileParam
     record.timeLine = IsOn(params.ts_timeline);
     record.aiVecStatus = IsOn(params.ai_vector_status);
     record.keyPoint = IsOn(params.ts_keypoint);
-    if (IsOn(params.ts_memcpy) != 0) {
+    if (IsOn(params.ts_memcpy)) {
         record.memCpy |= PROF_TSFW_MEMCPY_0 | PROF_TSFW_MEMCPY_1;
     }
-    if (IsOn(params.taskTsfw) != 0) {
+    if (IsOn(params.taskTsfw)) {
         record.memCpy |= PROF_TSFW_TASK;
     }
     return record;
