@@ -2,22 +2,22 @@
 // AI and vector cores, hardware logs, caches, instructions. What is special to each stands in the
 // tables of prof_job.cpp; the road is that of prof_drv_job.h.
 //
-//     tag                          channel      runs when                            start
-//     11 ProfTscpuJob              10           there are events                     Tscpu
-//     12 ProfTsTrackJob            44           one of six task scheduler switches   TsFw
-//     13   ProfAivTsTrackJob       49           one of four of them                  TsFw
-//     14 ProfAicoreJob             43           ai_core_profiling, sample-based      Aicore
-//     15 ProfAicoreTaskBasedJob    43           ai_core_profiling, task-based AicoreTaskBased 16
-//     ProfAivJob              85           aiv_profiling, sample-based          Aicore 17
-//     ProfAivTaskBasedJob     85           aiv_profiling, task-based            AicoreTaskBased 18
-//     ProfHwtsLogJob            45           hwts_log                             HwtsLog 19
-//     ProfAivHwtsLogJob       48           hwts_log1                            HwtsLog 20
-//     ProfFmkJob                46           always; collects by ts_fw_training   FmkData 21
-//     ProfL2CacheTaskJob        47           l2CacheTaskProfiling                 L2CacheTask 22
-//     ProfStarsSocLogJob      50           always                               StarsSocLog 23
-//     ProfStarsBlockLogJob    51           always; collects nothing             none 25
-//     ProfFftsProfileJob      53 or 54     ai_core_profiling or aiv_profiling   FftsProfile 26
-//     ProfInstrPerfJob          75 of them   instrProfiling                       InstrProfile
+//     tag                        channel     runs when                           start
+//     11 ProfTscpuJob            10          there are events                    Tscpu
+//     12 ProfTsTrackJob          44          one of six task scheduler switches  TsFw
+//     13   ProfAivTsTrackJob     49          one of four of them                 TsFw
+//     14 ProfAicoreJob           43          ai_core_profiling, sample-based     Aicore
+//     15 ProfAicoreTaskBasedJob  43          ai_core_profiling, task-based       AicoreTaskBased
+//     16   ProfAivJob            85          aiv_profiling, sample-based         Aicore
+//     17   ProfAivTaskBasedJob   85          aiv_profiling, task-based           AicoreTaskBased
+//     18 ProfHwtsLogJob          45          hwts_log                            HwtsLog
+//     19   ProfAivHwtsLogJob     48          hwts_log1                           HwtsLog
+//     20 ProfFmkJob              46          always; collects by ts_fw_training  FmkData
+//     21 ProfL2CacheTaskJob      47          l2CacheTaskProfiling                L2CacheTask
+//     22   ProfStarsSocLogJob    50          always                              StarsSocLog
+//     23   ProfStarsBlockLogJob  51          always; collects nothing            none
+//     25   ProfFftsProfileJob    53 or 54    ai_core_profiling or aiv_profiling  FftsProfile
+//     26 ProfInstrPerfJob        75 of them  instrProfiling                      InstrProfile
 //
 // Whoever places one in an engine's array sets what it works from: `jobFileName`, and `cores` and
 // `events` where there are such. Init decides and picks the channel; an event list is needed by
