@@ -1,10 +1,11 @@
 # The ways in. Everything is built below build/<preset>; CMakePresets.json has the presets.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test sanitize fuzz bench soak device aarch64 package format format-check check tidy clean
+.PHONY: help setup build demo test sanitize fuzz bench soak stacks device aarch64 package format format-check check tidy clean
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 30
 SOAK_SECONDS ?= 600
+STACK_SECONDS ?= 60
 SANDBOX := platform/standins/orla-sandbox
 SOURCES = git ls-files -z -- '*.h' '*.cpp' '*.c'
 
@@ -48,6 +49,10 @@ bench: build  ## run all benchmarks
 soak: build  ## jobs, pulls and log requests for SOAK_SECONDS (600), with an eye on the memory
 	@ORLA_BIN=$(CURDIR)/build/release/bin ORLA_SANDBOX=$(CURDIR)/$(SANDBOX) \
 	    /usr/bin/python3 tests/soak.py $(SOAK_SECONDS)
+
+stacks: build  ## measure the stacks of the daemon's threads for STACK_SECONDS (60)
+	@ORLA_BIN=$(CURDIR)/build/release/bin ORLA_SANDBOX=$(CURDIR)/$(SANDBOX) \
+	    ORLA_CHAOS_SECONDS=$(STACK_SECONDS) /usr/bin/python3 -B tests/stack_marks.py $(STACK_SECONDS)
 
 device: setup  ## link the daemon as for a device, against libraries made from the contract headers
 	@cmake --preset device -DORLA_PLATFORM_LIBS="$$(scripts/device-stubs build/device-stubs)"

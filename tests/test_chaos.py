@@ -59,6 +59,7 @@ REASONS = re.compile("|".join((
     "could not be sent", "the end of the data did not come", "Stop profiling failed",
     "the device (fell silent|broke off|went on to the next file)", "slices that do not fit",
     "the session ended before the last file", "content without a name",
+    "what is no (data|message)", "is no answer", "answered what nobody had asked",
     "message (to|from) slogd failed", "unknown error, please check log file")))
 # What the daemon calls an error when a host is gone, what it asks for is taken, a fault fires, or
 # no application monitor runs.
