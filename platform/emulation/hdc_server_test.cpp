@@ -76,12 +76,11 @@ TEST_F(HdcServerTest, DestroyAndLostDeviceWakeTheAccept) {
             threads.emplace_back(accept);
         }
         EXPECT_TRUE(Eventually([&] { return blocked() == before + 3; }));
-        if (!destroy) {
-            EXPECT_TRUE(control::SetDeviceState(0, control::DeviceState::kDown));
-        }
         const drvHdcServer_t server = server_;
         if (destroy) {
             EXPECT_EQ(drvHdcServerDestroy(server), 0);
+        } else {
+            EXPECT_TRUE(control::SetDeviceState(0, control::DeviceState::kDown));
         }
         for (std::thread& thread : threads) {
             thread.join();
