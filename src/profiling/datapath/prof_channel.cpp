@@ -31,6 +31,8 @@ namespace {
 constexpr uint32_t kDefaultBufSize = 0x200000;
 constexpr uint32_t kUploadThreshold = 0x199999;  // 80 % of the default
 constexpr uint32_t kMaxPerExecute = 0x1FFFFFF;
+// More than any driver keeps of a stopped channel: there would be no end to one that goes on.
+constexpr uint64_t kMaxDrain = uint64_t{1} << 30;
 constexpr uint32_t kMaxDispatches = 2;
 constexpr uint32_t kChannelData = 3;  // DataModule of a chunk
 constexpr std::chrono::seconds kDrvFlushLimit{2};
@@ -117,7 +119,7 @@ uint64_t ChannelReader::HashId() {
 }
 
 int ChannelReader::Execute() {
-    {
+    try {
         const std::lock_guard<std::mutex> lock(mtx_);
         uint32_t totalLen = 0;
         while (totalLen <= kMaxPerExecute) {
@@ -131,7 +133,10 @@ int ChannelReader::Execute() {
             }
             totalLen += static_cast<uint32_t>(ret);
         }
+    } catch (const std::exception& e) {
+        PROF_LOGE("read device %d, channel:%d, message: %s", deviceId_, channelId_, e.what());
     }
+    // Also after an exception, or the channel would never be dispatched again.
     SetSchedulingStatus(false);
     return 0;
 }
@@ -145,7 +150,15 @@ void ChannelReader::Drain() {
         return;
     }
     const std::lock_guard<std::mutex> lock(mtx_);
-    while (inited_ && !quit_ && ReadOnce() > 0) {
+    uint64_t total = 0;
+    int ret = 0;
+    while (inited_ && !quit_ && (ret = ReadOnce()) > 0) {
+        total += static_cast<uint64_t>(ret);
+        if (total > kMaxDrain) {
+            PROF_LOGE("device id %d, channel: %d still gives data after its stop, bytes read:%llu",
+                      deviceId_, channelId_, static_cast<unsigned long long>(total));
+            return;
+        }
     }
 }
 
@@ -440,7 +453,13 @@ void ChannelPoll::DispatchChannel(uint32_t devId, uint32_t channel) {
         return;
     }
     reader->SetSchedulingStatus(true);
-    if (!threadPool_->Dispatch(reader)) {
+    bool isDispatched = false;
+    try {
+        isDispatched = threadPool_->Dispatch(reader);
+    } catch (const std::exception& e) {
+        PROF_LOGE("make shared failed, message: %s", e.what());  // the next poll tries again
+    }
+    if (!isDispatched) {
         reader->SetSchedulingStatus(false);
     }
 }

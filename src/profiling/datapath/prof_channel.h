@@ -48,7 +48,8 @@ public:
     uint64_t HashId() override;
 
     // Reads what a stopped channel still holds, to its end, unless the tuning file keeps the
-    // channel from the host. On the thread that has stopped it.
+    // channel from the host. A channel that goes on all the same is left after 1 GiB, with a log
+    // line. On the thread that has stopped it.
     void Drain();
     // Uploads what the buffer holds. What cannot be uploaded is lost, with a log line that says
     // how much.

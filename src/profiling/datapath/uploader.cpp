@@ -84,15 +84,14 @@ int Uploader::UploadData(MessageBuffer message) {
     }
     try {
         message->append(kTailRoom, '\0');
+        if (queue_->Push(std::move(message))) {
+            return 0;
+        }
+        PROF_LOGE("[Uploader::UploadData]Push data failed.");
     } catch (const std::exception& e) {
         PROF_LOGE("make shared failed, message: %s", e.what());
-        return -1;
     }
-    if (!queue_->Push(std::move(message))) {
-        PROF_LOGE("[Uploader::UploadData]Push data failed.");
-        return -1;
-    }
-    return 0;
+    return -1;
 }
 
 void Uploader::Flush() {
@@ -124,7 +123,14 @@ void Uploader::Run(const TraceletErrorContext& context) {
         PROF_LOGE("Uploader was not inited.");
         return;
     }
-    SendQueued();
+    try {
+        SendQueued();
+    } catch (const std::exception& e) {
+        // Nobody sends what is queued from here on: producers must not wait for room, nor a flush
+        // for an empty queue.
+        PROF_LOGE("The uploader ends by an exception, message: %s", e.what());
+        queue_->Quit();
+    }
     PROF_LOGI("queue size remaining: %d, force_quit:%d", static_cast<int>(queue_->Size()),
               static_cast<int>(forceQuit_));
     End();
