@@ -37,6 +37,7 @@ FAULTS = {
     "prof_stop": (3, 40, {}), "prof_channel_read": (4, 1000, {"result": -1}),
     "prof_channel_poll": (2, 500, {"result": -1}),
 }
+POOL = 40 * 1024  # KiB: free message buffers that the daemon may still be filling up
 LEVELS = ["debug", "warning", "error", "none"]
 MODULES = ["SYSTEM", "CORE", "DRIVER", "RUNTIME", "FIRMWARE", "BOOT", "KERNEL", "MEMORY", "CACHE",
            "POWER", "CLOCK", "THERMAL", "SENSOR", "PCIE", "DMA", "NETWORK", "LINK", "STORAGE",
@@ -342,4 +343,4 @@ def test_chaos():
             tail.over.set()
             tail.join()
         check_the_log(hosts, tail)
-        assert SANITIZED or memory[1] < memory[0] * 1.25
+        assert SANITIZED or memory[1] < memory[0] + POOL, f"memory grows: {memory}"
