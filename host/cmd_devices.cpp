@@ -54,6 +54,9 @@ int RunDevices(const CommonOptions& options) {
         states.push_back({device, Listens(kHdcServiceRequests, device.logicalId),
                           Listens(kHdcServiceFramework, device.logicalId)});
     }
+    if (states.empty()) {
+        fmt::print(stderr, "orlactl: no such device\n");
+    }
     options.json ? PrintJson(states) : PrintTable(states);
     const bool someoneListens =
         std::any_of(states.begin(), states.end(), [](const auto& state) { return state.requests; });

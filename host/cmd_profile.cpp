@@ -252,6 +252,14 @@ int RunProfile(const CommonOptions& common, const CommandOptions& options) {
     return code;
 }
 
+// Up to a year; written so that "nan" is none either.
+std::string IsDuration(const std::string& text) {
+    double seconds = 0;
+    const bool isOne =
+        CLI::detail::lexical_cast(text, seconds) && seconds >= 0.001 && seconds <= 31'536'000;
+    return isOne ? "" : "Value " + text + " not in range 0.001 to 31536000";
+}
+
 void AddOptions(CLI::App& command, CommandOptions& options) {
     ProfileOptions& profile = options.profile;
     command.add_flag("--cpu", profile.cpu, "Sample the use of the processors");
@@ -283,7 +291,7 @@ void AddOptions(CLI::App& command, CommandOptions& options) {
     command
         .add_option("--duration", options.durationSeconds,
                     "Seconds to run (default: until Ctrl-C, which ends the job in order)")
-        ->check(CLI::PositiveNumber);
+        ->check(IsDuration);
     command.add_option("-o,--output", options.dir,
                        "Directory in which each job makes its PROF_... (default: here)");
     command

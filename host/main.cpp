@@ -25,8 +25,7 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();
     CommonOptions options;
-    app.add_option("-d,--device", options.devices, "Logical device id (repeatable; default: all)")
-        ->check(CLI::NonNegativeNumber);
+    app.add_option("-d,--device", options.devices, "Logical device id (repeatable; default: all)");
     app.add_flag("--json", options.json, "Print JSON for machines");
     app.footer(
         "Exit codes: 0 success, 2 usage, 3 refused by the device, 4 connection, 5 incomplete.");
