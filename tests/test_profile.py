@@ -221,7 +221,7 @@ def test_a_second_signal_breaks_off_and_keeps_the_data():
 @pytest.mark.parametrize("options", [
     ["--set", "novalue"], ["--set", "=1"], ["--set", "a b=1"], ["--set", "job_id=x"],
     ["--set", "llc_interval=99999999999"], ["--params", "/nonexistent"], ["--params", "/dev/null"],
-    ["--mode", "other"], ["--interval", "0"], ["-o", "/proc/nowhere"],
+    ["--mode", "other"], ["--interval", "0"], ["-o", "/proc/nowhere"], ["--duration", "nan"],
 ])
 def test_usage_errors_reach_no_device(options):
     tool = subprocess.run([BIN / "orlactl", "profile", *options], capture_output=True, timeout=60,
