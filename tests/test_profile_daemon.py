@@ -220,9 +220,33 @@ def test_host_vanishes(device, steps, half):
         assert again.job_start() == reply() and again.job_stop() == reply()
         again.close()
     at_rest(device, before)
+    run_a_job(device)
+    at_rest(device, before)
+
+
+def run_a_job(device):
     host = Host(device).start()
     assert host.job_stop() == reply()
     host.close()
+
+
+def test_data_sessions_without_a_job_end_with_the_next(device):
+    before = settled(device.program)
+    kept = []
+    for i in range(20):
+        host = Host(device, f"w{i}", mode="system-wide" if i % 2 else "")
+        assert host.data_handshake() == reply()
+        if i % 4:
+            host.close()
+        else:
+            kept.append(host)
+            host.data.raw(frame(segment(b"x" * 99)) + frame(segment(b"x"))[:5])  # for nobody
+    run_a_job(device)
+    at_rest(device, [number + len(kept) for number in before])
+    assert all(host.reader.is_alive() for host in kept)
+    for host in kept:
+        host.close()
+    run_a_job(device)
     at_rest(device, before)
 
 

@@ -76,6 +76,11 @@ int HdcSessionDestroy(drvHdcSession_t session, const orla::LogSide& side = orla:
 [[nodiscard]] int HdcReadNb(drvHdcSession_t session, void** buffer, uint32_t* length,
                             const orla::LogSide& side = orla::kCoreSide);
 
+// Whether the peer has closed the session. Asks without waiting and drops what has come: for
+// sessions on which nothing is to be read.
+[[nodiscard]] bool HdcIsPeerGone(drvHdcSession_t session,
+                                 const orla::LogSide& side = orla::kCoreSide);
+
 // HdcReadNb until it answers anything but kHdcReadEmpty, with a sleep of 1, 2, … times - 1 ms
 // behind each empty answer; after the last it fails with a warning. 142 `times` make 10,011 ms.
 [[nodiscard]] int HdcReadPolling(drvHdcSession_t session, void** buffer, uint32_t* length,

@@ -10,6 +10,7 @@ using orla::OperationName;
 
 namespace {
 
+constexpr int kMaxDropped = 64;      // segments at a time, of a peer that goes on sending
 constexpr int kMaxReadPauses = 141;  // 1 + 2 + … + 141 ms: 10,011 ms of sleep
 
 // A driver message for one buffer. Free() reports what the destructor would swallow.
@@ -261,4 +262,20 @@ int HdcWriteNb(drvHdcSession_t session, const void* buffer, int length, const Lo
 
 int HdcWriteInPlace(drvHdcSession_t session, char* buffer, int length, const LogSide& side) {
     return HdcSessionWrite(session, buffer, length, true, HDC_FLAG_WAIT, side);
+}
+
+bool HdcIsPeerGone(drvHdcSession_t session, const LogSide& side) {
+    DriverMessage message(side);
+    if (session == nullptr || message.Alloc(session) != DRV_ERROR_NONE ||
+        message.get() == nullptr) {
+        return false;
+    }
+    for (int i = 0; i < kMaxDropped; ++i) {
+        int count = 0;
+        const drvError_t ret = halHdcRecv(session, message.get(), 0, HDC_FLAG_NOWAIT, &count, 0);
+        if (ret != DRV_ERROR_NONE || message.Reuse() != 0) {
+            return ret == DRV_ERROR_SOCKET_CLOSE;
+        }
+    }
+    return false;
 }

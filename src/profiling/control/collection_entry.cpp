@@ -1,5 +1,6 @@
 #include "profiling/control/collection_entry.h"
 
+#include <algorithm>
 #include <utility>
 #include <vector>
 
@@ -259,6 +260,7 @@ int CollectionEntry::HandleDataSession(const std::shared_ptr<Uploader>& uploader
     PROF_LOGI("Reply data handshake, statusInfo=%s, response sent size:%d, resp size:%d",
               status.ToString().c_str(), queued, static_cast<int>(reply.size()));
     auto& uploaders = UploaderMgr::instance();
+    uploaders.DelForsaken([this](const std::string& job) { return HasReceiver(job); });
     uploaders.UpdateDevModeJobMap(static_cast<uint32_t>(devIndexId), handshake.mode(),
                                   handshake.jobid());
     uploaders.AddUploader(handshake.jobid(), uploader);
@@ -324,6 +326,14 @@ std::shared_ptr<Receiver> CollectionEntry::GetReceiver(const std::string& jobId,
         return nullptr;
     }
     return receiver->second;
+}
+
+bool CollectionEntry::HasReceiver(const std::string& jobId) {
+    const std::lock_guard<std::mutex> lock(receiverMutex_);
+    const auto job = receiverMap_.find(jobId);
+    return job != receiverMap_.end() &&
+           std::any_of(job->second.begin(), job->second.end(),
+                       [](const auto& receiver) { return !receiver.second->IsQuit(); });
 }
 
 void CollectionEntry::DeleteReceiver(const std::string& jobId, int devIndexId) {

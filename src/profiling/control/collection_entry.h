@@ -80,6 +80,8 @@ private:
                           const proto::DataChannelHandshake& handshake, int devIndexId);
     // Out of the registry, and still to be ended; null when there is none.
     std::shared_ptr<Receiver> TakeReceiver(const std::string& jobId, int devIndexId);
+    // One that still reads, of any device.
+    [[nodiscard]] bool HasReceiver(const std::string& jobId);
     bool IsLastJobRunning(const std::string& mode, int devIndexId);
 
     std::atomic<bool> isInited_{false};

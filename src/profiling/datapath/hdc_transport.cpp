@@ -50,6 +50,10 @@ int HDCTransport::CloseSession() {
     return 0;
 }
 
+bool HDCTransport::IsPeerGone() {
+    return HdcIsPeerGone(session_, kProfilingSide);
+}
+
 void HDCTransport::Release() {
     session_ = nullptr;
     client_ = nullptr;

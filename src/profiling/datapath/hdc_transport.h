@@ -27,6 +27,7 @@ public:
     HDCTransport& operator=(const HDCTransport&) = delete;
 
     int CloseSession() override;
+    [[nodiscard]] bool IsPeerGone() override;
     [[nodiscard]] int SendVeltBuffer(void* packet, int length) override;
     [[nodiscard]] int RecvPacket(IdeRequest** packet) override;
     void DestroyPacket(IdeRequest* packet) override;

@@ -50,6 +50,10 @@ public:
     // Null is ignored.
     virtual void DestroyPacket(IdeRequest* packet) = 0;
 
+    // Whether the peer has closed the session. For a session on which nothing is to be received:
+    // what has come all the same is dropped. Doesn't wait.
+    [[nodiscard]] virtual bool IsPeerGone() { return false; }
+
     // SendBuffer for a message that need not survive it: the kFrontRoom bytes in front of
     // `message` and the kTailRoom bytes behind its end are the caller's own, and they and the
     // message are overwritten. A transport that can send from there does, without a copy.

@@ -72,6 +72,26 @@ void UploaderMgr::DelUploader(const std::string& id) {
     }
 }
 
+void UploaderMgr::DelForsaken(const std::function<bool(const std::string& id)>& isInUse) {
+    UploaderMap all;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        all = uploaderMap_;
+    }
+    for (const auto& [id, uploader] : all) {
+        const auto transport = uploader->GetTransport();
+        if (transport == nullptr || isInUse(id) || !transport->IsPeerGone()) {
+            continue;
+        }
+        PROF_LOGI("Del id %s uploader...", id.c_str());
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const auto found = uploaderMap_.find(id);
+        if (found != uploaderMap_.end() && found->second == uploader) {  // and no later one
+            uploaderMap_.erase(found);
+        }
+    }
+}
+
 int UploaderMgr::DelAllUploader() {
     PROF_LOGI("DelAllUploader");
     ReleaseAll();

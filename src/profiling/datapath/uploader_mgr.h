@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -35,6 +36,9 @@ public:
     // uploader: Flush comes before.
     void DelUploader(const std::string& id);
     int DelAllUploader();
+    // Removes those whose hosts have closed their sessions, unless `isInUse` says that a job may
+    // still end in order. Nothing else tells that a data session will never have a job.
+    void DelForsaken(const std::function<bool(const std::string& id)>& isInUse);
     // Forgets everything; at the agent's end. Always 0, as is DelAllUploader.
     int Uninit();
     // Makes, names, starts and adds an uploader on `transport`, with a queue of `queueCapacity`
