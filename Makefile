@@ -41,10 +41,8 @@ fuzz: setup  ## run each fuzzer for FUZZ_SECONDS (30) from its corpus in tests/c
 	        -verbosity=0 -print_final_stats=1 -artifact_prefix=$(CURDIR)/$$found/ $(CURDIR)/$$found tests/corpus/$$name; \
 	done
 
-bench: build  ## run all benchmarks
-	@set -e; for program in build/release/bench/*_bench; do \
-	    echo "== $${program##*/}"; $(SANDBOX) --quiet -- $$program; \
-	done
+bench: build  ## run all benchmarks (some minutes), with one table at the end
+	@scripts/bench
 
 soak: build  ## jobs, pulls and log requests for SOAK_SECONDS (600), with an eye on the memory
 	@ORLA_BIN=$(CURDIR)/build/release/bin ORLA_SANDBOX=$(CURDIR)/$(SANDBOX) \

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "emulation/control.h"
+#include "figure.h"
 #include "hdc/hdc_api.h"
 #include "profiling/datapath/hdc_transport.h"
 #include "profiling/datapath/prof_channel.h"
@@ -43,6 +44,8 @@ using analysis::nedra::transport::kUploaderCapacity;
 using analysis::nedra::transport::ReaderBuffer;
 using analysis::nedra::transport::Uploader;
 using analysis::nedra::transport::UploaderMgr;
+using orla::bench::Figure;
+using orla::bench::Median;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kService = kHdcServiceRequests;
@@ -273,11 +276,6 @@ double MeasureStep(const std::function<void()>& step) {
     return (OwnCpuSeconds() - cpu) / kBytes * 1e9;
 }
 
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 struct Series {
     std::vector<double> rate, device, host;
 
@@ -293,6 +291,18 @@ void Print(const char* what, const Series& series, const Series& bare) {
     fmt::print("{:<34}{:>9.0f}{:>8.2f}{:>10.3f}{:>9.3f}{:>8.2f}\n", what, Median(series.rate) / 1e6,
                Median(series.rate) / Median(bare.rate), Median(series.device), Median(series.host),
                series.Cpu() / bare.Cpu());
+}
+
+// Against the transport that sends one segment again and again, and against one that sends out of
+// as much memory as the full queue holds.
+void PrintFigures(const std::string& what, const Series& series, const Series& bare,
+                  const Series& cold) {
+    Figure(what + ", full queue", "MB/s", Median(series.rate) / 1e6, Median(bare.rate) / 1e6,
+           "bare transport, one segment");
+    Figure(what + ", full queue", "MB/s", Median(series.rate) / 1e6, Median(cold.rate) / 1e6,
+           "bare transport out of 1 GB");
+    Figure(what + ", full queue", "s/GB", series.Cpu(), bare.Cpu(), "bare transport, one segment");
+    Figure(what + ", full queue", "s/GB", series.Cpu(), cold.Cpu(), "bare transport out of 1 GB");
 }
 
 void PrintSteps() {
@@ -344,5 +354,11 @@ int main() {
         Print(ways[i].what, figures[i], figures[0]);
     }
     PrintSteps();
+    PrintFigures("data road, 1 channel", figures[3], figures[0], figures[1]);
+    PrintFigures("data road, 8 channels", figures[4], figures[0], figures[1]);
+    Figure("data road, 1 channel, short queue", "MB/s", Median(figures[5].rate) / 1e6,
+           Median(figures[0].rate) / 1e6, "bare transport, one segment");
+    Figure("data road, 1 channel, short queue", "s/GB", figures[5].Cpu(), figures[0].Cpu(),
+           "bare transport, one segment");
     return 0;
 }

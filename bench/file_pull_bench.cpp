@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "figure.h"
 #include "file_service/velt_get_file_server.h"
 #include "hdc/hdc_api.h"
 #include "hdc/velt_packet.h"
@@ -116,11 +117,6 @@ double PullFile() {
     return static_cast<double>(kFileSize) / Seconds(start);
 }
 
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 }  // namespace
 
 int main() {
@@ -143,7 +139,10 @@ int main() {
     kill(device, SIGKILL);
     waitpid(device, nullptr, 0);
     fmt::print("{:<26}{:>12}{:>14}{:>8}\n", "one file of 512 MiB", "pull", "bare loop", "ratio");
-    fmt::print("{:<26}{:>12.2f}{:>14.2f}{:>8.2f}\n", "GB/s", Median(pulled) / 1e9,
-               Median(bare) / 1e9, Median(pulled) / Median(bare));
+    fmt::print("{:<26}{:>12.2f}{:>14.2f}{:>8.2f}\n", "GB/s", orla::bench::Median(pulled) / 1e9,
+               orla::bench::Median(bare) / 1e9,
+               orla::bench::Median(pulled) / orla::bench::Median(bare));
+    orla::bench::Figure("pull of one file of 512 MiB", "GB/s", orla::bench::Median(pulled) / 1e9,
+                        orla::bench::Median(bare) / 1e9, "read, bare transport, write");
     return 0;
 }

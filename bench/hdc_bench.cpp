@@ -16,10 +16,13 @@
 #include <string>
 #include <vector>
 
+#include "figure.h"
 #include "hdc/hdc_api.h"
 
 namespace {
 
+using orla::bench::Figure;
+using orla::bench::Median;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kService = kHdcServiceRequests;
@@ -211,11 +214,6 @@ Figures MeasureHdc(int count, int pings, const std::string& message) {
     return figures;
 }
 
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
 void Report(size_t size, int count, int pings) {
     std::vector<double> hdcRate, bareRate, hdcTrip, bareTrip;
     uint32_t maxSegment = 0;
@@ -230,12 +228,16 @@ void Report(size_t size, int count, int pings) {
         hdcTrip.push_back(hdc.roundTripMicroseconds);
     }
     constexpr double kMega = 1e6;
+    Figure(fmt::format("session, messages of {} B", size), "MB/s", Median(hdcRate) / kMega,
+           Median(bareRate) / kMega, "bare socket");
     fmt::print("{:<26}{:>12.1f}{:>14.1f}{:>8.2f}\n", fmt::format("MB/s, {} B messages", size),
                Median(hdcRate) / kMega, Median(bareRate) / kMega,
                Median(hdcRate) / Median(bareRate));
     if (pings > 0) {
         fmt::print("{:<26}{:>12.2f}{:>14.2f}{:>8.2f}\n", fmt::format("round trip us, {} B", size),
                    Median(hdcTrip), Median(bareTrip), Median(hdcTrip) / Median(bareTrip));
+        Figure(fmt::format("session, round trip of {} B", size), "us", Median(hdcTrip),
+               Median(bareTrip), "bare socket");
     }
 }
 

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "emulation/control.h"
+#include "figure.h"
 #include "profiling/config/json_parser.h"
 #include "profiling/datapath/bound_queue.h"
 
@@ -105,14 +106,19 @@ void BM_Stream(benchmark::State& state) {
     state.SetItemsProcessed(state.iterations());
 }
 
-BENCHMARK_TEMPLATE(BM_Pair, BareQueue);
-BENCHMARK_TEMPLATE(BM_Pair, BoundQueue<Element>);
-BENCHMARK_TEMPLATE(BM_Stream, BareQueue)->Arg(1)->Arg(4)->MeasureProcessCPUTime()->UseRealTime();
-BENCHMARK_TEMPLATE(BM_Stream, BoundQueue<Element>)
-    ->Arg(1)
-    ->Arg(4)
-    ->MeasureProcessCPUTime()
-    ->UseRealTime();
+void Repeated(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Repetitions(5)->ReportAggregatesOnly()->MinTime(0.2);
+}
+
+void Streams(benchmark::internal::Benchmark* benchmark) {
+    Repeated(benchmark);
+    benchmark->Arg(1)->Arg(4)->MeasureProcessCPUTime()->UseRealTime();
+}
+
+BENCHMARK_TEMPLATE(BM_Pair, BareQueue)->Apply(Repeated);
+BENCHMARK_TEMPLATE(BM_Pair, BoundQueue<Element>)->Apply(Repeated);
+BENCHMARK_TEMPLATE(BM_Stream, BareQueue)->Apply(Streams);
+BENCHMARK_TEMPLATE(BM_Stream, BoundQueue<Element>)->Apply(Streams);
 
 // With no file at all, and with one that names as many channels as the data path has.
 void BM_ReporterSwitch(benchmark::State& state) {
@@ -130,13 +136,20 @@ void BM_ReporterSwitch(benchmark::State& state) {
         benchmark::DoNotOptimize(isOn);
     }
 }
-BENCHMARK(BM_ReporterSwitch)->Arg(0)->Arg(1);
+BENCHMARK(BM_ReporterSwitch)->Arg(0)->Arg(1)->Apply(Repeated);
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main() {
     orla::control::SetLogLevel(orla::control::LogLevel::kError);
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
+    const orla::bench::Medians ns;
+    const auto figure = [&](const std::string& what, const std::string& name,
+                            const std::string& producers) {
+        orla::bench::Figure(what, "ns", ns[name + "<BoundQueue<Element>>" + producers],
+                            ns[name + "<BareQueue>" + producers], "deque, mutex, two conditions");
+    };
+    figure("queue, push and pop on one thread", "BM_Pair", "");
+    figure("queue, an element of 1 producer", "BM_Stream", "/1");
+    figure("queue, an element of 4 producers", "BM_Stream", "/4");
     return 0;
 }

@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "emulation/control.h"
+#include "figure.h"
 #include "profiling/collect/proc_handlers.h"
 #include "profiling/collect/prof_timer.h"
 #include "profiling/config/job_records.h"
@@ -38,6 +39,8 @@ using analysis::nedra::message::ProfileParams;
 using analysis::nedra::transport::ITransport;
 using analysis::nedra::transport::kUploaderCapacity;
 using analysis::nedra::transport::Uploader;
+using orla::bench::Figure;
+using orla::bench::Median;
 using std::chrono::milliseconds;
 
 constexpr int kSleepers = 500;
@@ -63,11 +66,6 @@ double Seconds(clockid_t clock) {
 
 double CpuSeconds() {
     return Seconds(CLOCK_PROCESS_CPUTIME_ID);
-}
-
-double Median(std::vector<double> values) {
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
 }
 
 std::vector<std::string> Processes() {
@@ -181,7 +179,8 @@ void SetFileLimit(rlim_t count) {
     Check(setrlimit(RLIMIT_NOFILE, &limit) == 0, "setrlimit");
 }
 
-void Compare(rlim_t fileLimit) {
+// Microseconds of our sampler.
+double Compare(rlim_t fileLimit) {
     SetFileLimit(fileLimit);
     const std::vector<std::string> processes = Processes();
     std::vector<std::string> paths;
@@ -222,10 +221,13 @@ void Compare(rlim_t fileLimit) {
         const double cpu = Median(way.cpu) / count;
         fmt::print("  {:<32}{:6.2f} us  {:5.2f} of bare\n", way.name, cpu, cpu / bare);
     }
+    Figure(fmt::format("sample of a process, {} open files", fileLimit), "us",
+           Median(ways[1].cpu) / count, bare, "open, read, close of its files");
+    return Median(ways[1].cpu) / count;
 }
 
-// Programs of this machine, which take `samples` of all processes.
-void MeasureProgram(const std::string& name, const std::string& command, int samples) {
+// A program of this machine, which takes `samples` of all processes, beside `ours`.
+void MeasureProgram(const std::string& name, const std::string& command, int samples, double ours) {
     const auto count = static_cast<double>(Processes().size());
     rusage before = {};
     getrusage(RUSAGE_CHILDREN, &before);
@@ -240,7 +242,8 @@ void MeasureProgram(const std::string& name, const std::string& command, int sam
         return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e6 +
                static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
     };
-    fmt::print("  {:<32}{:6.2f} us\n", name, (cpu(after) - cpu(before)) / count / samples);
+    Figure(fmt::format("sample of a process, {} open files", kManyFiles), "us", ours,
+           (cpu(after) - cpu(before)) / count / samples, name);
 }
 
 double IdleCpu(const std::function<void()>& idle) {
@@ -273,8 +276,8 @@ void MeasureIdleTimer() {
             mmSleep(1);
         }
     });
-    fmt::print("idle timer, 3 handlers: {:.2f} % of a processor; only sleeping 1 ms: {:.2f} %\n",
-               timer * 100, bare * 100);
+    Figure("timer with nothing due, of a processor", "%", timer * 100, bare * 100,
+           "sleeps of 1 ms");
 }
 
 // In a process of its own: the limit on open files is looked at once.
@@ -296,12 +299,12 @@ void Apart(const std::function<void()>& body) {
 int main() {
     orla::control::SetLogLevel(orla::control::LogLevel::kError);
     const Sleepers sleepers;
-    Apart([] { Compare(kManyFiles); });
-    Apart([] { Compare(kFewFiles); });
-    fmt::print("other programs\n");
-    fflush(stdout);
-    MeasureProgram("pidstat -u -r, each second", "pidstat -u -r -p ALL 1 5", 6);
-    MeasureProgram("top -b, every 100 ms", "top -b -d 0.1 -n 40", 40);
+    Apart([] {
+        const double ours = Compare(kManyFiles);
+        MeasureProgram("pidstat -u -r, each second", "pidstat -u -r -p ALL 1 5", 6, ours);
+        MeasureProgram("top -b, every 100 ms", "top -b -d 0.1 -n 40", 40, ours);
+    });
+    Apart([] { static_cast<void>(Compare(kFewFiles)); });
     Apart(MeasureIdleTimer);
     return 0;
 }
