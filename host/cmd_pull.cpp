@@ -1,9 +1,13 @@
 // orlactl pull: fetches all files of one or more types.
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <system_error>
 
 #include "hdc/hdc_api.h"
 #include "host/commands.h"
@@ -96,11 +100,13 @@ TypeResult PullType(const Client& client, uint32_t device, const std::string& ty
 
 void Print(const TypeResult& result) {
     for (const PulledFile& file : result.files) {
+        // Devices begin their names with a slash.
+        const size_t begin = std::min(file.name.find_first_not_of('/'), file.name.size());
+        const std::string name = Printable(result.type + "/" + file.name.substr(begin));
         if (file.problem.empty()) {
-            fmt::print("{:>12}  {}\n", file.bytes, Printable(result.type + "/" + file.name));
+            fmt::print("{:>12}  {}\n", file.bytes, name);
         } else {
-            fmt::print(stderr, "orlactl: {}: {}\n", Printable(result.type + "/" + file.name),
-                       file.problem);
+            fmt::print(stderr, "orlactl: {}: {}\n", name, file.problem);
         }
     }
     if (result.code != kExitOk && !result.reason.empty()) {
@@ -134,6 +140,13 @@ int RunPull(const CommonOptions& common, const PullOptions& options) {
     if (client == nullptr) {
         fmt::print(stderr, "orlactl: the driver gives no client\n");
         return kExitConnection;
+    }
+    std::error_code error;
+    if (!options.list) {
+        std::filesystem::create_directories(options.dir, error);
+    }
+    if (error) {
+        throw std::runtime_error(fmt::format("{}: {}", options.dir, error.message()));
     }
     int code = kExitOk;
     auto list = Json::array();

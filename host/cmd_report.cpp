@@ -128,6 +128,9 @@ void Write(const fs::path& path, const std::string& content) {
 }
 
 Json ReportOn(const fs::path& dir, const ReportOptions& options, bool quiet) {
+    if (!fs::is_directory(dir)) {
+        throw std::runtime_error(fmt::format("{}: no such directory", dir.string()));
+    }
     const std::vector<DataFile> files = FindData(dir);
     if (files.empty()) {
         throw std::runtime_error(fmt::format("{}: no profile: no files in data", dir.string()));

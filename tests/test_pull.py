@@ -100,3 +100,9 @@ def test_what_makes_no_sense_ends_the_pull(answers):
 def test_silence_is_no_end():
     assert pull([*WHOLE, name(b"game_over")], "--timeout", "1", silent=True)[0] == 5
     assert pull([], "--timeout", "1", silent=True)[0] == 4
+
+
+def test_a_directory_that_cannot_be_made_is_a_usage_error():
+    result = subprocess.run([BIN / "orlactl", "pull", "slog", "-o", "/proc/none"],
+                            capture_output=True, text=True, timeout=60, check=False)
+    assert result.returncode == 2 and "/proc/none: " in result.stderr
