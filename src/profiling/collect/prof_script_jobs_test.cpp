@@ -16,15 +16,11 @@
 #include "profiling/datapath/thread_test_support.h"
 #include "profiling/datapath/transport_test_support.h"
 #include "profiling/datapath/uploader_mgr.h"
-#include "proto/codec.h"
-#include "proto/profiler.pb.h"
 
 namespace Analysis::Nedra::JobWrapper {
 namespace {
 
-using analysis::nedra::message::DecodeMessage;
 using analysis::nedra::message::JobContext;
-using analysis::nedra::proto::FileChunkReq;
 using analysis::nedra::transport::UploaderMgr;
 using orla::test::PacedHost;
 using orla::test::ReadFile;
@@ -36,6 +32,8 @@ using Texts = std::vector<std::string>;
 constexpr char kCalls[] = "/tmp/script_calls";
 constexpr char kPid[] = "/tmp/script_pid";
 const std::string kDir = orla::test::kWorkRoot + "0";
+const std::string kPath = "/usr/bin:/usr/sbin:/var ";
+const std::string kKill = kPath + "--kill";
 const std::string kSlice = kDir + "/ai_ctrl_cpu.data.7.";
 
 // Tells how it was called; a run that goes on is a sleep, and its end writes one more slice.
@@ -85,14 +83,26 @@ struct ScriptJobs : orla::device_test::DeviceTest {
         std::filesystem::remove(kCalls);
         return calls;
     }
+    // What the script is called with while `job` lives, which has to begin a run or not.
+    Texts CallsDuring(ICollectionJob& job, const Texts& events, bool begins) {
+        Give(events);
+        EXPECT_EQ(job.Init(cfg), 0);
+        EXPECT_EQ(job.Process(), 0);
+        EXPECT_TRUE(!begins || WaitFor([] { return ReadFile(kPid) != ""; }));
+        EXPECT_EQ(job.Uninit(), 0);
+        Texts calls = Calls();
+        if (!calls.empty() && calls.back().find("--script") != std::string::npos) {
+            calls.pop_back();  // the slice of the end
+        }
+        return calls;
+    }
     // The data of the chunks that the host took, after all were sent.
     std::vector<std::string> Chunks(const std::string& file) {
         std::shared_ptr<analysis::nedra::transport::Uploader> uploader;
         UploaderMgr::instance().GetUploader("job", uploader);
         EXPECT_EQ(uploader->Stop(false), 0);
         std::vector<std::string> chunks;
-        for (const std::string& bytes : host->Got()) {
-            const auto chunk = std::dynamic_pointer_cast<FileChunkReq>(DecodeMessage(bytes));
+        for (const auto& chunk : orla::test::ChunksOf(*host)) {
             EXPECT_EQ(chunk->filename(), file);
             EXPECT_EQ(chunk->datamodule(), 3);
             EXPECT_EQ(chunk->chunksizeinbytes(), static_cast<int>(chunk->chunk().size()));
@@ -135,11 +145,10 @@ TEST_F(ScriptJobs, ARecordingGoesToTheHostSliceBySlice) {
     EXPECT_THAT(left, ElementsAre("ai_ctrl_cpu.data.7", "ai_ctrl_cpu.data.7.1.txt", "perf.log"));
     EXPECT_EQ(cfg->events, nullptr);
     const Texts calls = Calls();
-    const std::string path = "/usr/bin:/usr/sbin:/var ";
     ASSERT_GE(calls.size(), 3U);
-    EXPECT_EQ(calls[0], path + "--record " + kDir + "/ai_ctrl_cpu.data.7 50 {r11,r8}");
-    EXPECT_EQ(calls[1], path + "--script " + kSlice + "10");
-    EXPECT_THAT(calls, testing::Contains(path + "--kill"));
+    EXPECT_EQ(calls[0], kPath + "--record " + kDir + "/ai_ctrl_cpu.data.7 50 {r11,r8}");
+    EXPECT_EQ(calls[1], kPath + "--script " + kSlice + "10");
+    EXPECT_THAT(calls, testing::Contains(kKill));
     EXPECT_THAT(log.Take("E"),
                 ElementsAre("E data file size is invalid", "E data file size is invalid"));
 }
@@ -158,21 +167,12 @@ TEST_F(ScriptJobs, NoEventChangesTheArguments) {
         SCOPED_TRACE(row.events.back());
         ProfCtrlcpuJob job;
         common->params->cpu_sampling_interval = row.interval;
-        Give(row.events);
-        EXPECT_EQ(job.Init(cfg), 0);
-        EXPECT_EQ(job.Process(), 0);
-        EXPECT_TRUE(row.record.empty() || WaitFor([] { return ReadFile(kPid) != ""; }));
-        Texts expected = {"/usr/bin:/usr/sbin:/var --kill"};
+        Texts expected = {kKill};
         if (!row.record.empty()) {
-            expected.insert(expected.begin(), "/usr/bin:/usr/sbin:/var --record " + kDir +
-                                                  "/ai_ctrl_cpu.data.7" + row.record);
+            expected.insert(expected.begin(),
+                            kPath + "--record " + kDir + "/ai_ctrl_cpu.data.7" + row.record);
         }
-        EXPECT_EQ(job.Uninit(), 0);
-        Texts calls = Calls();
-        if (!calls.empty() && calls.back().find("--script") != std::string::npos) {
-            calls.pop_back();  // the slice of the end
-        }
-        EXPECT_EQ(calls, expected);
+        EXPECT_EQ(CallsDuring(job, row.events, !row.record.empty()), expected);
     }
     ProfCtrlcpuJob job;
     Give({});
@@ -198,18 +198,13 @@ TEST_F(ScriptJobs, TheLastLevelCacheIsCountedIntoOneFile) {
         SCOPED_TRACE(row.events.back());
         ProfLlcJob job;
         common->params->llc_interval = row.interval;
-        Give(row.events);
         EXPECT_TRUE(job.IsGlobalJobLevel());
-        EXPECT_EQ(job.Init(cfg), 0);
-        EXPECT_EQ(job.Process(), 0);
-        EXPECT_TRUE(row.stat.empty() || WaitFor([] { return ReadFile(kPid) != ""; }));
-        EXPECT_EQ(job.Uninit(), 0);
-        Texts expected = {"/usr/bin:/usr/sbin:/var --kill"};
+        Texts expected = {kKill};
         if (!row.stat.empty()) {
             expected.insert(expected.begin(),
                             "/usr/bin/:/usr/sbin:/var --stat " + kDir + "/llc.data.7" + row.stat);
         }
-        EXPECT_EQ(Calls(), expected);
+        EXPECT_EQ(CallsDuring(job, row.events, !row.stat.empty()), expected);
         all.insert(all.end(), row.chunks.begin(), row.chunks.end());
     }
     EXPECT_EQ(Chunks("data/llc.data"), all);

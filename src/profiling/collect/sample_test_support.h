@@ -8,8 +8,6 @@
 #include <vector>
 
 #include "profiling/datapath/transport_test_support.h"
-#include "proto/codec.h"
-#include "proto/profiler.pb.h"
 
 namespace orla::test {
 
@@ -42,17 +40,6 @@ inline void AppendRecords(const std::string& chunk, std::vector<Record>* records
         records->push_back({time, chunk.substr(at + 1, length)});
         at += length + 2;
     }
-}
-
-using FileChunk = analysis::nedra::proto::FileChunkReq;
-
-inline std::vector<std::shared_ptr<FileChunk>> ChunksOf(PacedHost& host) {
-    std::vector<std::shared_ptr<FileChunk>> chunks;
-    for (const std::string& bytes : host.Got()) {
-        chunks.push_back(
-            std::dynamic_pointer_cast<FileChunk>(analysis::nedra::message::DecodeMessage(bytes)));
-    }
-    return chunks;
 }
 
 inline Records RecordsOf(PacedHost& host) {

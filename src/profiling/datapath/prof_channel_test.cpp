@@ -21,8 +21,6 @@
 #include "profiling/datapath/thread_test_support.h"
 #include "profiling/datapath/transport_test_support.h"
 #include "profiling/datapath/uploader_mgr.h"
-#include "proto/codec.h"
-#include "proto/profiler.pb.h"
 
 namespace {
 std::atomic<int64_t> secondsAhead{0};  // of the clock that the data path measures with
@@ -99,9 +97,7 @@ struct Channels : orla::device_test::DeviceTest {
         UploaderMgr::instance().GetUploader("job", uploader);
         EXPECT_EQ(uploader->Stop(false), 0);
         std::map<std::string, Stream> streams;
-        for (const std::string& bytes : host->Got()) {
-            const auto chunk =
-                std::dynamic_pointer_cast<proto::FileChunkReq>(message::DecodeMessage(bytes));
+        for (const auto& chunk : orla::test::ChunksOf(*host)) {
             streams[chunk->filename()].Append(chunk->chunk());
         }
         return streams;

@@ -3,11 +3,14 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include "profiling/datapath/transport.h"
+#include "proto/codec.h"
+#include "proto/profiler.pb.h"
 
 namespace orla::test {
 
@@ -66,5 +69,17 @@ private:
     int begun_ = 0;
     std::vector<std::string> got_;
 };
+
+using FileChunk = analysis::nedra::proto::FileChunkReq;
+
+// What the host took, in order; null for a message that is no chunk.
+inline std::vector<std::shared_ptr<FileChunk>> ChunksOf(PacedHost& host) {
+    std::vector<std::shared_ptr<FileChunk>> chunks;
+    for (const std::string& bytes : host.Got()) {
+        chunks.push_back(
+            std::dynamic_pointer_cast<FileChunk>(analysis::nedra::message::DecodeMessage(bytes)));
+    }
+    return chunks;
+}
 
 }  // namespace orla::test
