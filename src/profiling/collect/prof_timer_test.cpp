@@ -5,11 +5,9 @@
 
 #include <gmock/gmock.h>
 
-#include <atomic>
 #include <condition_variable>
 #include <thread>
 
-#include "profiling/collect/proc_handlers.h"
 #include "profiling/collect/prof_sys_info.h"
 #include "profiling/collect/sample_test_support.h"
 #include "profiling/config/device_test_support.h"
@@ -22,7 +20,6 @@ namespace {
 
 using analysis::nedra::message::JobContext;
 using analysis::nedra::message::ProfileParams;
-using analysis::nedra::transport::Uploader;
 using analysis::nedra::transport::UploaderMgr;
 using orla::test::PacedHost;
 using orla::test::RecordsOf;
@@ -222,55 +219,6 @@ TEST_F(SamplingJobs, TheTimerRunsFromTheFirstToTheLastOfThem) {
     EXPECT_EQ(Timer(), "-");
     ASSERT_TRUE(WaitFor([this] { return Records("data/SystemCpuUsage.data") > 0; }));
     EXPECT_EQ(Records("data/Memory.data"), 1U) << "the rest of the buffer goes out at the end";
-}
-
-TEST_F(SamplingJobs, AHostThatDoesNotReadHoldsUpNobodyElsesStop) {
-    const auto own = std::make_shared<PacedHost>();
-    own->Read(false);
-    ASSERT_EQ(UploaderMgr::instance().CreateUploader("stalled", own, 1), 0);
-    params->job_id = "stalled";
-    params->pid_sampling_interval = 100;
-    ASSERT_EQ(pids.Init(Cfg()) + pids.Process(), 0);
-    std::shared_ptr<Uploader> uploader;
-    UploaderMgr::instance().GetUploader("stalled", uploader);
-    params->job_id = "job";
-    ASSERT_EQ(mem.Init(Cfg()) + mem.Process(), 0);
-    ASSERT_TRUE(WaitFor([&] { return own->Begun() == 1 && uploader->GetQueueSize() == 1; }));
-    EXPECT_EQ(mem.Uninit(), 0) << "hangs, when the timer's lock is held by who waits";
-    own->Read(true);
-    EXPECT_EQ(pids.Uninit(), 0);
-    uploader.reset();
-    UploaderMgr::instance().DelUploader("stalled");
-}
-
-TEST_F(SamplingJobs, ARemovalEndsWhenTheUploaderGivesUp) {
-    const auto stalled = std::make_shared<PacedHost>();
-    stalled->Read(false);
-    const auto uploader = std::make_shared<Uploader>(stalled, std::chrono::milliseconds(60));
-    ASSERT_EQ(uploader->Init(1) + uploader->Start(), 0);
-    auto& timers = TimerManager::instance();
-    ASSERT_TRUE(timers.StartProfTimer());
-    struct Handler : ProcMemFileHandler {
-        using ProcMemFileHandler::ProcMemFileHandler;
-        void ParseProcFile(std::string_view text, std::string& data) override {
-            ProcMemFileHandler::ParseProcFile(text, data);
-            ++samples;
-        }
-        std::atomic<int> samples{0};
-    };
-    const auto handler = std::make_shared<Handler>(
-        SampleSpec{PROF_SYS_MEM, 0, 64, 1, "/proc/meminfo", "Memory.data"},
-        SampleRoad{params, nullptr, uploader});
-    ASSERT_EQ(handler->Init(), 0);
-    timers.RegisterTimerHandler(PROF_SYS_MEM, handler);
-    // One is being sent, one is queued, the third waits with the timer's thread.
-    ASSERT_TRUE(WaitFor([&] { return handler->samples == 3; }));
-    uploader->BoundStall(true);
-    timers.RemoveTimerHandler(PROF_SYS_MEM);
-    timers.StopProfTimer();
-    EXPECT_EQ(handler->Execute() + handler->Uninit(), 0) << "harmless after its end";
-    EXPECT_EQ(RecordsOf(*stalled).size(), 0U);
-    EXPECT_THAT(log.Take("E"), Contains("E [ProcTimerHandler::SendData] Upload Data Failed"));
 }
 
 }  // namespace
