@@ -8,7 +8,6 @@
 #include "hdc/hdc_api.h"
 #include "hdc/test_support.h"
 #include "profiling/datapath/thread_test_support.h"
-#include "profiling/datapath/uploader.h"
 
 namespace analysis::nedra::transport {
 
@@ -172,50 +171,6 @@ TEST_F(HdcTransportTest, ClientAndServerFormsTalkToEachOther) {
     EXPECT_EQ(nullptr, factory.CreateHdcClientTransport(client_, 63));
     EXPECT_THAT(log.Take("EW"), testing::IsSupersetOf({"E HDC client is invalid",
                                                        "W CreateHdcTransport failed, ret is -1"}));
-}
-
-// ---- With an uploader on the session -----------------------------------------------------------
-
-TEST_F(HdcTransportTest, UploaderOutlivesItsHost) {
-    const struct {
-        const char* what;
-        bool cut;
-        const char* line;
-    } cases[] = {
-        {"the host goes in the middle", true, "data_len=1048576, sent len=-1"},
-        {"the host stops to read", false, "uploader gives up"},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
-        LogCapture log;
-        auto uploader = std::make_shared<Uploader>(transport_, std::chrono::milliseconds(100));
-        ASSERT_EQ(0, uploader->Init(4));
-        ASSERT_EQ(0, uploader->Start());
-        auto producer = std::async([&] {
-            int refused = 0;
-            for (int i = 0; i < 40; ++i) {
-                const MessageBuffer message = TakeMessageBuffer(1 << 20);
-                message->append(1 << 20, 'm');
-                refused += uploader->UploadData(message) != 0 ? 1 : 0;
-            }
-            return refused;
-        });
-        EXPECT_EQ((1u << 20) + sizeof(IdeRequest), HostReads().size());
-        if (c.cut) {
-            CloseHost();
-        } else {
-            uploader->BoundStall(true);
-        }
-        EXPECT_EQ(c.cut, producer.get() == 0);
-        uploader->Flush();
-        uploader.reset();
-        EXPECT_THAT(log.Take("E"), Contains(testing::HasSubstr(c.line)));
-        if (c.cut) {
-            transport_.reset();
-            ASSERT_EQ(0, HdcSessionConnect(0, 0, client_, &host_));
-            transport_ = HDCTransportFactory().CreateHdcServerTransport(0, server_);
-        }
-    }
 }
 
 }  // namespace
