@@ -56,33 +56,5 @@ TEST_F(CollectionRegister, AGlobalJobKeepsOtherDevicesOffUntilItEnds) {
     EXPECT_EQ(a->calls + b->calls, "PUPU");
 }
 
-TEST_F(CollectionRegister, ChecksWhatAJobWorksFrom) {
-    const auto cfg = std::make_shared<CollectionJobCfg>();
-    const auto failures = [&] {
-        log.Take();
-        static_cast<void>(CheckJobCommonParam(cfg) + CheckJobEventParam(cfg) +
-                          CheckJobContextParam(cfg));
-        return log.Take();
-    };
-    constexpr char kCommon[] = "I Job check comm param failed";
-    constexpr char kEvent[] = "I Job check event param not pass";
-    constexpr char kContext[] = "I Job check context param failed";
-    EXPECT_FALSE(CheckJobCommonParam(nullptr) || CheckJobEventParam(nullptr) ||
-                 CheckJobContextParam(nullptr));
-    cfg->events = std::make_shared<std::vector<std::string>>();
-    EXPECT_THAT(failures(), ElementsAre(kCommon, kEvent, kContext));
-    cfg->commonParams = std::make_shared<CollectionJobCommonParams>();
-    EXPECT_THAT(failures(), ElementsAre(kEvent, kContext));
-    EXPECT_FALSE(IsDeviceSideJob(*cfg)) << "no parameters";
-    cfg->events->push_back("0x11");
-    cfg->commonParams->params = std::make_shared<analysis::nedra::message::ProfileParams>();
-    EXPECT_THAT(failures(), ElementsAre(kContext));
-    cfg->commonParams->jobCtx = std::make_shared<analysis::nedra::message::JobContext>();
-    EXPECT_THAT(failures(), testing::IsEmpty());
-    EXPECT_TRUE(IsDeviceSideJob(*cfg));
-    cfg->commonParams->params->host_profiling = 1;
-    EXPECT_FALSE(IsDeviceSideJob(*cfg));
-}
-
 }  // namespace
 }  // namespace Analysis::Nedra::JobWrapper
