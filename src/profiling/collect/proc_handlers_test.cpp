@@ -1,5 +1,5 @@
 // Sampling: what of a made-up /proc becomes a record, how records become chunks, and how processes
-// that come, go and change are followed, also the real ones of this machine.
+// that come, go and change are followed.
 
 #include "profiling/collect/proc_handlers.h"
 
@@ -28,7 +28,6 @@ using orla::test::RecordsOf;
 using orla::test::TempDir;
 using orla::test::WriteFile;
 using testing::ElementsAre;
-using testing::IsEmpty;
 using testing::StartsWith;
 using Texts = std::vector<std::string>;
 
@@ -257,23 +256,6 @@ pid_t Sleeper() {
 void End(pid_t child) {
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-}
-
-TEST_F(Processes, OfThisMachineAreReadAndTheDeadLeftAlone) {
-    const pid_t child = Sleeper();
-    auto handler = Handler("/proc");
-    handler->Execute();
-    handler->Execute();
-    End(child);
-    handler->Execute();
-    handler->Uninit();
-    Records& records = AllRecords();
-    const auto& own = records["data/" + std::to_string(getpid()) + "-CpuUsage.data"];
-    ASSERT_EQ(own.size(), 3U);
-    EXPECT_THAT(own[2].data, StartsWith(std::to_string(getpid()) + " (collect_test) R"));
-    EXPECT_THAT(own[2].data, testing::HasSubstr("\nProcessName:collect_test\ncpu  "));
-    EXPECT_EQ(records["data/" + std::to_string(child) + "-Memory.data"].size(), 2U);
-    EXPECT_THAT(log.Take("E"), IsEmpty());
 }
 
 TEST_F(Processes, AFileIsOpenedAgainForTheNextOwnerOfItsName) {
