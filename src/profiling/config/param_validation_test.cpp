@@ -159,15 +159,15 @@ TEST(ParamValidation, NumbersAndWords) {
 }
 
 TEST(ParamValidation, DeviceListNamesEveryBadDevice) {
-    const auto& checks = Checks();
-    EXPECT_FALSE(checks.CheckDeviceList("", "", ""));
-    EXPECT_TRUE(checks.CheckDeviceList("", "", "cpu"));
-    EXPECT_TRUE(checks.CheckDeviceList("app", "", ""));
-    EXPECT_TRUE(checks.CheckDeviceList("", "all", ""));
-    EXPECT_TRUE(checks.CheckDeviceList("", "0,63", ""));
-    orla::test::LogCapture log;
-    EXPECT_FALSE(checks.CheckDeviceList("app", "64,1,99", ""));
-    EXPECT_EQ("E device:64 is not valid!; E device:99 is not valid!", Joined(log.Take("E")));
+    const Question devices = [](const std::string& list) {
+        return Checks().CheckDeviceList("app", list, "");
+    };
+    Expect(devices, {"", "all", "0,63"}, {},
+           {{"64,1,99",
+             "W devId(64) is over limited.; E device:64 is not valid!; "
+             "W devId(99) is over limited.; E device:99 is not valid!"}});
+    EXPECT_FALSE(Checks().CheckDeviceList("", "", ""));
+    EXPECT_TRUE(Checks().CheckDeviceList("", "", "cpu"));
 }
 
 TEST(ParamValidation, StorageLimit) {
@@ -254,37 +254,36 @@ TEST(ParamValidation, RecordChecksReadTheirFields) {
 }
 
 TEST(ParamValidation, WholeRecordFailsAtItsFirstFault) {
-    // Faults in the order of the checks; each step repairs one and meets the next.
-    auto params = ValidParams();
-    params->devices = "64";
-    params->l2CacheTaskProfilingEvents = "0x59,none";
-    params->llc_profiling_events = "a;b";
-    params->hbmInterval = 0;
-    params->hwts_log = "yes";
-    params->ai_core_metrics = "L2Cache";
+    // In the order of the checks; each step repairs one field and meets the next.
     const struct {
-        std::function<void()> repair;
-        const char* line;
+        const char* field;
+        nlohmann::json bad, good;
+        const char* illegal;
     } steps[] = {
-        {[&] { params->devices = "1,2"; }, "E [CheckProfilingParams]devices:64 is illegal"},
-        {[&] { params->l2CacheTaskProfilingEvents = "0x59"; },
-         "E [CheckProfilingParams]l2CacheTaskProfilingEvents is illegal"},
-        {[&] { params->llc_profiling_events = ""; },
-         "E [CheckProfilingParams]llc_profiling_events is illegal"},
-        {[&] { params->hbmInterval = 1; }, "E [CheckProfilingParams]profiling interval is illegal"},
-        {[&] { params->hwts_log = "off"; }, "E [CheckProfilingParams]profiling switch is illegal"},
-        {[&] { params->ai_core_metrics = "Memory"; },
-         "E [CheckProfilingParams]profiling ai_core_metrics is illegal"},
+        {"devices", "64", "1,2", "devices:64"},
+        {"l2CacheTaskProfilingEvents", "0x59,none", "0x59", "l2CacheTaskProfilingEvents"},
+        {"llc_profiling_events", "a;b", "", "llc_profiling_events"},
+        {"hbmInterval", 0, 1, "profiling interval"},
+        {"hwts_log", "yes", "off", "profiling switch"},
+        {"ai_core_metrics", "L2Cache", "Memory", "profiling ai_core_metrics"},
     };
+    nlohmann::json record;
     for (const auto& step : steps) {
-        SCOPED_TRACE(step.line);
+        record[step.field] = step.bad;
+    }
+    const auto params = std::make_shared<ProfileParams>();
+    for (const auto& step : steps) {
+        SCOPED_TRACE(step.field);
+        ASSERT_TRUE(params->FromString(record.dump()));
         orla::test::LogCapture log;
         EXPECT_FALSE(Checks().CheckProfilingParams(params, {"L2Cache"}));
         const Texts lines = log.Take("E");
         ASSERT_FALSE(lines.empty());
-        EXPECT_EQ(step.line, lines.back());
-        step.repair();
+        EXPECT_EQ("E [CheckProfilingParams]" + std::string(step.illegal) + " is illegal",
+                  lines.back());
+        record[step.field] = step.good;
     }
+    ASSERT_TRUE(params->FromString(record.dump()));
     EXPECT_TRUE(Checks().CheckProfilingParams(params, {"L2Cache"}));
     params->devices = "64";
     params->host_profiling = 1;
