@@ -43,19 +43,6 @@ TEST(BoundQueue, AFullQueueHoldsItsProducerUntilThereIsRoom) {
     }
 }
 
-TEST(BoundQueue, QuitRefusesPushesAndLeavesWhatIsQueued) {
-    BoundQueue<int> queue(4);
-    ASSERT_TRUE(queue.Push(1) && queue.Push(2));
-    queue.Quit();
-    EXPECT_FALSE(queue.Push(3));
-    int out = 0;
-    EXPECT_TRUE(queue.TryPop(out) && out == 1);
-    for (int i = 0; i < 2; ++i) {
-        queue.Pop(out);
-        EXPECT_EQ(2, out) << "an empty queue leaves it as it was";
-    }
-}
-
 TEST(BoundQueue, EveryFiveHundredthPushReports) {
     LogCapture log;
     BoundQueue<int> queue(3);
