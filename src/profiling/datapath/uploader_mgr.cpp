@@ -60,16 +60,12 @@ void UploaderMgr::GetUploader(const std::string& id, std::shared_ptr<Uploader>& 
 void UploaderMgr::DelUploader(const std::string& id) {
     PROF_LOGI("Del id %s uploader...", id.c_str());
     UploaderMap::node_type released;
-    bool wasLast = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         released = uploaderMap_.extract(id);
-        wasLast = uploaderMap_.empty();
     }
     released = {};
-    if (wasLast) {
-        TrimMessageBuffers();
-    }
+    TrimMessageBuffers();  // a job that goes on takes fresh ones, a few times
 }
 
 void UploaderMgr::DelForsaken(const std::function<bool(const std::string& id)>& isInUse) {
