@@ -281,6 +281,8 @@ TEST_F(ProfJobs, AJobThatIsOffOrHasNoChannelTouchesNothing) {
         EXPECT_EQ(job->Init(cfg), -1);
         cfg->commonParams = common;
         cfg->events = List(kind.events);
+        common->params = nullptr;
+        EXPECT_EQ(job->Init(cfg), -1);
         EXPECT_EQ(init(R"("host_profiling": 1, )" + (kAllOn + kSampleBased)), -1);
         EXPECT_EQ(init(""), kind.off == nullptr ? 0 : -1);
         if (kind.off != nullptr && *kind.off != 0) {

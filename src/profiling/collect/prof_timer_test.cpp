@@ -75,6 +75,7 @@ std::shared_ptr<CountingHandler> Register(ProfTimer* timer, uint32_t tag) {
 }
 
 TEST(ProfTimer, AHandlerThatWaitsKeepsNoOtherFromEnding) {
+    const orla::test::LogCapture log;
     ProfTimer timer(std::make_shared<TimerParam>(TimerParam{1000}));
     ASSERT_EQ(timer.Start(), 0);
     EXPECT_EQ(timer.Start(), -1);
@@ -87,6 +88,10 @@ TEST(ProfTimer, AHandlerThatWaitsKeepsNoOtherFromEnding) {
     timer.RemoveTimerHandler(1);
     EXPECT_TRUE(other->IsTorn());
     std::thread remover([&timer] { timer.RemoveTimerHandler(0); });
+    EXPECT_TRUE(WaitFor([] {
+        const auto lines = orla::control::CapturedLines();
+        return lines.back().text.find("RemoveTimerHandler tag 0 begin") != std::string::npos;
+    }));
     const auto last = Register(&timer, 2);
     EXPECT_FALSE(waiting->IsTorn()) << "while it is executed";
     waiting->Hold(false);
@@ -194,6 +199,11 @@ TEST_F(SamplingJobs, RunOnlyWhereTheyAreAskedFor) {
     expect(pids, -1, "I Not in device Side, AllPids Profiling not enabled");
     params->host_profiling = 1;
     EXPECT_EQ(stat.Init(Cfg()), -1);
+    for (const bool withContext : {true, false}) {
+        const auto cfg = Cfg();
+        (withContext ? cfg->commonParams->params.reset() : cfg->commonParams->jobCtx.reset());
+        EXPECT_EQ(pids.Init(cfg), -1);
+    }
     EXPECT_EQ(stat.Init(nullptr), -1);
     EXPECT_EQ(ProfSysStatJob().Process(), -1) << "never inited";
 }
