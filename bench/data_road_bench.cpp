@@ -9,6 +9,7 @@
 // bare transport out of as much memory and the road with a short queue show.
 #include <fmt/format.h>
 #include <hdc_driver.h>
+#include <malloc.h>
 #include <prof_driver.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -219,6 +220,7 @@ struct Figures {
 };
 
 [[noreturn]] void RunDevice(const Way& way, int ready) {
+    mallopt(M_MMAP_THRESHOLD, 1 << 20);  // as the daemon's main() does
     const drvHdcServer_t server = HdcServerCreate(0, kService);
     Check(server != nullptr && write(ready, "r", 1) == 1, "HdcServerCreate");
     const drvHdcSession_t session = HdcServerAccept(server);
