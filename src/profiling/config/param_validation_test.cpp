@@ -186,71 +186,50 @@ TEST(ParamValidation, StorageLimit) {
             {"10000000000MB", line + "10000000000MB, valid range is 200~4294967296"},
             {"199MB", line + "199MB, min value is 200MB; W auto adjust storage_limit to:200MB"},
             {"4294967296MB", line + "4294967296MB, max value is 4294967295MB"}});
-    EXPECT_FALSE(Checks().CheckStorageLimit(nullptr));
 }
 
-// A record from the wire that asks for nothing but one device.
-ParamValidation::Params ValidParams() {
-    auto params = std::make_shared<ProfileParams>();
-    EXPECT_TRUE(params->FromString(R"({"devices":"0"})"));
-    return params;
-}
-
-// Which of the record's fields a check reads: those that make it fail with `bad` in them.
-std::string FieldsThatMatter(const nlohmann::json& bad,
-                             const std::function<bool(const V::Params&)>& check) {
-    const auto valid = nlohmann::json::parse(ValidParams()->ToString());
-    std::string fields;
-    for (const auto& [key, value] : valid.items()) {
-        auto changed = valid;
-        changed[key] = bad;
-        auto params = std::make_shared<ProfileParams>();
-        if (value.is_string() == bad.is_string() && params->FromString(changed.dump()) &&
-            !check(params)) {
-            fields += key + " ";
-        }
-    }
-    return fields;
-}
-
-TEST(ParamValidation, RecordChecksReadTheirFields) {
-    using Check = bool (V::*)(const V::Params&) const;
-    const struct {
-        Check check;
-        nlohmann::json bad;
-        const char* fields;
-    } cases[] = {
-        {&V::CheckProfilingIntervalIsValid, 0,
+TEST(ParamValidation, EveryIntervalAndSwitchOfARecordIsRead) {
+    const std::pair<nlohmann::json, const char*> cases[] = {
+        {0,
          "aicore_sampling_interval aiv_sampling_interval cpu_sampling_interval ddr_interval "
          "dvpp_sampling_interval fabriclinkInterval hardware_mem_sampling_interval hbmInterval "
          "interconnection_sampling_interval io_sampling_interval llc_interval nicInterval "
          "pcieInterval pid_sampling_interval roceInterval sys_sampling_interval "},
-        {&V::CheckTsSwitchProfiling, "On",
-         "ai_core_status ai_vector_status hwts_log hwts_log1 ts_cpu_usage ts_fw_training "
-         "ts_keypoint ts_memcpy ts_task_track ts_timeline "},
-        {&V::CheckPmuSwitchProfiling, "On",
-         "ai_core_profiling aiv_profiling ddr_profiling fabriclinkProfiling hbmProfiling "
-         "pcieProfiling "},
-        {&V::CheckSystemTraceSwitchProfiling, "On",
-         "aiCtrlCpuProfiling cpu_profiling dvpp_profiling hardware_mem interconnection_profiling "
-         "io_profiling nicProfiling pid_profiling roceProfiling sys_profiling tsCpuProfiling "},
+        {"On",
+         "aiCtrlCpuProfiling ai_core_metrics ai_core_profiling ai_core_status ai_vector_status "
+         "aiv_profiling cpu_profiling ddr_profiling devices dvpp_profiling fabriclinkProfiling "
+         "hardware_mem hbmProfiling hwts_log hwts_log1 interconnection_profiling io_profiling "
+         "l2CacheTaskProfilingEvents nicProfiling pcieProfiling pid_profiling roceProfiling "
+         "sys_profiling tsCpuProfiling ts_cpu_usage ts_fw_training ts_keypoint ts_memcpy "
+         "ts_task_track ts_timeline "},
     };
-    for (const auto& c : cases) {
-        const auto check = [&](const V::Params& params) { return (Checks().*c.check)(params); };
-        EXPECT_EQ(c.fields, FieldsThatMatter(c.bad, check));
-        EXPECT_FALSE(check(nullptr));
+    const auto params = std::make_shared<ProfileParams>();
+    ASSERT_TRUE(params->FromString(R"({"devices":"0"})"));
+    const auto valid = nlohmann::json::parse(params->ToString());
+    for (const auto& [bad, expected] : cases) {
+        std::string fields;
+        for (const auto& [key, value] : valid.items()) {
+            auto changed = valid;
+            changed[key] = bad;
+            if (value.is_string() == bad.is_string() && params->FromString(changed.dump()) &&
+                !Checks().CheckProfilingParams(params, {})) {
+                fields += key + " ";
+            }
+        }
+        EXPECT_EQ(expected, fields);
     }
     orla::test::LogCapture log;
-    auto params = ValidParams();
     params->fabriclinkInterval = params->roceInterval = -1;
     EXPECT_FALSE(Checks().CheckProfilingIntervalIsValid(params));
     EXPECT_FALSE(Checks().CheckProfilingIntervalIsValidTWO(params));
-    EXPECT_FALSE(Checks().CheckProfilingIntervalIsValidTWO(nullptr));
-    EXPECT_FALSE(Checks().CheckSystemTraceSwitchProfiling(nullptr));
-    EXPECT_EQ((Texts{"E invalid collnet interval: -1", "E invalid roceProfiling interval: -1",
-                     "E [CheckProfilingIntervalIsValidTWO]params is null",
-                     "E [CheckSystemTraceSwitchProfiling]params is null"}),
-              log.Take("EW"));
+    EXPECT_EQ("E invalid collnet interval: -1; E invalid roceProfiling interval: -1",
+              Joined(log.Take("EW")));
+    for (const auto check :
+         {&V::CheckProfilingIntervalIsValid, &V::CheckProfilingIntervalIsValidTWO,
+          &V::CheckTsSwitchProfiling, &V::CheckPmuSwitchProfiling,
+          &V::CheckSystemTraceSwitchProfiling, &V::CheckStorageLimit}) {
+        EXPECT_FALSE((Checks().*check)(nullptr));
+    }
 }
 
 TEST(ParamValidation, WholeRecordFailsAtItsFirstFault) {
