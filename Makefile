@@ -13,7 +13,7 @@ SOURCES = git ls-files -z -- '*.h' '*.cpp' '*.c'
 build = cmake --preset $(1) && cmake --build --preset $(1) -j $(JOBS)
 
 help:  ## this text
-	@sed -nE 's/^([a-z-]+):.*## (.*)/make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 20
+	@sed -nE 's/^([a-z0-9-]+):.*## (.*)/make \1\t\2/p' $(MAKEFILE_LIST) | expand -t 20
 
 setup:  ## install the packages needed (root or sudo; nothing to do, nothing done)
 	@scripts/setup
@@ -56,7 +56,7 @@ device: setup  ## link the daemon as for a device, against libraries made from t
 	@cmake --preset device -DORLA_PLATFORM_LIBS="$$(scripts/device-stubs build/device-stubs)"
 	@cmake --build --preset device -j $(JOBS)
 
-package: build  ## Debian packages of daemon and host tool: build/packages
+package: build  ## Debian packages of daemon, host tool and simulated driver: build/packages
 	@cd build/release && cpack -B ../packages >/dev/null && ls ../packages/*.deb
 
 # The test preset leaves out the unit tests that start another program of the build, or wait for the
