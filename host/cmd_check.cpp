@@ -52,20 +52,19 @@ Json ToJson(const std::string& name, const ChannelCheck& check) {
 }
 
 void Print(const std::string& name, const ChannelCheck& check) {
-    fmt::print("{}: {}\n", Printable(name),
-               check.clean()             ? "complete and in order"
-               : check.streams().empty() ? "no records"
-                                         : "not as it was sent");
+    Say("{}: {}\n", Printable(name),
+        check.clean()             ? "complete and in order"
+        : check.streams().empty() ? "no records"
+                                  : "not as it was sent");
     for (const auto& [stream, counts] : check.streams()) {
-        fmt::print(
-            "  device {}, channel {}, start {}: {} records, {} lost, {} doubled, {} reordered{}\n",
+        Say("  device {}, channel {}, start {}: {} records, {} lost, {} doubled, {} reordered{}\n",
             stream.device, stream.channel, stream.start, counts.records, counts.lost,
             counts.doubled, counts.reordered,
             counts.clockBack > 0 ? fmt::format(", {} older than the one before", counts.clockBack)
                                  : "");
     }
     if (check.damaged() > 0) {
-        fmt::print("  {} damaged\n", check.damaged());
+        Say("  {} damaged\n", check.damaged());
     }
 }
 
@@ -75,7 +74,7 @@ int RunCheck(const CommonOptions& common, const std::vector<std::string>& files)
     for (const std::string& file : files) {
         ChannelCheck check;
         if (!CheckFile(file, &check)) {
-            fmt::print(stderr, "orlactl: {}: {}\n", Printable(file), std::strerror(errno));
+            Complain("{}: {}", Printable(file), std::strerror(errno));
             return kExitUsage;
         }
         code = check.clean() ? code : kExitIncomplete;
@@ -86,7 +85,7 @@ int RunCheck(const CommonOptions& common, const std::vector<std::string>& files)
         }
     }
     if (common.json) {
-        fmt::print("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
+        Say("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
     }
     return code;
 }

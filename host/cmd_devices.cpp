@@ -2,12 +2,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <iterator>
 #include <nlohmann/json.hpp>
 
 #include "hdc/hdc_api.h"
 #include "host/commands.h"
 #include "host/device_session.h"
 #include "host/exit_codes.h"
+#include "host/terminal_text.h"
 
 namespace orla::host {
 
@@ -26,10 +28,10 @@ bool Listens(int serviceType, uint32_t device) {
 }
 
 void PrintTable(const std::vector<DeviceState>& states) {
-    fmt::print("{:>6}  {:>8}  {:<12}  {}\n", "DEVICE", "PHYSICAL", "LOG+PROFILE", "FILES");
+    Say("{:>6}  {:>8}  {:<12}  {}\n", "DEVICE", "PHYSICAL", "LOG+PROFILE", "FILES");
     for (const DeviceState& state : states) {
-        fmt::print("{:>6}  {:>8}  {:<12}  {}\n", state.device.logicalId, state.device.physicalId,
-                   state.requests ? "ready" : "no daemon", state.framework ? "ready" : "-");
+        Say("{:>6}  {:>8}  {:<12}  {}\n", state.device.logicalId, state.device.physicalId,
+            state.requests ? "ready" : "no daemon", state.framework ? "ready" : "-");
     }
 }
 
@@ -41,21 +43,18 @@ void PrintJson(const std::vector<DeviceState>& states) {
                         {"requests", state.requests},
                         {"files", state.framework}});
     }
-    fmt::print("{}\n", list.dump(2));
+    Say("{}\n", list.dump(2));
 }
 
 int RunDevices(const CommonOptions& options) {
-    if (!FindDevices()) {
-        fmt::print(stderr, "orlactl: the driver does not tell its devices\n");
+    const std::vector<Device> devices = SelectDevices(options);
+    if (devices.empty()) {
         return kExitConnection;
     }
     std::vector<DeviceState> states;
-    for (const Device& device : SelectDevices(options)) {
+    for (const Device& device : devices) {
         states.push_back({device, Listens(kHdcServiceRequests, device.logicalId),
                           Listens(kHdcServiceFramework, device.logicalId)});
-    }
-    if (states.empty()) {
-        fmt::print(stderr, "orlactl: no such device\n");
     }
     options.json ? PrintJson(states) : PrintTable(states);
     const bool someoneListens =
@@ -66,13 +65,27 @@ int RunDevices(const CommonOptions& options) {
 }  // namespace
 
 std::vector<Device> SelectDevices(const CommonOptions& options) {
-    std::vector<Device> devices = FindDevices().value_or(std::vector<Device>{});
-    const auto& wanted = options.devices;
-    const auto isUnwanted = [&wanted](const Device& device) {
-        return !wanted.empty() &&
-               std::find(wanted.begin(), wanted.end(), device.logicalId) == wanted.end();
+    const auto known = FindDevices();
+    if (!known || known->empty()) {
+        Complain(known ? "the driver has no devices" : "the driver does not tell its devices");
+        return {};
+    }
+    const auto isKnown = [&known](uint32_t id) {
+        return std::any_of(known->begin(), known->end(),
+                           [id](const Device& device) { return device.logicalId == id; });
     };
-    devices.erase(std::remove_if(devices.begin(), devices.end(), isUnwanted), devices.end());
+    const auto& wanted = options.devices;
+    const auto unknown = std::find_if_not(wanted.begin(), wanted.end(), isKnown);
+    if (unknown != wanted.end()) {
+        Complain("no such device: {}; orlactl devices lists them", *unknown);
+        return {};
+    }
+    std::vector<Device> devices;
+    std::copy_if(
+        known->begin(), known->end(), std::back_inserter(devices), [&wanted](const Device& device) {
+            return wanted.empty() ||
+                   std::find(wanted.begin(), wanted.end(), device.logicalId) != wanted.end();
+        });
     return devices;
 }
 

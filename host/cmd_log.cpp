@@ -12,6 +12,7 @@
 #include "host/commands.h"
 #include "host/device_session.h"
 #include "host/exit_codes.h"
+#include "host/terminal_text.h"
 
 namespace orla::host {
 
@@ -21,6 +22,8 @@ constexpr const char* kEndMarker = "###[HDC_MSG]hdc_end_msg_used_by_framework###
 constexpr const char* kSetDone = "++OK++";
 constexpr const char* kQueryMark = "[event]";
 constexpr size_t kTextOfLogDaemon = 1020;  // what the relay carries to the log daemon
+
+constexpr size_t kMaxAnswer = 1 << 20;  // far more than a relay ever sends
 
 // A relay waits for 900 ms at most, and for the requests of others before it.
 constexpr auto kPatience = std::chrono::seconds(30);
@@ -50,6 +53,9 @@ Answer Collect(Session& session, uint32_t device) {
                     return {device, IsRefusal(text) ? kExitRefused : kExitOk, text};
                 }
                 text += message;
+                if (text.size() > kMaxAnswer) {
+                    return {device, kExitConnection, "an answer without an end"};
+                }
                 break;
             case ReceiveResult::kClosed:
                 return text.empty() ? Answer{device, kExitConnection, "no answer"}
@@ -79,9 +85,9 @@ void PrintText(const std::vector<Answer>& answers) {
         const std::string prefix =
             answers.size() > 1 ? fmt::format("device {}: ", answer.device) : "";
         if (answer.code == kExitOk) {
-            fmt::print("{}{}\n", prefix, answer.text);
+            Say("{}{}\n", prefix, PrintableLines(answer.text));
         } else {
-            fmt::print(stderr, "orlactl: {}{}\n", prefix, answer.text);
+            Complain("{}{}", prefix, PrintableLines(answer.text));
         }
     }
 }
@@ -91,22 +97,20 @@ void PrintJson(const std::vector<Answer>& answers) {
     for (const Answer& answer : answers) {
         list.push_back({{"device", answer.device}, {"code", answer.code}, {"text", answer.text}});
     }
-    fmt::print("{}\n", list.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    Say("{}\n", list.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
 }
 
 int RunLog(const CommonOptions& options, const std::string& text) {
     if (text.size() > kTextOfLogDaemon) {
-        fmt::print(stderr, "orlactl: only the first {} characters reach the log daemon\n",
-                   kTextOfLogDaemon);
+        Complain("only the first {} characters reach the log daemon", kTextOfLogDaemon);
     }
     const auto devices = SelectDevices(options);
     if (devices.empty()) {
-        fmt::print(stderr, "orlactl: no such device\n");
         return kExitConnection;
     }
     const auto client = Client::Create(kHdcServiceRequests);
     if (client == nullptr) {
-        fmt::print(stderr, "orlactl: the driver gives no client\n");
+        Complain("the driver gives no client");
         return kExitConnection;
     }
     std::vector<Answer> answers;

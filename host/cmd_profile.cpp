@@ -177,12 +177,12 @@ void Print(const ProfileJobInfo& info, const ProfileResult& result, bool kept) {
         samples += file.samples;
     }
     if (kept) {
-        fmt::print("device {}: {}: {:.1f} s, {} in {} files, {} samples\n", info.job.device,
-                   info.job.dir.string(), result.seconds, Amount(static_cast<double>(bytes)),
-                   result.files.size(), samples);
+        Say("device {}: {}: {:.1f} s, {} in {} files, {} samples\n", info.job.device,
+            info.job.dir.string(), result.seconds, Amount(static_cast<double>(bytes)),
+            result.files.size(), samples);
     }
     if (result.code != kExitOk) {
-        fmt::print(stderr, "orlactl: device {}: {}\n", info.job.device, Printable(result.reason));
+        Complain("device {}: {}", info.job.device, Printable(result.reason));
     }
 }
 
@@ -215,12 +215,10 @@ int Finish(Run& run, const ProfileRequest& request, bool json, Json* list) {
 int RunProfile(const CommonOptions& common, const CommandOptions& options) {
     const ProfileRequest request = MakeRequest(options.profile);
     if (options.profile.intervalMs > 0 && options.profile.intervalMs < kShortestIntervalMs) {
-        fmt::print(stderr, "orlactl: the device samples every {} ms at the most often\n",
-                   kShortestIntervalMs);
+        Complain("the device samples every {} ms at the most often", kShortestIntervalMs);
     }
     const auto devices = SelectDevices(common);
     if (devices.empty()) {
-        fmt::print(stderr, "orlactl: no such device\n");
         return kExitConnection;
     }
     std::vector<Run> runs;
@@ -247,7 +245,7 @@ int RunProfile(const CommonOptions& common, const CommandOptions& options) {
         code = std::max(code, Finish(run, request, common.json, &list));
     }
     if (common.json) {
-        fmt::print("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
+        Say("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
     }
     return code;
 }

@@ -89,7 +89,9 @@ TypeResult PullType(const Client& client, uint32_t device, const std::string& ty
             break;
         case PullEnd::kNoAnswer:
             result.code = kExitRefused;
-            result.reason = "the device closed the session: it may not know this type";
+            result.reason =
+                "the device closed the session: it may not know this type "
+                "(pull --help lists them)";
             break;
         case PullEnd::kBroken:
             result.code = result.files.empty() ? kExitConnection : kExitIncomplete;
@@ -104,14 +106,13 @@ void Print(const TypeResult& result) {
         const size_t begin = std::min(file.name.find_first_not_of('/'), file.name.size());
         const std::string name = Printable(result.type + "/" + file.name.substr(begin));
         if (file.problem.empty()) {
-            fmt::print("{:>12}  {}\n", file.bytes, name);
+            Say("{:>12}  {}\n", file.bytes, name);
         } else {
-            fmt::print(stderr, "orlactl: {}: {}\n", name, file.problem);
+            Complain("{}: {}", name, file.problem);
         }
     }
     if (result.code != kExitOk && !result.reason.empty()) {
-        fmt::print(stderr, "orlactl: device {}, {}: {}\n", result.device, result.type,
-                   Printable(result.reason));
+        Complain("device {}, {}: {}", result.device, result.type, Printable(result.reason));
     }
 }
 
@@ -133,12 +134,11 @@ Json ToJson(const TypeResult& result) {
 int RunPull(const CommonOptions& common, const PullOptions& options) {
     const auto devices = SelectDevices(common);
     if (devices.empty()) {
-        fmt::print(stderr, "orlactl: no such device\n");
         return kExitConnection;
     }
     const auto client = Client::Create(kHdcServiceFramework);
     if (client == nullptr) {
-        fmt::print(stderr, "orlactl: the driver gives no client\n");
+        Complain("the driver gives no client");
         return kExitConnection;
     }
     std::error_code error;
@@ -163,7 +163,7 @@ int RunPull(const CommonOptions& common, const PullOptions& options) {
         }
     }
     if (common.json) {
-        fmt::print("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
+        Say("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
     }
     return code;
 }

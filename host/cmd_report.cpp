@@ -22,6 +22,7 @@ namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
 constexpr size_t kMaxManifest = 256u << 20;  // one line for each file of a job
+constexpr int kMaxDepth = 16;
 constexpr size_t kMaxFile = size_t{8} << 30;
 constexpr size_t kMaxHead = 64 * 1024;
 constexpr double kShortestIntervalMs = 100;  // of a device's samplers
@@ -53,15 +54,19 @@ std::vector<DataFile> FindData(const fs::path& dir) {
     return files;
 }
 
+// Null when there is none, or nothing that could have one.
+Json Member(const Json& json, const char* key) {
+    const auto found = json.is_object() ? json.find(key) : json.end();
+    return found != json.end() ? *found : Json();
+}
+
 // What stood in the request for a kind, as a device understands it.
 std::map<SampleKind, double> AskedIntervals(const Json& manifest) {
-    const Json parameters =
-        manifest.value(Json::json_pointer("/asked/parameters"), Json(Json::object()));
+    const Json parameters = Member(Member(manifest, "asked"), "parameters");
     const auto asked = [&parameters](const char* key) {
-        const auto found = parameters.is_object() ? parameters.find(key) : parameters.end();
-        const double ms = found != parameters.end() && found->is_number() ? found->get<double>()
-                                                                          : kIntervalWhenAbsentMs;
-        return std::max(ms, kShortestIntervalMs);
+        const Json value = Member(parameters, key);
+        return std::max(value.is_number() ? value.get<double>() : kIntervalWhenAbsentMs,
+                        kShortestIntervalMs);
     };
     return {{SampleKind::kCpu, asked("cpu_sampling_interval")},
             {SampleKind::kMemory, asked("sys_sampling_interval")},
@@ -69,10 +74,15 @@ std::map<SampleKind, double> AskedIntervals(const Json& manifest) {
             {SampleKind::kProcessMemory, asked("pid_sampling_interval")}};
 }
 
+// What is nested deeper than any manifest is left out: what walks through it has a bounded stack.
+bool IsShallow(int depth, Json::parse_event_t, const Json&) {
+    return depth <= kMaxDepth;
+}
+
 Json ReadManifest(const fs::path& dir, std::vector<std::string>* problems) {
     std::string text;
     const std::string problem = ReadWhole(dir / kManifestName, kMaxManifest, &text);
-    Json manifest = problem.empty() ? Json::parse(text, nullptr, false) : Json::object();
+    Json manifest = problem.empty() ? Json::parse(text, IsShallow, false) : Json::object();
     if (!problem.empty() || !manifest.is_object()) {
         problems->push_back(
             fmt::format("{}: {}", kManifestName, problem.empty() ? "no JSON object" : problem));
@@ -145,8 +155,8 @@ Json ReportOn(const fs::path& dir, const ReportOptions& options, bool quiet) {
     Write(dir / "report.html", ReportPage(report, input));
     Write(dir / "trace.json", ReportTrace(report, input));
     if (!quiet) {
-        fmt::print("{}\nPage: {}\nTrace: {}\n", ReportText(report, input),
-                   (dir / "report.html").string(), (dir / "trace.json").string());
+        Say("{}\nPage: {}\nTrace: {}\n", ReportText(report, input), (dir / "report.html").string(),
+            (dir / "trace.json").string());
     }
     return ReportJson(report, input);
 }
@@ -157,7 +167,7 @@ int RunReport(const CommonOptions& common, const ReportOptions& options) {
         list.push_back(ReportOn(directory, options, common.json));
     }
     if (common.json) {
-        fmt::print("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
+        Say("{}\n", list.dump(2, ' ', false, Json::error_handler_t::replace));
     }
     return kExitOk;
 }

@@ -27,7 +27,8 @@ Command AddProfileCommand(CLI::App& app, const CommonOptions& options);
 Command AddCheckCommand(CLI::App& app, const CommonOptions& options);
 Command AddReportCommand(CLI::App& app, const CommonOptions& options);
 
-// The devices that were asked for, of those that the driver knows.
+// The devices that were asked for, in the driver's order. None, after a line that says why, when
+// the driver knows none or not every one that was named.
 [[nodiscard]] std::vector<Device> SelectDevices(const CommonOptions& options);
 
 }  // namespace orla::host

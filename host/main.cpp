@@ -1,19 +1,68 @@
 // orlactl: the host tool. Parses the command line and runs one subcommand.
-#include <fmt/format.h>
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <string>
 
 #include "host/commands.h"
 #include "host/exit_codes.h"
+#include "host/terminal_text.h"
 
 using namespace orla::host;
 
+namespace {
+
+// Without it the first session or file that is opened would take the place of a closed stream,
+// and get what is printed.
+void FillStandardStreams() {
+    for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+        if (fcntl(fd, F_GETFD) < 0) {
+            static_cast<void>(open("/dev/null", O_RDONLY));  // a write shall fail, as it would have
+        }
+    }
+}
+
+// A word that stands where a command should is what is wrong, not the lack of one.
+int ParseFailed(const CLI::App& app, const CLI::ParseError& error) {
+    if (app.get_subcommands().empty() && !app.remaining().empty() && error.get_exit_code() != 0) {
+        Complain("{}: no such command or option; --help lists them", app.remaining().front());
+        return kExitUsage;
+    }
+    return app.exit(error) == 0 ? kExitOk : kExitUsage;
+}
+
+int RunCommand(const Command& command) {
+    try {
+        return command();
+    } catch (const std::exception& e) {
+        Complain("{}", e.what());
+        return kExitUsage;
+    }
+}
+
+// A script must not take output that did not go out for a success.
+int FlushOutput(int code) {
+    errno = 0;
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0) {
+        return code;
+    }
+    Complain("not all of the output could be written: {}",
+             errno != 0 ? std::strerror(errno) : "an earlier write failed");
+    return code == kExitOk ? kExitUsage : code;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    FillStandardStreams();
     // A device or a reader of our output that goes away is an error of that call.
     std::signal(SIGPIPE, SIG_IGN);
 
@@ -25,7 +74,8 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();
     CommonOptions options;
-    app.add_option("-d,--device", options.devices, "Logical device id (repeatable; default: all)");
+    app.add_option("-d,--device", options.devices, "Logical device id (repeatable; default: all)")
+        ->allow_extra_args(false);  // the next word is the command's
     app.add_flag("--json", options.json, "Print JSON for machines");
     app.footer(
         "Exit codes: 0 success, 2 usage, 3 refused by the device, 4 connection, 5 incomplete.");
@@ -41,12 +91,7 @@ int main(int argc, char** argv) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
-        return app.exit(e) == 0 ? kExitOk : kExitUsage;
+        return FlushOutput(ParseFailed(app, e));
     }
-    try {
-        return commands.at(app.get_subcommands().front()->get_name())();
-    } catch (const std::exception& e) {
-        fmt::print(stderr, "orlactl: {}\n", e.what());
-        return kExitUsage;
-    }
+    return FlushOutput(RunCommand(commands.at(app.get_subcommands().front()->get_name())));
 }

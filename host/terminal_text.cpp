@@ -1,19 +1,35 @@
 #include "host/terminal_text.h"
 
-#include <fmt/format.h>
 #include <unistd.h>
 
 #include <iterator>
 
 namespace orla::host {
 
-std::string Printable(std::string text) {
+namespace {
+
+std::string WithoutControls(std::string text, std::string_view allowed) {
     for (char& c : text) {
-        if (static_cast<unsigned char>(c) < ' ' || c == '\x7f') {
+        const bool isControl = static_cast<unsigned char>(c) < ' ' || c == '\x7f';
+        if (isControl && allowed.find(c) == std::string_view::npos) {
             c = '?';
         }
     }
     return text;
+}
+
+}  // namespace
+
+std::string Printable(std::string text) {
+    return WithoutControls(std::move(text), "");
+}
+
+std::string PrintableLines(std::string text) {
+    return WithoutControls(std::move(text), "\n\t");
+}
+
+void WriteText(std::FILE* stream, const std::string& text) {
+    static_cast<void>(std::fwrite(text.data(), 1, text.size(), stream));
 }
 
 std::string Amount(double bytes) {
@@ -30,7 +46,7 @@ StatusLine::StatusLine(bool wanted) : shown_(wanted && isatty(STDERR_FILENO) == 
 
 void StatusLine::Show(std::string_view text) const {
     if (shown_) {
-        fmt::print(stderr, "\r\x1b[K{}", text);
+        WriteText(stderr, fmt::format("\r\x1b[K{}", text));
     }
 }
 

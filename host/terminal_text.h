@@ -1,14 +1,39 @@
-// How texts of a device and numbers of bytes are shown on a terminal. Any thread.
+// How orlactl speaks: its lines on standard output and standard error, and how texts of a device
+// and numbers of bytes are shown in them. Any thread.
+//
+// A reader or a terminal that has gone ends nothing: what runs is ended in order, and main tells
+// at the end when not all of standard output went out.
 #pragma once
+
+#include <fmt/format.h>
 
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace orla::host {
 
 // The text with '?' for each control character: foreign text must not steer a terminal.
 [[nodiscard]] std::string Printable(std::string text);
+
+// The same for an answer of several lines: line feeds and tabs stay.
+[[nodiscard]] std::string PrintableLines(std::string text);
+
+// Writes a text as it is.
+void WriteText(std::FILE* stream, const std::string& text);
+
+// What the user asked for, on standard output.
+template <typename... Values>
+void Say(fmt::format_string<Values...> format, Values&&... values) {
+    WriteText(stdout, fmt::format(format, std::forward<Values>(values)...));
+}
+
+// What went wrong, as one line on standard error: "orlactl: …".
+template <typename... Values>
+void Complain(fmt::format_string<Values...> format, Values&&... values) {
+    WriteText(stderr, "orlactl: " + fmt::format(format, std::forward<Values>(values)...) + "\n");
+}
 
 // "512 B", "1.5 kB", "2.0 GB": at most four digits and the unit.
 [[nodiscard]] std::string Amount(double bytes);

@@ -95,8 +95,8 @@ def test_host_tool(device):
         assert device.orlactl("log", "set", "CORE", "error").stdout == "++OK++\n"
         answer = json.loads(device.orlactl("--json", "log", "get", "CORE").stdout)
         assert answer[0]["device"] == 0 and "error" in answer[0]["text"]
-        refused = device.orlactl("log", "nonsense")
-        assert refused.returncode == 3 and refused.stdout == "" and refused.stderr
+        refused = device.orlactl("log", "\x1b[31mnonsense")
+        assert refused.returncode == 3 and refused.stdout == "" and "?[31m" in refused.stderr
     assert device.orlactl("log", "get").returncode == 3
     with Device() as nobody:
         assert nobody.orlactl("log", "get").returncode == 4

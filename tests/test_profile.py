@@ -98,19 +98,21 @@ class PretendDevice:
         return answer == OK
 
 
-def profile(*options, answers=(), data=(*DATA,), during=None):
+def profile(*options, answers=(), data=(*DATA,), during=None, terminal=None):
     """The exit code, the manifest that is printed, what was written, and the device."""
     with tempfile.TemporaryDirectory(prefix="orla-", dir="/tmp") as folder:
         device = PretendDevice(folder, dict(answers), data)
         out = pathlib.Path(folder, "out")
-        tool = subprocess.Popen([BIN / "orlactl", "profile", "--device", "0", "--json", "-o", out,
+        tool = subprocess.Popen([BIN / "orlactl", "profile", "--device", "0", "-o", out,
+                                 *([] if terminal else ["--json"]),
                                  *([] if during else ["--duration", "0.1"]), *options],
-                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                                stdout=subprocess.PIPE, text=True,
+                                stderr=terminal or subprocess.DEVNULL,
                                 env=dict(os.environ, ORLA_HDC_DIR=folder))
         try:
             if during:
                 during(device, tool)
-            printed = json.loads(tool.communicate(timeout=60)[0])[0]
+            text = tool.communicate(timeout=60)[0]
         finally:
             tool.kill()
             device.thread.join()
@@ -118,6 +120,7 @@ def profile(*options, answers=(), data=(*DATA,), during=None):
                    for path in out.rglob("*") if path.is_file()} if out.exists() else {}
         outside = {path.name for path in pathlib.Path(folder).iterdir()} - {"out", "0.4"}
         assert not outside
+        printed = json.loads(written["manifest.json"]) if terminal else json.loads(text)[0]
         return tool.returncode, printed, written, device
 
 
@@ -204,6 +207,19 @@ def test_one_signal_ends_the_job_in_order(number):
     code, printed, _, device = profile(during=interrupt)
     assert code == 0 and printed["interrupted"] and printed["finish_came"]
     assert list(device.seen) == STEPS
+
+
+def test_a_terminal_that_goes_ends_the_job_in_order():
+    ours, tools = os.openpty()
+
+    def hang_up(device, tool):
+        os.close(tools)
+        assert device.running.wait(30)
+        os.close(ours)
+        tool.send_signal(signal.SIGHUP)
+
+    code, manifest, _, _ = profile(during=hang_up, terminal=tools)
+    assert code == 0 and manifest["interrupted"] and manifest["finish_came"]
 
 
 def test_a_second_signal_breaks_off_and_keeps_the_data():

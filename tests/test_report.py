@@ -72,3 +72,9 @@ def test_what_is_no_profile_is_a_usage_error(tmp_path):
     for folder, words in ((tmp_path, "no profile"), (tmp_path / "none", "no such directory")):
         code, text, error = report(folder)
         assert code == 2 and not text and words in error
+
+
+@pytest.mark.parametrize("asked", ["[1]", "[" * 200_000 + "]" * 200_000], ids=["list", "deep"])
+def test_a_strange_manifest_costs_what_it_says_only(folder, asked):
+    (folder / "manifest.json").write_text('{"asked":' + asked + "}")
+    assert report(folder)[0] == 0

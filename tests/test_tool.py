@@ -1,0 +1,24 @@
+"""The host tool's command line and its standard streams. No daemon is there."""
+import os
+import subprocess
+
+import pytest
+
+from device import BIN
+
+
+@pytest.mark.parametrize("line, code, words", [
+    ("bogus", 2, "bogus: no such command"),
+    ("-d 0 bogus", 2, "bogus: no such command"),
+    ("log -d 0 get", 4, "no daemon listens"),
+    ("log -d 0 -d 99 get", 4, "no such device: 99"),
+    ("--version >/dev/full", 2, "could be written"),
+    ("--version >&-", 2, "could be written"),
+    ("log -d 99 get 2>/dev/full", 4, ""),
+    ("log -d 99 get 2>&-", 4, ""),
+])
+def test_what_goes_wrong_is_told(line, code, words):
+    tool = subprocess.run(["sh", "-c", f"exec {BIN}/orlactl {line}"], capture_output=True,
+                          text=True, timeout=60, check=False,
+                          env=dict(os.environ, ORLA_HDC_DIR="/nonexistent"))
+    assert (tool.returncode, tool.stdout) == (code, "") and words in tool.stderr
