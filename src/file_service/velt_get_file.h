@@ -3,7 +3,7 @@
 // content, and an end message:
 //
 //     host    data            "slog"
-//     device  data, status 6  "device-0/a.log\0"        for each file
+//     device  data, status 6  "/device-0/a.log\0"       for each file
 //             data, status 0  content, in slices
 //     host    control, 6      acknowledgement
 //     device  data, status 6  "game_over\0"
