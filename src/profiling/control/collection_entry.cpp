@@ -23,20 +23,16 @@ using common::MakeShared;
 using common::utils::Utils;
 using common::validation::ParamValidation;
 using message::StatusInfo;
+using transport::DevModeKey;
 using transport::ITransport;
+using transport::kUploaderThread;
 using transport::Uploader;
 using transport::UploaderMgr;
 
 namespace {
 
 constexpr char kAgentDirectory[] = "/usr/local/profiler/";
-constexpr char kDefaultMode[] = "def_mode";
 constexpr char kReceiverThread[] = "TLET_CtrlRecv";
-constexpr char kUploaderThread[] = "TLET_Upld_";
-
-std::string DevModeKey(int devIndexId, const std::string& mode) {
-    return std::to_string(devIndexId) + "_" + (mode.empty() ? kDefaultMode : mode);
-}
 
 std::string EncodeResponse(const StatusInfo& status) {
     return message::EncodeMessage(CreateResponse(status));

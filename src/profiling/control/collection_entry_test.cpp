@@ -1,37 +1,19 @@
 #include "profiling/control/collection_entry.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <pthread.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 #include <future>
 
 #include "profiling/collect/collect_test_support.h"
 #include "profiling/config/device_test_support.h"
 #include "profiling/control/prof_msg_handler.h"
 #include "profiling/control/task_manager.h"
-#include "profiling/datapath/thread_test_support.h"
+#include "profiling/datapath/thread_limit_test_support.h"
 #include "profiling/datapath/transport_test_support.h"
 #include "profiling/datapath/uploader_mgr.h"
 #include "proto/codec.h"
-
-static std::atomic<bool> threadsStart{true};
-static std::function<void()> onRefused;  // a thread that was to start
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*routine)(void*), void* argument) {
-    static const auto real =
-        reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (threadsStart) {
-        return real(thread, attributes, routine, argument);
-    }
-    onRefused();
-    return EAGAIN;
-}
 
 namespace analysis::nedra::device {
 namespace {
@@ -139,11 +121,11 @@ TEST_F(Handshakes, OfTwoForADeviceAndModeTheLaterIsRefused) {
 
 TEST_F(Handshakes, AThreadThatDoesNotStartLeavesNothing) {
     std::shared_ptr<transport::Uploader> found;
-    onRefused = [&] { transport::UploaderMgr::instance().GetUploader("job", found); };
-    threadsStart = false;
+    orla::test::onRefused = [&] { transport::UploaderMgr::instance().GetUploader("job", found); };
+    orla::test::threadsLeft = 0;
     EXPECT_NE(Shake(first, "job"), 0);
     EXPECT_NE(Shake<proto::DataChannelHandshake>(data, "job"), 0);
-    threadsStart = true;
+    orla::test::threadsLeft = -1;
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->UploadData("x", 1), -1) << "nobody would ever send it";
     found->Flush();

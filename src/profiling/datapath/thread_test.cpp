@@ -1,32 +1,11 @@
 #include "profiling/datapath/thread.h"
 
-#include <dlfcn.h>
 #include <gmock/gmock.h>
-#include <pthread.h>
 #include <time.h>
 
-#include <cerrno>
 #include <stdexcept>
 
-#include "profiling/datapath/thread_test_support.h"
-
-namespace orla::test {
-std::atomic<int> threadsLeft{-1};
-thread_local bool restsAfterUnlock = false;
-}  // namespace orla::test
-
-extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                              void* (*routine)(void*), void* argument) {
-    static const auto real =
-        reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
-    if (orla::test::threadsLeft == 0) {
-        return EAGAIN;
-    }
-    if (orla::test::threadsLeft > 0) {
-        --orla::test::threadsLeft;
-    }
-    return real(thread, attributes, routine, argument);
-}
+#include "profiling/datapath/thread_limit_test_support.h"
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     static const auto real =

@@ -13,14 +13,13 @@ namespace analysis::nedra::transport {
 namespace {
 
 constexpr char kDefaultMode[] = "def_mode";
-constexpr char kThreadPrefix[] = "TLET_Upld_";
 constexpr uint32_t kLastSendsMs = 20;
 
-std::string DevModeKey(uint32_t devId, const std::string& mode) {
+}  // namespace
+
+std::string DevModeKey(int64_t devId, const std::string& mode) {
     return std::to_string(devId) + "_" + (mode.empty() ? kDefaultMode : mode);
 }
-
-}  // namespace
 
 UploaderMgr::~UploaderMgr() {
     PROF_LOGI("Begin to destroy UploaderMgr.");
@@ -143,7 +142,7 @@ int UploaderMgr::CreateUploader(const std::string& id, std::shared_ptr<ITranspor
         PROF_LOGE("Failed to init uploader");
         return ret;
     }
-    uploader->SetThreadName(kThreadPrefix + id);
+    uploader->SetThreadName(kUploaderThread + id);
     if (const int ret = uploader->Start(); ret != 0) {
         PROF_LOGE("Failed to start uploader thread");
         return ret;

@@ -20,6 +20,13 @@
 
 namespace analysis::nedra::transport {
 
+// The name of a thread that sends for a job begins with this; the job's id follows.
+constexpr char kUploaderThread[] = "TLET_Upld_";
+
+// The text by which a device and a mode are found, and told in the log: an empty mode is
+// "def_mode".
+[[nodiscard]] std::string DevModeKey(int64_t devId, const std::string& mode);
+
 class UploaderMgr : public common::singleton::Singleton<UploaderMgr> {
 public:
     UploaderMgr() = default;  // one's own for tests; the agent uses instance()
@@ -30,7 +37,7 @@ public:
     // Takes the uploader in; one of the same id is replaced and released. An empty id or pointer
     // changes nothing.
     void AddUploader(const std::string& id, const std::shared_ptr<Uploader>& uploader);
-    // `out` is null for an id that is not known.
+    // `out` stays as it is for an id that is not known.
     void GetUploader(const std::string& id, std::shared_ptr<Uploader>& out);
     // Removes the entry, if there is one. What is queued is dropped if nobody else holds the
     // uploader: Flush comes before.
@@ -65,7 +72,7 @@ public:
     [[nodiscard]] int UploadData(const std::string& id, const void* data, uint32_t len,
                                  const FileChunkInfo& info, const std::string& jobCtxText);
 
-    // ---- Which job runs on a device in a mode; an empty mode is "def_mode" --------------------
+    // ---- Which job runs on a device in a mode --------------------------------------------------
 
     void UpdateDevModeJobMap(uint32_t devId, const std::string& mode, const std::string& jobId);
     // Empty when there is none.

@@ -60,34 +60,6 @@ Texts Numbers(int count) {
     return texts;
 }
 
-TEST(Uploader, SendsAllOfManyProducersInTheirOrderBeforeItStops) {
-    constexpr int kProducers = 4;
-    constexpr int kMessages = 300;
-    Road road(3);
-    std::vector<std::thread> producers;
-    for (int p = 0; p < kProducers; ++p) {
-        producers.emplace_back([&road, p] {
-            for (int i = 0; i < kMessages; ++i) {
-                MessageBuffer message = TakeMessageBuffer(8);
-                message->append({static_cast<char>('a' + p)}).append(std::to_string(i));
-                EXPECT_EQ(0, i % 2 == 0 ? road.uploader->UploadData(message)
-                                        : Upload(*road.uploader, message->substr(kFrontRoom)));
-            }
-        });
-    }
-    for (std::thread& producer : producers) {
-        producer.join();
-    }
-    EXPECT_EQ(0, road.uploader->Stop(false));
-    Texts perProducer[kProducers];
-    for (const std::string& text : road.host->Got()) {
-        perProducer[text[0] - 'a'].push_back(text.substr(1));
-    }
-    for (const Texts& got : perProducer) {
-        EXPECT_EQ(Numbers(kMessages), got);
-    }
-}
-
 TEST(Uploader, ForcedStopDropsTheQueueAndFreesTheBlockedProducer) {
     LogCapture log;
     Road road(10);
