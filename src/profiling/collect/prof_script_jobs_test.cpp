@@ -96,18 +96,19 @@ struct ScriptJobs : orla::device_test::DeviceTest {
         }
         return calls;
     }
-    // The data of the chunks that the host took, after all were sent.
+    // The data of the chunks of that file that the host took, after all were sent.
     std::vector<std::string> Chunks(const std::string& file) {
         std::shared_ptr<analysis::nedra::transport::Uploader> uploader;
         UploaderMgr::instance().GetUploader("job", uploader);
         EXPECT_EQ(uploader->Stop(false), 0);
         std::vector<std::string> chunks;
         for (const auto& chunk : orla::test::ChunksOf(*host)) {
-            EXPECT_EQ(chunk->filename(), file);
             EXPECT_EQ(chunk->datamodule(), 3);
             EXPECT_EQ(chunk->chunksizeinbytes(), static_cast<int>(chunk->chunk().size()));
             EXPECT_EQ(chunk->hdr().job_ctx(), common->jobCtx->ToString());
-            chunks.push_back(chunk->chunk());
+            if (chunk->filename() == file) {
+                chunks.push_back(chunk->chunk());
+            }
         }
         return chunks;
     }
@@ -154,26 +155,39 @@ TEST_F(ScriptJobs, ARecordingGoesToTheHostSliceBySlice) {
 }
 
 TEST_F(ScriptJobs, NoEventChangesTheArguments) {
+    const std::string record = kPath + "--record " + kDir + "/ai_ctrl_cpu.data.7";
+    const std::string stat = "/usr/bin/:/usr/sbin:/var --stat " + kDir + "/llc.data.7";
     struct Row {
+        const std::string& run;
         Texts events;
         int interval;
-        std::string record;  // behind the file; empty: none
+        std::string arguments;  // behind the file; empty: no run
     };
     for (const Row& row :
-         {Row{{"0x11"}, 20, " 50 {r11}"}, Row{{"0x11"}, -1, " 100 {r11}"},
-          Row{{"0x11"}, 1001, " 0 {r11}"}, Row{{"a0x1", "0XAF"}, 1, " 1000 {rx1,rAF}"},
-          Row{{"0x1 --kill"}, 1, ""}, Row{{"0x1", "0x2;id"}, 1, ""}, Row{{"0x1}"}, 1, ""},
-          Row{{"0x1\n"}, 1, ""}, Row{{"11"}, 1, ""}, Row{Texts(9, "0x1"), 1, ""}}) {
+         {Row{record, {"0x11"}, 20, " 50 {r11}"}, Row{record, {"0x11"}, -1, " 100 {r11}"},
+          Row{record, {"0x11"}, 1001, " 0 {r11}"},
+          Row{record, {"a0x1", "0XAF"}, 1, " 1000 {rx1,rAF}"}, Row{record, {"0x1 --kill"}, 1, ""},
+          Row{record, {"0x1", "0x2;id"}, 1, ""}, Row{record, {"0x1}"}, 1, ""},
+          Row{record, {"0x1\n"}, 1, ""}, Row{record, {"11"}, 1, ""},
+          Row{record, Texts(9, "0x1"), 1, ""},
+          Row{stat, {"read", "hisi_l3c0/hit/"}, 5, " read,hisi_l3c0/hit/ 5"},
+          Row{stat, {"read"}, 0, " read 100"}, Row{stat, {"read --kill"}, 5, ""},
+          Row{stat, {"read;id"}, 5, ""}, Row{stat, {""}, 5, ""}}) {
         SCOPED_TRACE(row.events.back());
-        ProfCtrlcpuJob job;
-        common->params->cpu_sampling_interval = row.interval;
-        Texts expected = {kKill};
-        if (!row.record.empty()) {
-            expected.insert(expected.begin(),
-                            kPath + "--record " + kDir + "/ai_ctrl_cpu.data.7" + row.record);
+        ProfCtrlcpuJob ctrlCpu;
+        ProfLlcJob llc;
+        ICollectionJob* job = &ctrlCpu;
+        if (&row.run == &stat) {
+            job = &llc;
         }
-        EXPECT_EQ(CallsDuring(job, row.events, !row.record.empty()), expected);
+        common->params->cpu_sampling_interval = common->params->llc_interval = row.interval;
+        Texts expected = {kKill};
+        if (!row.arguments.empty()) {
+            expected.insert(expected.begin(), row.run + row.arguments);
+        }
+        EXPECT_EQ(CallsDuring(*job, row.events, !row.arguments.empty()), expected);
     }
+    EXPECT_THAT(Chunks("data/llc.data"), ElementsAre("counts", "counts", "", "", ""));
     ProfCtrlcpuJob job;
     Give({});
     EXPECT_EQ(job.Init(cfg), -1);
@@ -181,33 +195,7 @@ TEST_F(ScriptJobs, NoEventChangesTheArguments) {
     Give({"0x1"});
     common->params->host_profiling = 1;
     EXPECT_EQ(job.Init(cfg), -1);
-}
-
-TEST_F(ScriptJobs, TheLastLevelCacheIsCountedIntoOneFile) {
-    struct Row {
-        Texts events;
-        int interval;
-        std::string stat;  // behind the file; empty: none
-        Texts chunks;
-    };
-    Texts all;
-    for (const Row& row :
-         {Row{{"read", "hisi_l3c0/hit/"}, 5, " read,hisi_l3c0/hit/ 5", {"counts"}},
-          Row{{"read"}, 0, " read 100", {"counts"}}, Row{{"read --kill"}, 5, "", {""}},
-          Row{{"read;id"}, 5, "", {""}}, Row{{""}, 5, "", {""}}}) {
-        SCOPED_TRACE(row.events.back());
-        ProfLlcJob job;
-        common->params->llc_interval = row.interval;
-        EXPECT_TRUE(job.IsGlobalJobLevel());
-        Texts expected = {kKill};
-        if (!row.stat.empty()) {
-            expected.insert(expected.begin(),
-                            "/usr/bin/:/usr/sbin:/var --stat " + kDir + "/llc.data.7" + row.stat);
-        }
-        EXPECT_EQ(CallsDuring(job, row.events, !row.stat.empty()), expected);
-        all.insert(all.end(), row.chunks.begin(), row.chunks.end());
-    }
-    EXPECT_EQ(Chunks("data/llc.data"), all);
+    EXPECT_TRUE(ProfLlcJob().IsGlobalJobLevel());
     Use(0x0500);
     EXPECT_FALSE(ProfLlcJob().IsGlobalJobLevel());
 }

@@ -174,12 +174,7 @@ TEST_F(SamplingJobs, RunOnlyWhereTheyAreAskedFor) {
     };
     params->tracelet = "on";
     expect(mem, -1, "I sys mem profiling not enabled");
-    for (const auto& [asked, given] : {std::pair(-5, 100),
-                                       {0, 100},
-                                       {50, 100},
-                                       {100, 100},
-                                       {101, 101},
-                                       {INT32_MAX, INT32_MAX}}) {
+    for (const auto& [asked, given] : {std::pair(-5, 100), {100, 100}, {101, 101}}) {
         params->cpu_sampling_interval = asked;
         expect(stat, 0,
                "I [ProfTimerJobCommonInit]devId:0, devIdOnHost:0, timerTag:0, "
