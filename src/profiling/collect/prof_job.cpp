@@ -87,6 +87,7 @@ const ChannelChoice kFmkChoice{CheckJobContextParam, nullptr, nullptr};
 const ChannelChoice kL2CacheChoice{
     CheckJobCommonParam, [](const ProfileParams& p) { return IsOn(p.l2CacheTaskProfiling); },
     [](int) { PROF_LOGI("ProfL2CacheTaskJob Not Enabled"); }};
+
 // ---- How its channel runs ----------------------------------------------------------------------
 
 const JobLine kRetFailed = JOB_ERROR("Function ret check failed");
