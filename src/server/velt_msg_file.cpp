@@ -66,7 +66,7 @@ int ReadSlice(int fd, uint32_t remaining, MsgProto& message) {
         return kMsgOk;
     }
     if (count < 0) {
-        IDE_LOGE("read file failed : info [%s]", SystemErrorText().c_str());
+        IDE_LOGE("read file failed : info [%s]", orla::SystemErrorText().c_str());
     } else {
         IDE_LOGE("the file ends %u bytes before the size that it had at the start", remaining);
     }
@@ -121,7 +121,7 @@ int StoreSlice(const MsgProto& message, int fd) {
         return kMsgOk;
     }
     if (!WriteAll(fd, message.data, message.sliceLen)) {
-        IDE_LOGE("write file failed : info [%s]", SystemErrorText().c_str());
+        IDE_LOGE("write file failed : info [%s]", orla::SystemErrorText().c_str());
         return kMsgFailed;
     }
     return kMsgOk;
@@ -166,7 +166,7 @@ int SendEventFile(const CommHandle& session, uint16_t type, uint16_t devId, int 
         count = 0;
     } else if (count < 0) {
         IDE_LOGE("Failed to read file in the event_sched directory: info [%s]",
-                 SystemErrorText().c_str());
+                 orla::SystemErrorText().c_str());
         return kMsgFailed;
     }
     if (count > kMaxEventFileSize) {

@@ -1,6 +1,5 @@
 #include "server/velt_msg_proto.h"
 
-#include <portability.h>
 #include <secure_c.h>
 
 #include <cstdlib>
@@ -15,7 +14,6 @@ namespace Velt {
 namespace {
 
 constexpr uint32_t kHeaderSize = sizeof(MsgProto);
-constexpr size_t kErrorTextSize = 128;
 
 // Takes a heap block over, also when it can't be shared: then it is freed, and the answer null.
 MsgPtr Adopt(void* block) {
@@ -98,7 +96,7 @@ int SendMsg(const CommHandle& session, uint16_t type, uint16_t status, const voi
     const int ret = WriteMsg(session, *message);
     if (ret != 0) {
         IDE_LOGE("send message failed ret(%d), please check server is alive, info : %s", ret,
-                 SystemErrorText().c_str());
+                 orla::SystemErrorText().c_str());
         return kMsgTransportFailed;
     }
     return kMsgOk;
@@ -178,11 +176,6 @@ int WaitResponse(const CommHandle& session) {
         default:
             return kMsgFailed;
     }
-}
-
-std::string SystemErrorText() {
-    char text[kErrorTextSize] = {};
-    return mmGetErrorFormatMessage(mmGetErrorCode(), text, sizeof(text));
 }
 
 }  // namespace Velt

@@ -70,7 +70,4 @@ int ReadMsg(const CommHandle& session, int flag, MsgPtr& message, int32_t& lengt
 // kMsgPeerFailed, kMsgTransportFailed, or kMsgFailed for anything else.
 int WaitResponse(const CommHandle& session);
 
-// The system's text for the calling thread's errno.
-[[nodiscard]] std::string SystemErrorText();
-
 }  // namespace Velt

@@ -57,7 +57,7 @@ void VeltSessions::Take(const CommHandle& session) {
     }
     if (!StartThread()) {
         IDE_LOGE("creare commponent process thread failed, strerror is %s",
-                 SystemErrorText().c_str());
+                 orla::SystemErrorText().c_str());
         ++unserved_;
     }
 }
