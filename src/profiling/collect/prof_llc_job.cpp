@@ -27,9 +27,7 @@ constexpr uint64_t kResultBufferSize = 0x40001;
 const PeripheralChoice kLlc{
     {CheckJobEventParam, [](const ProfileParams& p) { return IsOn(p.tracelet_llc_profiling); },
      [](int) { PROF_LOGI("LLC Profiling not enabled"); }},
-    [](const ProfileParams& p) {
-        return p.llc_interval >= 1 && p.llc_interval <= 1000 ? int{p.llc_interval} : 1;
-    },
+    [](const ProfileParams& p) { return FinePeriod(p.llc_interval); },
     nullptr};
 
 bool IsByScript() {

@@ -121,14 +121,12 @@ void ProfPeripheralJob::FreeConfig() {
 
 // ---- Which job runs, how often it samples, into which file -------------------------------------
 
-namespace {
-
-constexpr int kMaxPeriod = 1000;
-
-// 1 for an interval that the driver would not take.
 int FinePeriod(int interval) {
+    constexpr int kMaxPeriod = 1000;
     return interval >= 1 && interval <= kMaxPeriod ? interval : 1;
 }
+
+namespace {
 
 int CoarsePeriod(int interval) {
     return PeriodOr(interval, 10);

@@ -37,6 +37,9 @@ struct PeripheralChoice {
     const char* fileName;  // bare; null: the configuration has it
 };
 
+// `interval`, or 1 when the driver would not take it: it takes 1 to 1000.
+[[nodiscard]] int FinePeriod(int interval);
+
 class ProfPeripheralJob : public ProfDrvJob {
 public:
     ~ProfPeripheralJob() override;
