@@ -3,47 +3,36 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <vector>
 
 #include "log/cfg_file_parse.h"
 
 namespace {
 
-void Check(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-void CheckItem(const char* name, const char* value) {
+bool IsSound(const char* name, const char* value) {
     const size_t nameLength = strnlen(name, kConfigNameLimit);
     const size_t valueLength = strnlen(value, kConfigValueLimit);
-    Check(nameLength > 0 && nameLength < kConfigNameLimit && name[nameLength - 1] != ' ');
-    Check(valueLength > 0 && valueLength < kConfigValueLimit);
-    Check(std::strpbrk(value, "#\t") == nullptr && value[valueLength - 1] != ' ');
+    return nameLength > 0 && nameLength < kConfigNameLimit && name[nameLength - 1] != ' ' &&
+           valueLength > 0 && valueLength < kConfigValueLimit && value[valueLength - 1] != ' ' &&
+           std::strpbrk(value, "#\t") == nullptr;
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    if (size == 0) {
-        return 0;
+    std::FILE* const file = fmemopen(const_cast<uint8_t*>(data), size, "r");
+    if (file == nullptr) {
+        return 0;  // of no bytes there is no stream
     }
-    struct Close {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-    const std::unique_ptr<std::FILE, Close> file(
-        fmemopen(const_cast<uint8_t*>(data), size, "r"));  // opened for reading only
-    Check(file != nullptr);
     // Exactly as large as promised, on the heap, so that an overrun is seen.
-    const auto line = std::make_unique<char[]>(kConfigLineSize);
-    const auto name = std::make_unique<char[]>(kConfigNameLimit);
-    const auto value = std::make_unique<char[]>(kConfigValueLimit);
-    while (NextConfigLine(file.get(), line.get(), kConfigLineSize)) {
-        int error = 0;
-        if (ParseConfigLine(line.get(), name.get(), value.get(), &error) == ConfigLine::kAccepted) {
-            CheckItem(name.get(), value.get());
+    std::vector<char> line(kConfigLineSize), name(kConfigNameLimit), value(kConfigValueLimit);
+    for (int error = 0; NextConfigLine(file, line.data(), kConfigLineSize); error = 0) {
+        if (ParseConfigLine(line.data(), name.data(), value.data(), &error) ==
+                ConfigLine::kAccepted &&
+            !IsSound(name.data(), value.data())) {
+            std::abort();
         }
     }
+    std::fclose(file);
     return 0;
 }
