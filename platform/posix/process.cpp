@@ -87,12 +87,16 @@ const char* PathOf(char* const* environment) {
     return nullptr;
 }
 
-// Adds the file that each directory of a PATH would hold; an empty directory is the current one.
+// Adds the file of each directory of a PATH; an empty directory is the current one. What is not
+// there is left out: to look for it is cheaper than a child that fails.
 void AddCandidates(const char* path, const std::string& program, std::vector<std::string>* files) {
     while (path != nullptr) {
         const char* end = strchrnul(path, ':');
         const std::string directory(path, end);
-        files->push_back((directory.empty() ? "." : directory) + "/" + program);
+        const std::string file = (directory.empty() ? "." : directory) + "/" + program;
+        if (access(file.c_str(), F_OK) == 0 || errno == EACCES) {
+            files->push_back(file);
+        }
         path = *end == ':' ? end + 1 : nullptr;
     }
 }
