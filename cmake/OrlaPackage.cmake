@@ -1,5 +1,5 @@
 # What is installed where, and the Debian packages: the daemon, the host tool and, in an emulated
-# build, the pretended platform that both load. `cpack -G DEB` makes them.
+# build, the simulated driver that both load. `cpack -G DEB` makes them.
 include(GNUInstallDirs)
 
 set_target_properties(orla PROPERTIES INSTALL_RPATH $ORIGIN/../${CMAKE_INSTALL_LIBDIR}/orla)
@@ -41,7 +41,7 @@ set(CPACK_DEBIAN_ORLACTL_PACKAGE_SECTION devel)
 set(CPACK_COMPONENT_ORLACTL_DESCRIPTION "log levels, files and profiles of accelerator cards
  The host tool of the orla agent.")
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_NAME orla-platform)
-set(CPACK_COMPONENT_PLATFORM_DESCRIPTION "pretended platform for the orla agent
+set(CPACK_COMPONENT_PLATFORM_DESCRIPTION "simulated driver for the orla agent
  The libraries that a card's driver brings, emulated over Unix sockets, for
  machines that have no card.")
 if(ORLA_PLATFORM STREQUAL "emulated")

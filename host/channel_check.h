@@ -1,4 +1,4 @@
-// Proves of a received channel file that every record of the pretended driver arrived once, in
+// Proves of a received channel file that every record of the simulated driver arrived once, in
 // order and whole, or tells what did not. Feed it the bytes in pieces of any size, in their
 // order. No I/O; one thread.
 #pragma once

@@ -75,9 +75,10 @@ int RunCheck(const CommonOptions& common, const std::vector<std::string>& files)
         ChannelCheck check;
         if (!CheckFile(file, &check)) {
             Complain("{}: {}", Printable(file), std::strerror(errno));
-            return kExitUsage;
+            code = kExitUsage;  // whatever the others hold: the answer is not whole
+            continue;
         }
-        code = check.clean() ? code : kExitIncomplete;
+        code = check.clean() || code == kExitUsage ? code : kExitIncomplete;
         if (common.json) {
             list.push_back(ToJson(file, check));
         } else {
@@ -94,7 +95,7 @@ int RunCheck(const CommonOptions& common, const std::vector<std::string>& files)
 
 Command AddCheckCommand(CLI::App& app, const CommonOptions& common) {
     auto* command = app.add_subcommand(
-        "check", "Check received channel files of a pretended device, record by record");
+        "check", "Check received channel files of a simulated driver, record by record");
     auto files = std::make_shared<std::vector<std::string>>();
     command->add_option("FILE", *files, "Files below the data folder of a profile")->required();
     return [&common, files] { return RunCheck(common, *files); };

@@ -102,7 +102,7 @@ TypeResult PullType(const Client& client, uint32_t device, const std::string& ty
 
 void Print(const TypeResult& result) {
     for (const PulledFile& file : result.files) {
-        // Devices begin their names with a slash.
+        // Some names begin with a slash, those of files in subfolders.
         const size_t begin = std::min(file.name.find_first_not_of('/'), file.name.size());
         const std::string name = Printable(result.type + "/" + file.name.substr(begin));
         if (file.problem.empty()) {
