@@ -2,9 +2,8 @@
 // it keeps the log levels that a host sets and asks for, and can be told to misbehave.
 //
 // The queue is created at the start, in place of one that is left from a killed log daemon, and
-// removed at the end. Requests are messages of type 1, answers of type 2; both carry a device id
-// and a text of at most 1020 bytes. One thread serves, one waits for the signals that end the
-// process: it removes the queue, which is what wakes the first.
+// removed at the end. One thread serves, one waits for the signals that end the process: it
+// removes the queue, which is what wakes the first.
 #include <fmt/core.h>
 #include <pthread.h>
 #include <sys/ipc.h>
@@ -29,23 +28,11 @@
 #include <vector>
 
 #include "log/log_module_names.h"
+#include "log/slogd_queue.h"
 
 namespace {
 
-constexpr key_t kQueueKey = 0x474F4C44;
-constexpr long kRequestType = 1;
-constexpr long kReplyType = 2;
-constexpr size_t kTextSize = 1020;
 constexpr size_t kOversizeTextSize = 4096;
-
-struct QueueMessage {
-    long type = 0;
-    uint32_t deviceId = 0;
-    char text[kOversizeTextSize] = {};
-};
-constexpr size_t kTransferSize = sizeof(uint32_t) + kTextSize;
-constexpr size_t kOversizeTransferSize = sizeof(uint32_t) + kOversizeTextSize;
-
 constexpr char kDone[] = "++OK++";
 
 // ---- The levels, and the commands that set and ask for them --------------------------------
@@ -145,11 +132,11 @@ struct Options {
 };
 
 int CreateQueue() {
-    const int stale = msgget(kQueueKey, 0);
+    const int stale = msgget(kSlogdQueueKey, 0);
     if (stale >= 0) {
         msgctl(stale, IPC_RMID, nullptr);
     }
-    return msgget(kQueueKey, IPC_CREAT | IPC_EXCL | 0600);
+    return msgget(kSlogdQueueKey, IPC_CREAT | IPC_EXCL | 0600);
 }
 
 // Ends the serving from the signal thread.
@@ -185,48 +172,57 @@ private:
 };
 
 // False when the queue is gone.
-bool Receive(int queue, QueueMessage* request) {
-    *request = QueueMessage();
+bool Receive(int queue, SlogdMessage* request) {
+    *request = SlogdMessage();
     ssize_t size = 0;
     do {
-        size = msgrcv(queue, request, sizeof(uint32_t) + kTextSize, kRequestType, MSG_NOERROR);
+        size = msgrcv(queue, request, kSlogdTransferSize, kSlogdRequest, MSG_NOERROR);
     } while (size < 0 && errno == EINTR);
     return size >= 0;
 }
 
-void Send(int queue, const QueueMessage& reply, size_t size) {
+// `size`: of what travels behind the type.
+void Send(int queue, const void* reply, size_t size) {
     // Nobody may be there to take it: better to lose an answer than to stand still.
-    if (msgsnd(queue, &reply, size, IPC_NOWAIT) != 0) {
+    if (msgsnd(queue, reply, size, IPC_NOWAIT) != 0) {
         fmt::print(stderr, "orla-slogd: answer not sent: {}\n", std::strerror(errno));
     }
 }
 
-void FillGarbage(QueueMessage* reply, size_t size) {
+void FillGarbage(char* text, size_t size) {
     for (size_t i = 0; i < size; ++i) {
-        reply->text[i] = static_cast<char>(1 + i % 255);  // every byte but zero
+        text[i] = static_cast<char>(1 + i % 255);  // every byte but zero
     }
 }
 
-void Reply(int queue, const QueueMessage& request, Answer kind, const std::string& text) {
-    QueueMessage reply;
-    reply.type = kReplyType;
-    reply.deviceId = request.deviceId;
+void SendOversize(int queue, uint32_t deviceId) {
+    struct {
+        long type = kSlogdReply;
+        uint32_t deviceId = 0;
+        char text[kOversizeTextSize];
+    } reply;
+    reply.deviceId = deviceId;
+    FillGarbage(reply.text, sizeof(reply.text));
+    Send(queue, &reply, sizeof(reply.deviceId) + sizeof(reply.text));
+}
+
+void Reply(int queue, const SlogdMessage& request, Answer kind, const std::string& text) {
+    SlogdMessage reply = {kSlogdReply, request.deviceId, {}};
     switch (kind) {
         case Answer::kNone:
             return;
         case Answer::kNormal:
-            text.copy(reply.text, kTextSize - 1);
+            text.copy(reply.text, kSlogdTextSize - 1);
             break;
         case Answer::kEmpty:
             break;
         case Answer::kGarbage:
-            FillGarbage(&reply, kTextSize);
+            FillGarbage(reply.text, kSlogdTextSize);
             break;
         case Answer::kOversize:
-            FillGarbage(&reply, kOversizeTextSize);
-            return Send(queue, reply, kOversizeTransferSize);
+            return SendOversize(queue, request.deviceId);
     }
-    Send(queue, reply, kTransferSize);
+    Send(queue, &reply, kSlogdTransferSize);
 }
 
 [[noreturn]] void Vanish(int queue, bool leaveQueue) {
@@ -239,12 +235,12 @@ void Reply(int queue, const QueueMessage& request, Answer kind, const std::strin
 // Returns when the queue is gone or the stop was asked for.
 void Serve(int queue, const Options& options, Stop* stop) {
     Levels levels;
-    QueueMessage request;
+    SlogdMessage request;
     for (uint32_t count = 1; Receive(queue, &request); ++count) {
         if (count == options.vanishAfter) {
             Vanish(queue, options.leaveQueue);
         }
-        const std::string command(request.text, strnlen(request.text, kTextSize));
+        const std::string command(request.text, strnlen(request.text, kSlogdTextSize));
         const std::string text = levels.Execute(command);
         if (options.isVerbose) {
             fmt::print("device {}: {} -> {}\n", request.deviceId, command, text);

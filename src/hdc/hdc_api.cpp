@@ -95,7 +95,7 @@ drvHdcServer_t HdcServerCreate(int logicalDevice, int serviceType, const LogSide
         SIDE_LOG(side, kWarning, "%slogDevId %d HDC not ready", operation, logicalDevice);
         return nullptr;
     }
-    if (ret != DRV_ERROR_NONE) {
+    if (ret != DRV_ERROR_NONE || server == nullptr) {
         SIDE_LOG(side, kError, "logDevId %d create HDC failed, error: %d", logicalDevice, ret);
         return nullptr;
     }

@@ -5,7 +5,6 @@
 #include <sys/msg.h>
 
 #include <cerrno>
-#include <cstddef>
 #include <cstring>
 
 #include "hdc/hdc_api.h"
@@ -14,14 +13,10 @@
 #include "log/log_path_mgr.h"
 #include "log/log_platform.h"
 #include "log/self_log.h"
+#include "log/slogd_queue.h"
 
 namespace {
 
-constexpr key_t kQueueKey = 0x474F4C44;
-constexpr long kRequestType = 1;
-constexpr long kReplyType = 2;
-constexpr size_t kTransferSize = 1024;  // device id and the first 1020 bytes of the text
-constexpr size_t kTextSize = 1028;
 constexpr uint32_t kMaxRequestLength = 1023;
 constexpr int kMaxPolls = 10;
 constexpr uint32_t kPollPauseMs = 100;
@@ -34,17 +29,7 @@ constexpr char kUnknownError[] = "unknown error, please check log file";
 constexpr char kSendFailed[] = "send message to slogd failed, maybe slogd has been stoped";
 constexpr char kReceiveFailed[] = "receive message from slogd failed, maybe slogd has been stoped";
 
-// One message of the queue, in both directions. The last 8 bytes never travel: they keep a text
-// of full length terminated.
-struct QueueMessage {
-    long type;
-    uint32_t deviceId;
-    char text[kTextSize];
-};
-static_assert(sizeof(QueueMessage) == 1040 && offsetof(QueueMessage, deviceId) == 8 &&
-              offsetof(QueueMessage, text) == 12);
-
-constexpr QueueMessage kEmptyMessage = {0, 0xFFFFFFFF, {}};
+constexpr SlogdMessage kEmptyMessage = {0, 0xFFFFFFFF, {}};
 
 // How long after its time a reply is waited for, so that it is nobody else's answer.
 constexpr int64_t kLateReplyMs = 1000;
@@ -102,16 +87,16 @@ int32_t CheckSession(drvHdcSession_t session) {
     return kLogServiceDone;
 }
 
-int Receive(int queue, QueueMessage* message, int flags) {
+int Receive(int queue, SlogdMessage* message, int flags) {
     *message = kEmptyMessage;
-    return static_cast<int>(msgrcv(queue, message, kTransferSize, kReplyType, flags));
+    return static_cast<int>(msgrcv(queue, message, kSlogdTransferSize, kSlogdReply, flags));
 }
 
 // A reply carries no word of its request. One that is only late would come while the next
 // request waits for its own, so its time is granted before that request is sent. A log daemon
 // that has started anew has another queue, and owes nothing.
 void AwaitLateReply(int queue) {
-    QueueMessage late;
+    SlogdMessage late;
     while (g_lateReply.queue == queue && NowMs() < g_lateReply.untilMs) {
         if (Receive(queue, &late, IPC_NOWAIT | MSG_NOERROR) >= 0 ||
             (errno != ENOMSG && errno != EINTR)) {
@@ -125,16 +110,16 @@ void AwaitLateReply(int queue) {
 // What else lies in the queue answers nobody. A message that is too large for a reply is cut
 // rather than left, since nobody else ever takes it out.
 void DrainReplies(int queue) {
-    QueueMessage stale;
+    SlogdMessage stale;
     while (Receive(queue, &stale, IPC_NOWAIT | MSG_NOERROR) >= 0 || errno == EINTR) {
     }
 }
 
 // 0, or -1 with errno.
-int Send(int queue, const QueueMessage& message) {
+int Send(int queue, const SlogdMessage& message) {
     int result = 0;
     do {
-        result = msgsnd(queue, &message, kTransferSize, IPC_NOWAIT);
+        result = msgsnd(queue, &message, kSlogdTransferSize, IPC_NOWAIT);
     } while (result != 0 && errno == EINTR);
     return result;
 }
@@ -144,7 +129,7 @@ bool IsQueueGone(int error) {
 }
 
 // Waits for the reply. Null when it is there, else the text for the host.
-const char* WaitForReply(int queue, QueueMessage* reply) {
+const char* WaitForReply(int queue, SlogdMessage* reply) {
     for (int polls = 0;;) {
         const int result = Receive(queue, reply, IPC_NOWAIT);
         if (result >= 0) {
@@ -181,7 +166,7 @@ int32_t ForwardReply(drvHdcSession_t session, const char* text) {
     return WriteToHost(session, text);
 }
 
-int32_t Converse(drvHdcSession_t session, int queue, const QueueMessage& message) {
+int32_t Converse(drvHdcSession_t session, int queue, const SlogdMessage& message) {
     orla::LogLock lock(g_queueMutex);
     AwaitLateReply(queue);
     DrainReplies(queue);
@@ -193,7 +178,7 @@ int32_t Converse(drvHdcSession_t session, int queue, const QueueMessage& message
                       kLogServiceNotSent);
     }
     SELF_LOG_INFO("send level info to slogd succeed.");
-    QueueMessage reply;
+    SlogdMessage reply;
     const char* const failure = WaitForReply(queue, &reply);
     if (failure != nullptr) {
         g_lateReply = {queue, NowMs() + kLateReplyMs};
@@ -209,8 +194,8 @@ int32_t Relay(drvHdcSession_t session, const IdeRequest& request) {
                       static_cast<int>(request.len));
         return Refuse(session, "level infomtion is illegal", kLogServiceIllegalLength);
     }
-    QueueMessage message = kEmptyMessage;
-    message.type = kRequestType;
+    SlogdMessage message = kEmptyMessage;
+    message.type = kSlogdRequest;
     message.deviceId = request.dev_id;
     const errno_t copied = memcpy_s(message.text, kMaxRequestLength, request.value, request.len);
     if (copied != EOK) {
@@ -220,7 +205,7 @@ int32_t Relay(drvHdcSession_t session, const IdeRequest& request) {
     }
     SELF_LOG_INFO("request_value=%s, request_length=%d, request_devId=%d.", message.text,
                   static_cast<int>(request.len), static_cast<int>(request.dev_id));
-    const int queue = msgget(kQueueKey, 0);
+    const int queue = msgget(kSlogdQueueKey, 0);
     if (queue < 0) {
         const int error = ToolGetErrorCode();
         SELF_LOG_ERROR("get message queue failed, strerr=%s.", std::strerror(error));

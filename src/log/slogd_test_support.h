@@ -1,6 +1,7 @@
 // For the tests of the log level service: the queue of the log daemon, and what serves it there:
 // the real stand-in as a process of its own, or a script of the test on a thread. The queue's key
-// is the real one, so these tests run where the queues are private: in the sandbox.
+// is the real one, so these tests run where the queues are private: in the sandbox. Key and sizes
+// are spelled out here once more, so that a change of the format does not go unnoticed.
 #pragma once
 
 #include <gtest/gtest.h>
