@@ -121,13 +121,5 @@ TEST_F(DeviceLogTest, FileIsBounded) {
     EXPECT_NE(Lines().back().find(" 699 xxx"), std::string::npos);
 }
 
-TEST_F(DeviceLogTest, UnusableFileGoesToStderr) {
-    setenv("ORLA_LOG_FILE", directory_.c_str(), 1);  // a directory
-    testing::internal::CaptureStderr();
-    control::Reset();
-    DlogErrorInner(1, "still told");
-    EXPECT_NE(testing::internal::GetCapturedStderr().find("still told"), std::string::npos);
-}
-
 }  // namespace
 }  // namespace orla::emulation

@@ -1,6 +1,5 @@
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <fstream>
@@ -134,49 +133,6 @@ TEST_F(HdcServerTest, SocketFileBelongsToWhoeverListens) {
     EXPECT_EQ(std::filesystem::file_size(directory_ + "/1.4"), 4U);
 }
 
-TEST_F(HdcServerTest, ServersThatStartTogetherAgreeOnOne) {
-    for (int round = 0; round < 300; ++round) {
-        LeaveStaleSocket(Path());
-        std::atomic<int> waiting{4};
-        std::atomic<int> made{0};
-        std::vector<std::thread> threads;
-        std::vector<drvHdcServer_t> servers(4);
-        threads.reserve(servers.size());
-        for (drvHdcServer_t& server : servers) {
-            threads.emplace_back([&] {
-                for (--waiting; waiting > 0;) {
-                    std::this_thread::yield();
-                }
-                made += drvHdcServerCreate(0, kService, &server) == 0;
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        EXPECT_EQ(made, 1);
-        for (const drvHdcServer_t server : servers) {
-            EXPECT_EQ(drvHdcServerDestroy(server) == 0, server != nullptr);
-        }
-    }
-}
-
-TEST_F(HdcServerTest, DirectoryIsMadeForTheOwnerAlone) {
-    const std::string runtime = directory_ + "/runtime";
-    const char* former = getenv("XDG_RUNTIME_DIR");
-    const std::string kept = former != nullptr ? former : "";
-    setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
-    unsetenv("ORLA_HDC_DIR");
-    Listen();
-    struct stat made = {};
-    ASSERT_EQ(stat((runtime + "/orla/hdc/0.4").c_str(), &made), 0);
-    ASSERT_EQ(stat((runtime + "/orla/hdc").c_str(), &made), 0);
-    EXPECT_EQ(made.st_mode & 07777, 0700U);
-    setenv("ORLA_HDC_DIR", (directory_ + std::string(100, 'x')).c_str(), 1);
-    drvHdcServer_t other = nullptr;
-    EXPECT_NE(drvHdcServerCreate(1, kService, &other), 0);  // longer than a socket path may be
-    former != nullptr ? setenv("XDG_RUNTIME_DIR", kept.c_str(), 1) : unsetenv("XDG_RUNTIME_DIR");
-}
-
 TEST_F(HdcServerTest, DeviceThatIsNotReadyOrNotThere) {
     drvHdcSession_t session = nullptr;
     EXPECT_EQ(drvHdcSessionConnect(0, 0, client_, &session), DRV_ERROR_DEVICE_NOT_READY);
@@ -197,21 +153,6 @@ TEST_F(HdcServerTest, DeviceThatIsNotReadyOrNotThere) {
     EXPECT_EQ(drvGetDevNum(&count), 0);
     EXPECT_EQ(count, 1U);
     Close(ends);
-}
-
-TEST_F(HdcServerTest, ClientHasRoomForSoManySessions) {
-    Listen();
-    drvHdcClient_t small = nullptr;
-    ASSERT_EQ(drvHdcClientCreate(&small, 1, kService, 0), 0);
-    drvHdcSession_t first = nullptr;
-    drvHdcSession_t second = nullptr;
-    ASSERT_EQ(drvHdcSessionConnect(0, 0, small, &first), 0);
-    EXPECT_NE(drvHdcSessionConnect(0, 0, small, &second), 0);
-    EXPECT_EQ(drvHdcClientDestroy(small), DRV_ERROR_CLIENT_BUSY);
-    EXPECT_EQ(drvHdcSessionClose(first), 0);
-    EXPECT_EQ(drvHdcSessionConnect(0, 0, small, &second), 0);
-    EXPECT_EQ(drvHdcSessionClose(second), 0);
-    EXPECT_EQ(drvHdcClientDestroy(small), 0);
 }
 
 TEST_F(HdcServerTest, ShortageOfDescriptorsPasses) {

@@ -1,5 +1,3 @@
-#include <poll.h>
-
 #include <atomic>
 #include <vector>
 
@@ -152,31 +150,6 @@ TEST_F(HdcSessionTest, PeerKilledAtAnyByte) {
     }
 }
 
-TEST_F(HdcSessionTest, StreamThatComesByteByByte) {
-    for (const uint64_t flag : {HDC_FLAG_WAIT, HDC_FLAG_NOWAIT, HDC_FLAG_TIMEOUT}) {
-        RawPeer peer(Path());
-        const std::string stream =
-            RawPeer::HelloBytes() + RawPeer::Frame("abc") + RawPeer::Frame("d");
-        std::thread dripping([&] {
-            for (const char byte : stream) {
-                ASSERT_TRUE(peer.Write(std::string(1, byte)));
-                std::this_thread::yield();
-            }
-        });
-        const drvHdcSession_t session = Accept();
-        for (const char* wanted : {"abc", "d"}) {
-            Received received;
-            do {
-                received = Receive(session, flag, 1);
-            } while (received.result == DRV_ERROR_NON_BLOCK ||
-                     received.result == DRV_ERROR_WAIT_TIMEOUT);
-            EXPECT_EQ(received, (Received{0, wanted}));
-        }
-        dripping.join();
-        EXPECT_EQ(drvHdcSessionClose(session), 0);
-    }
-}
-
 TEST_F(HdcSessionTest, LyingFrameLengthEndsTheSession) {
     for (const uint32_t length : {0U, kMaxSegment + 1, 0xFFFFFFFFU}) {
         RawPeer peer(Path());
@@ -193,46 +166,6 @@ TEST_F(HdcSessionTest, LyingFrameLengthEndsTheSession) {
         EXPECT_EQ(peer.ReadToEnd(), "");
         EXPECT_EQ(drvHdcSessionClose(session), 0);
     }
-}
-
-TEST_F(HdcSessionTest, SizeLimitsOneReceiveAndLosesNothing) {
-    const auto session = MakeSession();
-    EXPECT_EQ(Send(session.first, "12345"), 0);
-    EXPECT_EQ(Send(session.first, "6"), 0);
-    const int refused = Receive(session.second, HDC_FLAG_WAIT, 0, 4).result;
-    EXPECT_TRUE(refused != 0 && refused != DRV_ERROR_SOCKET_CLOSE) << refused;
-    EXPECT_EQ(Receive(session.second, HDC_FLAG_WAIT, 0, 5), (Received{0, "12345"}));
-    EXPECT_EQ(Receive(session.second, HDC_FLAG_WAIT, 0, 1), (Received{0, "6"}));
-    Close(session);
-}
-
-TEST_F(HdcSessionTest, MessageOfSeveralBuffersUpToTheScenariosLimit) {
-    ASSERT_EQ(control::LoadScenario(R"({"max_segment": 6})"), "");
-    drvHdcCapacity capacity = {HDC_CHAN_TYPE_SOCKET, 0};
-    ASSERT_EQ(drvHdcGetCapacity(&capacity), 0);
-    EXPECT_EQ(capacity.maxSegment, 6U);
-    ASSERT_EQ(drvHdcServerDestroy(std::exchange(server_, nullptr)), 0);
-    Listen();
-    const auto session = MakeSession();
-    drvHdcMsg_t message = nullptr;
-    ASSERT_EQ(drvHdcAllocMsg(session.first, &message, 2), 0);
-    std::string one = "one";
-    std::string two = "twotwo!";
-    EXPECT_NE(halHdcSend(session.first, message, HDC_FLAG_WAIT, 0), 0);  // still empty
-    for (const auto& [buffer, length] :
-         {std::pair<char*, int>{one.data(), 0}, {one.data(), -1}, {two.data(), 7}, {nullptr, 1}}) {
-        EXPECT_NE(drvHdcAddMsgBuffer(message, buffer, length), 0) << length;
-    }
-    EXPECT_EQ(drvHdcAddMsgBuffer(message, one.data(), 3), 0);
-    EXPECT_EQ(drvHdcAddMsgBuffer(message, two.data(), 6), 0);
-    EXPECT_NE(drvHdcAddMsgBuffer(message, two.data(), 6), 0);  // full
-    EXPECT_EQ(halHdcSend(session.first, message, HDC_FLAG_WAIT, 0), 0);
-    EXPECT_EQ(drvHdcReuseMsg(message), 0);
-    EXPECT_NE(halHdcSend(session.first, message, HDC_FLAG_WAIT, 0), 0);  // empty again
-    EXPECT_EQ(drvHdcFreeMsg(message), 0);
-    EXPECT_EQ(Receive(session.second), (Received{0, "one"}));
-    EXPECT_EQ(Receive(session.second), (Received{0, "twotwo"}));
-    Close(session);
 }
 
 // Every operation refuses every handle that isn't a live one of its kind.
@@ -309,37 +242,6 @@ TEST_F(HdcSessionTest, CloseRacesWithEverythingElse) {
         }
         EXPECT_EQ(closed, 1);
         EXPECT_EQ(drvHdcSessionClose(session.second), 0);
-    }
-}
-
-TEST_F(HdcSessionTest, AttributesComeFromTheHello) {
-    const auto expect = [this](const std::vector<int>& values, drvHdcSession_t host) {
-        const drvHdcSession_t device = Accept();
-        int value = 77;
-        EXPECT_NE(halHdcGetSessionAttr(device, 1, &value), 0);
-        EXPECT_EQ(value, 77);
-        std::vector<int> found;
-        for (const int attribute : {HDC_SESSION_ATTR_DEV_ID, HDC_SESSION_ATTR_RUN_ENV,
-                                    HDC_SESSION_ATTR_VFID, HDC_SESSION_ATTR_PEER_PID}) {
-            EXPECT_EQ(halHdcGetSessionAttr(device, attribute, &found.emplace_back()), 0);
-        }
-        EXPECT_EQ(found, values);
-        Close({host, device});
-    };
-    drvHdcSession_t host = nullptr;
-    ASSERT_EQ(drvHdcSessionConnect(0, 0, client_, &host), 0);
-    expect({0, 1, 0, getpid()}, host);
-    setenv("ORLA_HDC_RUN_ENV", "2", 1);
-    setenv("ORLA_HDC_VF_ID", "9", 1);
-    setenv("ORLA_HDC_PID", "1234", 1);
-    ASSERT_EQ(drvHdcSessionConnect(0, 0, client_, &host), 0);
-    expect({0, 2, 9, 1234}, host);
-    ASSERT_EQ(halHdcSessionConnectEx(0, 0, 77, client_, &host), 0);
-    expect({0, 2, 9, 77}, host);
-    setenv("ORLA_HDC_PID", "12x", 1);
-    EXPECT_NE(drvHdcSessionConnect(0, 0, client_, &host), 0);
-    for (const char* name : {"ORLA_HDC_RUN_ENV", "ORLA_HDC_VF_ID", "ORLA_HDC_PID"}) {
-        unsetenv(name);
     }
 }
 

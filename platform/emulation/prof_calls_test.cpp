@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 #include <prof_driver.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstring>
 #include <map>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -213,97 +211,6 @@ TEST_F(ProfChannelsTest, PollTellsEveryChannelInTurnAndEndsWithAStop) {
         EXPECT_EQ(prof_channel_poll(events, 6, 400), device == 0 ? 0 : PROF_STOPPED_ALREADY);
         EXPECT_LT(steady_clock::now() - waiting, std::chrono::seconds(10));
         stopper.join();
-    }
-}
-
-TEST_F(ProfChannelsTest, StartRecordsAreKeptByteForByte) {
-    Use(R"({"id": 1}, {"id": 2, "name": "DDR", "type": 5})");
-    ProfChannelList list;
-    std::memset(&list, 0xAA, sizeof(list));
-    ASSERT_EQ(prof_drv_get_channels(0, &list), PROF_OK);
-    EXPECT_EQ(list.chipType, 3U);
-    ASSERT_EQ(list.channelNum, 2U);
-    EXPECT_EQ(std::string(list.channels[1].channelName, 32),
-              std::string("DDR") + std::string(29, '\0'));
-    EXPECT_EQ(list.channels[1].channelId, 2U);
-    EXPECT_EQ(list.channels[1].channelType, 5U);
-    EXPECT_EQ(list.channels[2].channelId, 0xAAAAAAAAU);
-    list.channelNum = 161;
-    control::SetChannelList(1, list);
-    EXPECT_EQ(prof_drv_get_channels(1, &list), PROF_OK);
-    EXPECT_EQ(list.channelNum, 161U);
-
-    uint32_t config[3] = {1, 0, 0x12345678};
-    const ProfStartPara good = {PROF_START_PERIPHERAL, 20, 1, 0, config, sizeof(config), 0};
-    ProfStartPara bad = good;
-    bad.userData = nullptr;
-    EXPECT_EQ(prof_drv_start(0, 2, &good), PROF_OK);
-    for (const auto& [device, channel, para] :
-         std::vector<std::tuple<uint32_t, uint32_t, const ProfStartPara*>>{
-             {0, 2, &good}, {0, 9, &good}, {7, 1, &good}, {0, 1, nullptr}, {0, 1, &bad}}) {
-        EXPECT_EQ(prof_drv_start(device, channel, para), PROF_ERROR);
-    }
-    config[2] = 0;  // was read during the call only
-    const std::vector<control::ProfStart> starts = control::ProfStarts();
-    ASSERT_EQ(starts.size(), 5U);
-    EXPECT_EQ(starts[0].config, std::string("\1\0\0\0\0\0\0\0\x78\x56\x34\x12", 12));
-    EXPECT_EQ(starts[0].para.samplePeriod, 20U);
-    EXPECT_EQ(starts[0].result, PROF_OK);
-    EXPECT_EQ(starts[1].result, PROF_ERROR);
-
-    char byte = 0;
-    ProfPollInfo event;
-    for (const int result : {prof_channel_read(0, 2, &byte, 0), prof_channel_read(0, 2, nullptr, 1),
-                             prof_channel_poll(&event, 0, 1), prof_channel_poll(nullptr, 1, 1),
-                             halProfDataFlush(0, 2, nullptr)}) {
-        EXPECT_EQ(result, PROF_ERROR);
-    }
-}
-
-TEST_F(ProfChannelsTest, StartsStopsReadsAndPollsFromManyThreads) {
-    Use(R"({"id": 1, "rate": "unlimited"}, {"id": 2, "rate": 50000000}, {"id": 44, "rate": 9000000})");
-    constexpr uint32_t kChannels[] = {1, 2, 44};
-    std::atomic<bool> stop{false};
-    std::atomic<uint64_t> bytes{0};
-    std::vector<std::thread> threads;
-    threads.emplace_back([&] {
-        ProfPollInfo events[6];
-        while (!stop) {
-            const int count = prof_channel_poll(events, 6, 1);
-            ASSERT_TRUE(count == PROF_STOPPED_ALREADY || (count >= 0 && count <= 6));
-        }
-    });
-    for (uint32_t seed = 0; seed < 3; ++seed) {
-        threads.emplace_back([&, seed] {
-            std::minstd_rand random(seed + 1);
-            std::vector<char> buffer(1 << 16);
-            uint32_t size = 0;
-            while (!stop) {
-                const uint32_t device = random() % 2;
-                const uint32_t channel = kChannels[random() % 3];
-                switch (random() % 8) {
-                    case 0:
-                        static_cast<void>(prof_drv_start(device, channel, &kPlain));
-                        break;
-                    case 1:
-                        static_cast<void>(prof_stop(device, channel));
-                        break;
-                    case 2:
-                        static_cast<void>(halProfDataFlush(device, channel, &size));
-                        break;
-                    default:
-                        const int result =
-                            prof_channel_read(device, channel, buffer.data(), random() % 65536 + 1);
-                        bytes += result > 0 ? static_cast<uint64_t>(result) : 0;
-                }
-            }
-        });
-    }
-    EXPECT_TRUE(
-        Eventually([&] { return bytes > 100'000'000 && control::ProfStarts().size() > 500; }));
-    stop = true;
-    for (std::thread& thread : threads) {
-        thread.join();
     }
 }
 

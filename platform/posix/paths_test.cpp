@@ -1,7 +1,6 @@
 // Paths, time and surroundings: bounds, failures and what they leave in the results.
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 
 #include "fixtures_test.h"
 
@@ -46,22 +45,6 @@ TEST(Clock, SignalsDoNotShortenASleep) {
     // The clock that sleeps may be slewed against the raw one, by half a part in a thousand.
     const double nanoseconds = double(end.tv_nsec - start.tv_nsec);
     EXPECT_GE(double(end.tv_sec - start.tv_sec) + nanoseconds / 1e9, 1.998);
-}
-
-TEST(Clock, LocalTimeIsWhatPeopleWrite) {
-    mmSystemTime_t now{};
-    char text[64], expected[64];
-    timespec before{}, after{};
-    do {  // Until all lies in one second: of this clock, which time() may follow late.
-        clock_gettime(CLOCK_REALTIME, &before);
-        ASSERT_EQ(mmGetLocalTime(&now), EN_OK);
-        clock_gettime(CLOCK_REALTIME, &after);
-    } while (before.tv_sec != after.tv_sec);
-    strftime(expected, sizeof(expected), "%Y-%m-%d %w %H:%M:%S", localtime(&before.tv_sec));
-    snprintf(text, sizeof(text), "%04d-%02d-%02d %d %02d:%02d:%02d", now.wYear, now.wMonth,
-             now.wDay, now.wDayOfWeek, now.wHour, now.wMinute, now.wSecond);
-    EXPECT_STREQ(text, expected);
-    EXPECT_LT(now.wMilliseconds, 1000);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 // Threads: how they are made, and their names.
 #include <sched.h>
-#include <sys/prctl.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -66,18 +65,6 @@ TEST(Threads, AreMadeAsAskedForOrNotAtAll) {
     const mmUserBlock_t empty{nullptr, nullptr};
     EXPECT_EQ(mmCreateTaskWithDetach(&thread, &empty), EN_INVALID_PARAM);
     EXPECT_EQ(mmJoinTask(&thread), EN_INVALID_PARAM);
-}
-
-TEST(Threads, NamesAreCutToWhatTheKernelKeeps) {
-    char before[16], name[16];
-    prctl(PR_GET_NAME, before);
-    mmThread self = pthread_self();
-    for (const std::string wanted : {"fifteen-letters", "sixteen--letters", ""}) {
-        EXPECT_EQ(mmSetThreadName(&self, wanted.c_str()), EN_OK);
-        prctl(PR_GET_NAME, name);
-        EXPECT_EQ(name, wanted.substr(0, 15));
-    }
-    EXPECT_EQ(mmSetCurrentThreadName(before), EN_OK);
 }
 
 }  // namespace

@@ -72,27 +72,6 @@ TEST(LogCommonUtil, ExpandsAndJoinsOnlyWhatFits) {
     EXPECT_FALSE(StartsWith(nullptr, ""));
 }
 
-TEST(LogPlatform, ChecksThreadAttributes) {
-    mmThread thread = 0;
-    bool hasRun = false;
-    mmUserBlock_t routine = {[](void* flag) -> void* {
-                                 *static_cast<bool*>(flag) = true;
-                                 return nullptr;
-                             },
-                             &hasRun};
-    const mmThreadAttr wrong[] = {
-        {0, 0, 0, 0, 0, 1, 0x1FFFF}, {0, 0, 0, 1, 3, 0, 0},   {0, 0, 0, 1, -1, 0, 0},
-        {0, 1, 0, 0, 0, 0, 0},       {0, 1, 100, 0, 0, 0, 0},
-    };
-    for (const mmThreadAttr& attributes : wrong) {
-        EXPECT_EQ(ToolCreateTaskWithThreadAttr(&thread, &routine, &attributes), EN_INVALID_PARAM);
-    }
-    const mmThreadAttr right = {0, 0, 0, 0, 3, 1, 0x20000};
-    ASSERT_EQ(ToolCreateTaskWithThreadAttr(&thread, &routine, &right), EN_OK);
-    ASSERT_EQ(mmJoinTask(&thread), EN_OK);
-    EXPECT_TRUE(hasRun);
-}
-
 // Computed in 32 bits, this time would be less than a millisecond.
 TEST(LogPlatform, LongSleepLastsUntilASignal) {
     struct sigaction action = {};

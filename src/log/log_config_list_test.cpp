@@ -95,18 +95,6 @@ TEST_F(LogConfigListTest, SurvivesAFileThatIsNotThere) {
     EXPECT_THAT(log_.Take(), HasSubstr("slog.conf, result=3, strerr=Permission denied"));
 }
 
-TEST_F(LogConfigListTest, ZipSwitchKeepsItsLastLegalValue) {
-    const std::pair<const char*, uint32_t> cases[] = {
-        {"zip_switch=1", 1},   {"other=0", 1},        {"zip_switch=2", 1},
-        {"zip_switch=0x0", 1}, {"zip_switch=0 0", 1}, {"zip_switch=18446744073709551616", 1},
-        {"zip_switch=0", 0},
-    };
-    for (const auto& [text, value] : cases) {
-        ASSERT_EQ(LogConfListUpdate(Write(text).c_str()), 0);
-        EXPECT_EQ(LogConfGetZipSwitch(), value) << text;
-    }
-}
-
 // Run by the next test in a copy of this program.
 TEST(LogConfigBesideExecutable, DISABLED_Child) {
     char value[kConfigValueLimit] = {};

@@ -161,19 +161,6 @@ TEST_F(LogDrvTest, OpensSessionsOrNothing) {
     EXPECT_EQ(DrvClientRelease(client), 0);
 }
 
-TEST_F(LogDrvTest, ReleaseIsPatientOnlyWithABusyDriver) {
-    for (const auto& [result, calls] : {std::pair{DRV_ERROR_CLIENT_BUSY + 0, 3u}, {99, 1u}}) {
-        orla::control::Reset();
-        drvHdcClient_t client = nullptr;
-        ASSERT_EQ(DrvClientCreate(&client, kHdcServiceRequests), 0);
-        InjectFault("drvHdcClientDestroy", result, 0, 2);
-        EXPECT_EQ(DrvClientRelease(client), 0);
-        EXPECT_EQ(orla::control::CallCount("drvHdcClientDestroy"), calls);
-        orla::control::ClearFaults();
-        drvHdcClientDestroy(client);
-    }
-}
-
 TEST_F(LogDrvTest, PlatformTypeIsAskedForUntilItIsKnown) {
     const std::tuple<uint32_t, int, uint32_t> cases[] = {
         {2, -1, 77}, {10000, 0, 10000}, {10001, -1, 10000}, {1, 0, 1}, {0, 0, 1}};

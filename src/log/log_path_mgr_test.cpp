@@ -80,27 +80,4 @@ TEST_F(LogPathMgrTest, StaysAtTheDefaultWhenNothingElseIsOfUse) {
     }
 }
 
-TEST(LogWorkspace, IsReadAndChecked) {
-    SelfLogHere log;
-    const std::string file = log.root() + "/slog.conf";
-    const std::tuple<std::string, int, std::string> cases[] = {
-        {"logWorkspace=" + log.root() + "/missing", -1, "get realpath failed, val="},
-        {"logWorkspace=/proc" + std::string(120, '/') + "sys/fs", 0,
-         "logWorkspace = /proc/sys/fs."},
-        {"logWorkspace=" + log.root() + "/" + std::string(65, 'w'), -1,
-         "copy workspace path failed, err="},
-        {"a=1", 0, "use default log Workspace, val=/proc/sys/fs."},
-        {"logWorkspace=/dev/null", -1, "Not access workspace path, g_workSpacePath=/dev/null."},
-    };
-    std::filesystem::create_directory(log.root() + "/" + std::string(65, 'w'));
-    for (const auto& [text, result, words] : cases) {
-        WriteFile(file, text);
-        ASSERT_EQ(LogConfListUpdate(file.c_str()), 0);
-        EXPECT_EQ(LogWorkspaceInit(), result) << text;
-        EXPECT_THAT(log.Take(), HasSubstr(words));
-    }
-    EXPECT_STREQ(LogWorkspacePath(), "/dev/null");
-    LogConfListFree();
-}
-
 }  // namespace
