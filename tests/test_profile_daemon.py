@@ -224,6 +224,15 @@ def test_host_vanishes(device, steps, half):
     at_rest(device, before)
 
 
+def test_made_up_modes_do_not_use_the_daemon_up(device):
+    _, before = settled(device.program)
+    for number in range(600):
+        host = Host(device, job=f"j{number}", mode=f"m{number}")
+        assert host.handshake() == reply()
+        host.control.close()
+    assert settled(device.program)[1] < before + 300
+
+
 def run_a_job(device):
     host = Host(device).start()
     assert host.job_stop() == reply()

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <utility>
-#include <vector>
 
 #include "hdc/log_side.h"
 #include "profiling/collect/collection_finish.h"
@@ -33,6 +32,9 @@ namespace {
 
 constexpr char kAgentDirectory[] = "/usr/local/profiler/";
 constexpr char kReceiverThread[] = "TLET_CtrlRecv";
+// Each holds its session. No host needs more, with 64 devices in three modes, but a mode is
+// whatever a host says: those that nobody comes back to must not use up the descriptors.
+constexpr size_t kMaxReceivers = 256;
 
 std::string EncodeResponse(const StatusInfo& status) {
     return message::EncodeMessage(CreateResponse(status));
@@ -289,6 +291,9 @@ bool CollectionEntry::AddReceiver(const std::string& mode, const std::string& jo
               static_cast<uint32_t>(devIndexId), jobId.c_str());
     const std::string old = DeleteModeJobIdRelation(devIndexId, mode);
     DeleteReceiver(old, devIndexId);
+    for (const auto& forsaken : TakeForsaken()) {
+        forsaken->Uninit();
+    }
     if (receiver == nullptr) {
         return false;
     }
@@ -322,6 +327,35 @@ std::shared_ptr<Receiver> CollectionEntry::GetReceiver(const std::string& jobId,
         return nullptr;
     }
     return receiver->second;
+}
+
+std::vector<std::shared_ptr<Receiver>> CollectionEntry::TakeForsaken() {
+    std::vector<std::shared_ptr<Receiver>> taken;
+    const std::lock_guard<std::mutex> lock(receiverMutex_);
+    size_t kept = 0;
+    for (const auto& [jobId, receivers] : receiverMap_) {
+        kept += receivers.size();
+    }
+    if (kept < kMaxReceivers) {
+        return taken;
+    }
+    for (auto job = receiverMap_.begin(); job != receiverMap_.end();) {
+        auto& receivers = job->second;
+        for (auto it = receivers.begin(); it != receivers.end();) {
+            if (it->second->IsQuit()) {
+                taken.push_back(std::move(it->second));
+                it = receivers.erase(it);
+            } else {
+                ++it;
+            }
+        }
+        job = receivers.empty() ? receiverMap_.erase(job) : std::next(job);
+    }
+    const std::lock_guard<std::mutex> modeLock(modeJobMutex_);
+    for (auto it = modeJobMap_.begin(); it != modeJobMap_.end();) {
+        it = receiverMap_.count(it->second) == 0 ? modeJobMap_.erase(it) : std::next(it);
+    }
+    return taken;
 }
 
 bool CollectionEntry::HasReceiver(const std::string& jobId) {

@@ -17,6 +17,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "profiling/config/job_records.h"
 #include "profiling/config/singleton.h"
@@ -50,7 +51,8 @@ public:
     [[nodiscard]] int SendMsgByDevId(const std::string& jobId, int devIndexId,
                                      const message::MessagePtr& message);
     // Takes the receiver in, in place of the one that served this device and mode before, which is
-    // ended. False, and nothing was taken in, for null and when the agent is ending.
+    // ended. False, and nothing was taken in, for null and when the agent is ending. One that has
+    // quit stays until the next for its device and mode, or until 256 are kept.
     [[nodiscard]] bool AddReceiver(const std::string& mode, const std::string& jobId,
                                    int devIndexId, const std::shared_ptr<Receiver>& receiver);
     // Null, with a log line, when there is none.
@@ -80,6 +82,8 @@ private:
                           const proto::DataChannelHandshake& handshake, int devIndexId);
     // Out of the registry, and still to be ended; null when there is none.
     std::shared_ptr<Receiver> TakeReceiver(const std::string& jobId, int devIndexId);
+    // Takes out all that have quit, and forgets what they served, once kMaxReceivers are kept.
+    [[nodiscard]] std::vector<std::shared_ptr<Receiver>> TakeForsaken();
     // One that still reads, of any device.
     [[nodiscard]] bool HasReceiver(const std::string& jobId);
     bool IsLastJobRunning(const std::string& mode, int devIndexId);
