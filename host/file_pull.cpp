@@ -1,12 +1,9 @@
 #include "host/file_pull.h"
 
-#include <fmt/format.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <system_error>
+#include <utility>
 
 namespace orla::host {
 
@@ -164,49 +161,32 @@ void FilePull::Begin(const std::string& name) {
     open_ = true;
     files_.emplace_back();
     files_.back().name = name;
-    target_.clear();
     if (options_.listOnly) {
         return;
     }
-    target_ = PathBelow(options_.dir, name);
-    if (target_.empty()) {
+    const auto target = PathBelow(options_.dir, name);
+    if (target.empty()) {
         files_.back().problem = "the name would leave the directory";
         return;
     }
-    std::error_code error;
-    std::filesystem::create_directories(target_.parent_path(), error);
-    temporary_ = target_.parent_path() / fmt::format(".orlactl-{}.part", getpid());
-    // What lies at that name is left from a pull that was killed.
-    std::filesystem::remove(temporary_, error);
-    out_.reset(std::fopen(temporary_.c_str(), "wbxe"));
-    if (out_ == nullptr) {
-        files_.back().problem = std::strerror(errno);
-    }
+    std::error_code ignored;  // what is missing then, the open tells
+    std::filesystem::create_directories(target.parent_path(), ignored);
+    out_ = NewFile::Open(target, &files_.back().problem);
 }
 
 void FilePull::Write(const char* data, size_t size) {
-    if (out_ != nullptr && std::fwrite(data, 1, size, out_.get()) != size) {
-        files_.back().problem = std::strerror(errno);
+    if (out_ != nullptr) {
+        files_.back().problem = out_->Write(data, size);
+    }
+    if (!files_.back().problem.empty()) {
         out_.reset();
-        std::error_code ignored;
-        std::filesystem::remove(temporary_, ignored);
     }
 }
 
 void FilePull::Finish() {
     open_ = false;
-    if (out_ == nullptr) {
-        return;
-    }
-    std::error_code error;
-    if (std::fclose(out_.release()) != 0) {
-        error = std::error_code(errno, std::generic_category());
-    } else {
-        std::filesystem::rename(temporary_, target_, error);
-    }
-    if (error) {
-        files_.back().problem = error.message();
-        std::filesystem::remove(temporary_, error);
+    if (const auto whole = std::move(out_); whole != nullptr) {
+        files_.back().problem = whole->Keep(false);
     }
 }
 
@@ -215,11 +195,7 @@ void FilePull::Drop(const std::string& problem) {
     if (files_.back().problem.empty()) {
         files_.back().problem = problem;
     }
-    if (out_ != nullptr) {
-        out_.reset();
-        std::error_code ignored;
-        std::filesystem::remove(temporary_, ignored);
-    }
+    out_.reset();
 }
 
 }  // namespace orla::host

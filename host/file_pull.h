@@ -1,12 +1,11 @@
 // One pull: asks a device for all files of a type and writes what comes below a directory.
 //
-// Files are written under a temporary name and renamed when they are whole, so that what stands
-// under a file's own name is always the file. A name that would leave the directory is refused;
-// its content is read and dropped, since the device sends it anyway. One thread.
+// Files get their names when they are whole, so that what stands under a file's own name is always
+// the file. A name that would leave the directory is refused; its content is read and dropped,
+// since the device sends it anyway. One thread.
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -15,6 +14,7 @@
 
 #include "hdc/velt_packet.h"
 #include "host/device_session.h"
+#include "host/safe_file.h"
 
 namespace orla::host {
 
@@ -56,10 +56,6 @@ public:
     const std::string& reason() const { return reason_; }
 
 private:
-    struct CloseFile {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-
     enum class Step { kGoOn, kRefused, kFailed };
 
     Step Take(Session& session, const std::string& bytes);
@@ -75,11 +71,9 @@ private:
     const Options options_;
     std::vector<PulledFile> files_;
     std::string reason_;
-    bool ended_ = false;  // the end text came last; a file may have that name, too
-    bool open_ = false;   // files_.back() is being received
-    std::filesystem::path target_;
-    std::filesystem::path temporary_;
-    std::unique_ptr<std::FILE, CloseFile> out_;
+    bool ended_ = false;            // the end text came last; a file may have that name, too
+    bool open_ = false;             // files_.back() is being received
+    std::unique_ptr<NewFile> out_;  // null while what comes is dropped
 };
 
 }  // namespace orla::host

@@ -1,6 +1,9 @@
 """The host tool's pull against a device that lies, breaks off or falls silent."""
+import contextlib
 import json
 import os
+import pathlib
+import signal
 import socket
 import struct
 import subprocess
@@ -9,7 +12,7 @@ import threading
 
 import pytest
 
-from device import BIN
+from device import BIN, wait_for
 from wire import FRAMEWORK, frame, segment
 
 
@@ -100,6 +103,34 @@ def test_what_makes_no_sense_ends_the_pull(answers):
 def test_silence_is_no_end():
     assert pull([*WHOLE, name(b"game_over")], "--timeout", "1", silent=True)[0] == 5
     assert pull([], "--timeout", "1", silent=True)[0] == 4
+
+
+def holds_half_a_file(pid, folder):
+    for number in os.listdir(f"/proc/{pid}/fd"):
+        with contextlib.suppress(FileNotFoundError):  # closed just now
+            link = pathlib.Path(f"/proc/{pid}/fd/{number}")
+            if os.readlink(link).startswith(f"{folder}/#") and link.stat().st_size == 2:
+                return True
+    return False
+
+
+def test_an_interrupted_pull_leaves_whole_files_only():
+    with tempfile.TemporaryDirectory(prefix="orla-", dir="/tmp") as folder, \
+            socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
+        try:
+            os.close(os.open(folder, os.O_WRONLY | os.O_TMPFILE))
+        except OSError:
+            pytest.skip("no file here can be without a name")
+        listener.bind(f"{folder}/0.{FRAMEWORK}")
+        listener.listen()
+        with subprocess.Popen([BIN / "orlactl", "pull", "slog", "-o", f"{folder}/out",
+                               "--timeout", "30"], env=dict(os.environ, ORLA_HDC_DIR=folder)) as tool:
+            peer, _ = listener.accept()
+            for answer in [*WHOLE, name(b"bad"), data(b"ab", total=4)]:
+                peer.sendall(frame(segment(answer)))
+            wait_for(lambda: holds_half_a_file(tool.pid, f"{folder}/out/slog"), "half a file")
+            tool.send_signal(signal.SIGINT)
+        assert os.listdir(f"{folder}/out/slog") == ["good"]
 
 
 def test_a_directory_that_cannot_be_made_is_a_usage_error():
