@@ -336,7 +336,7 @@ std::vector<std::shared_ptr<Receiver>> CollectionEntry::TakeForsaken() {
     for (const auto& [jobId, receivers] : receiverMap_) {
         kept += receivers.size();
     }
-    if (kept < kMaxReceivers) {
+    if (kept < kMaxReceivers || !isInited_) {  // the end needs them all
         return taken;
     }
     for (auto job = receiverMap_.begin(); job != receiverMap_.end();) {
