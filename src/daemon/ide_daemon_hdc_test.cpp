@@ -76,7 +76,8 @@ protected:
         EXPECT_EQ(0, IdeDaemonHdcDestroy());
     }
 
-    // What the host reads after one request: a text, or "closed".
+    // What the host reads after one request: a text, or "closed". It takes no reference on its
+    // session, so that a fault of that call meets the daemon.
     static std::string Ask(uint32_t type, const std::string& value) {
         void* packet = nullptr;
         uint32_t length = 0;
@@ -85,7 +86,7 @@ protected:
         std::string answer = "not connected";
         const drvHdcClient_t client = HdcClientCreate(kHdcServiceRequests);
         drvHdcSession_t session = nullptr;
-        if (HdcSessionConnect(0, 0, client, &session) == 0) {
+        if (drvHdcSessionConnect(0, 0, client, &session) == DRV_ERROR_NONE) {
             const bool sent = HdcWrite(session, packet, static_cast<int>(length)) == 0;
             answer = sent ? orla::test::ReadMessage(session).value_or("closed") : "closed";
             HdcSessionClose(session);
@@ -146,7 +147,7 @@ TEST_F(RequestLoop, AFailedAcceptMakesTheServerAnew) {
 TEST_F(RequestLoop, NoReferenceIsNoReasonNotToServe) {
     Start();
     ASSERT_TRUE(WaitForWords("create HDC server successfully"));
-    InjectFault("drvHdcSetSessionReference", 7, 1);  // the host's own reference comes first
+    InjectFault("drvHdcSetSessionReference", 7);
     EXPECT_EQ("1000:a", Ask(4, "a"));
 }
 
