@@ -33,8 +33,10 @@ namespace {
 constexpr char kAgentDirectory[] = "/usr/local/profiler/";
 constexpr char kReceiverThread[] = "TLET_CtrlRecv";
 // Each holds its session. No host needs more, with 64 devices in three modes, but a mode is
-// whatever a host says: those that nobody comes back to must not use up the descriptors.
+// whatever a host says: those that nobody comes back to must not use up the descriptors. Nor the
+// memory: the name of a job or a mode may be as long as a message.
 constexpr size_t kMaxReceivers = 256;
+constexpr size_t kMaxNameBytes = 1 << 20;
 
 std::string EncodeResponse(const StatusInfo& status) {
     return message::EncodeMessage(CreateResponse(status));
@@ -332,11 +334,18 @@ std::shared_ptr<Receiver> CollectionEntry::GetReceiver(const std::string& jobId,
 std::vector<std::shared_ptr<Receiver>> CollectionEntry::TakeForsaken() {
     std::vector<std::shared_ptr<Receiver>> taken;
     const std::lock_guard<std::mutex> lock(receiverMutex_);
+    const std::lock_guard<std::mutex> modeLock(modeJobMutex_);
     size_t kept = 0;
+    size_t nameBytes = 0;
     for (const auto& [jobId, receivers] : receiverMap_) {
         kept += receivers.size();
+        nameBytes += jobId.size();
     }
-    if (kept < kMaxReceivers || !isInited_) {  // the end needs them all
+    for (const auto& [key, jobId] : modeJobMap_) {
+        nameBytes += key.size() + jobId.size();
+    }
+    const bool isCrowded = kept >= kMaxReceivers || nameBytes >= kMaxNameBytes;
+    if (!isCrowded || !isInited_) {  // the end needs them all
         return taken;
     }
     for (auto job = receiverMap_.begin(); job != receiverMap_.end();) {
@@ -351,7 +360,6 @@ std::vector<std::shared_ptr<Receiver>> CollectionEntry::TakeForsaken() {
         }
         job = receivers.empty() ? receiverMap_.erase(job) : std::next(job);
     }
-    const std::lock_guard<std::mutex> modeLock(modeJobMutex_);
     for (auto it = modeJobMap_.begin(); it != modeJobMap_.end();) {
         it = receiverMap_.count(it->second) == 0 ? modeJobMap_.erase(it) : std::next(it);
     }

@@ -52,7 +52,7 @@ public:
                                      const message::MessagePtr& message);
     // Takes the receiver in, in place of the one that served this device and mode before, which is
     // ended. False, and nothing was taken in, for null and when the agent is ending. One that has
-    // quit stays until the next for its device and mode, or until 256 are kept.
+    // quit stays until the next for its device and mode, or until 256 or 1 MiB of names are kept.
     [[nodiscard]] bool AddReceiver(const std::string& mode, const std::string& jobId,
                                    int devIndexId, const std::shared_ptr<Receiver>& receiver);
     // Null, with a log line, when there is none.
@@ -82,7 +82,7 @@ private:
                           const proto::DataChannelHandshake& handshake, int devIndexId);
     // Out of the registry, and still to be ended; null when there is none.
     std::shared_ptr<Receiver> TakeReceiver(const std::string& jobId, int devIndexId);
-    // Takes out all that have quit, and forgets what they served, once kMaxReceivers are kept.
+    // Takes out all that have quit, and forgets what they served, once too many are kept.
     [[nodiscard]] std::vector<std::shared_ptr<Receiver>> TakeForsaken();
     // One that still reads, of any device.
     [[nodiscard]] bool HasReceiver(const std::string& jobId);
