@@ -126,10 +126,12 @@ def test_an_interrupted_pull_leaves_whole_files_only():
         with subprocess.Popen([BIN / "orlactl", "pull", "slog", "-o", f"{folder}/out",
                                "--timeout", "30"], env=dict(os.environ, ORLA_HDC_DIR=folder)) as tool:
             peer, _ = listener.accept()
-            for answer in [*WHOLE, name(b"bad"), data(b"ab", total=4)]:
-                peer.sendall(frame(segment(answer)))
-            wait_for(lambda: holds_half_a_file(tool.pid, f"{folder}/out/slog"), "half a file")
-            tool.send_signal(signal.SIGINT)
+            with peer:
+                for answer in [*WHOLE, name(b"bad"), data(b"ab", total=4)]:
+                    peer.sendall(frame(segment(answer)))
+                wait_for(lambda: holds_half_a_file(tool.pid, f"{folder}/out/slog"), "half a file")
+                tool.send_signal(signal.SIGINT)
+                tool.wait(30)
         assert os.listdir(f"{folder}/out/slog") == ["good"]
 
 
