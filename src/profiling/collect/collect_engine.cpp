@@ -13,6 +13,7 @@
 namespace analysis::nedra::device {
 
 using Analysis::Nedra::JobWrapper::ProfChannelManager;
+using transport::UploaderMgr;
 
 CollectEngine::~CollectEngine() {
     Uninit();
@@ -67,6 +68,7 @@ int CollectEngine::CollectStart(const std::string& sampleConfig, message::Status
     if (ParseSampleConfig(sampleConfig, status) != 0 || OpenChannels() != 0) {
         RemoveTmpDir();
         ReleaseChannelPoll();
+        ReleaseJobId();
         return -1;
     }
     isStarted_ = true;
@@ -134,14 +136,13 @@ int CollectEngine::Start(const Events& ctrlCpuEvents, message::StatusInfo& statu
     if (PrepareReplay(ctrlCpuEvents, llcEvents) != 0) {
         return -1;
     }
-    BoundStall(false);
     return CollectionJobRegisterAndRun(status);
 }
 
 int CollectEngine::Stop(message::StatusInfo& status) {
     status.status = 1;
     PROF_LOGI("Stop");
-    BoundStall(true);
+    const UploaderMgr::Ending ending(UploaderMgr::instance(), JobId());
     if (StopJobs(status) != 0) {
         return -1;
     }
@@ -157,7 +158,7 @@ int CollectEngine::CollectStop(message::StatusInfo& status) {
         PROF_LOGE("[CollectStop]Config is null");
         return -1;
     }
-    BoundStall(true);
+    const UploaderMgr::Ending ending(UploaderMgr::instance(), JobId());
     if (isStarted_) {
         PROF_LOGI("stop collect ...");
         if (Stop(status) != 0) {
@@ -172,6 +173,7 @@ int CollectEngine::CollectStop(message::StatusInfo& status) {
         PROF_LOGE("[CollectStop]FinishCollection failed");
     }
     ReleaseChannelPoll();
+    ReleaseJobId();
     isStarted_ = false;
     isStopped_ = true;
     if (status.status != 0) {
@@ -185,10 +187,6 @@ std::string CollectEngine::JobId() const {
     return jobCommParams_ != nullptr && jobCommParams_->params != nullptr
                ? jobCommParams_->params->job_id
                : std::string();
-}
-
-void CollectEngine::BoundStall(bool on) const {
-    transport::UploaderMgr::instance().BoundStall(JobId(), on);
 }
 
 }  // namespace analysis::nedra::device

@@ -13,15 +13,16 @@
 // round once per replay. A job's own threads start in its Process and have ended when Stop
 // returns.
 //
-// From the beginning of a stop the host may keep a message of this job waiting for a bounded time
-// only, until a replay starts again: a job's Uninit, like the finish, may have to wait for room
-// in the queue to the host.
+// While Stop or CollectStop runs, the host may keep a message of this job waiting for a bounded
+// time only: a job's Uninit, like the finish, may have to wait for room in the queue to the host.
+// Between the two nothing waits, and the host may take its time.
 #pragma once
 
 #include <array>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "profiling/collect/collection_register.h"
@@ -56,6 +57,9 @@ public:
     void Uninit();
     // The number under which the host knows the device. Before CollectStart.
     void SetDevIdOnHost(uint32_t devId);
+    // Whose engine this is; null by default. While a session is open, no engine of another owner
+    // can open one with the same job id. Before CollectStart.
+    void SetOwner(std::shared_ptr<const void> owner) { owner_ = std::move(owner); }
 
     // Places `job` in the slot of `jobTag` (0 to 36), instead of what was there: the way in for
     // jobs beside those of Init. Of `source` it takes what the job works from (jobFileName, cores,
@@ -93,12 +97,14 @@ private:
     [[nodiscard]] int OpenChannels();
     void ReleaseChannelPoll();
     [[nodiscard]] std::string JobId() const;  // empty without parameters
-    void BoundStall(bool on) const;
 
     // collect_engine_dirs.cpp
     [[nodiscard]] int CreateTmpRootDir(std::string& out);
     void RemoveTmpDir();
     [[nodiscard]] int HoldDir(const std::string& path);
+    [[nodiscard]] bool ClaimJobId(const std::string& jobId);
+    void ReturnJobId();  // needs the lock of the directories, as ClaimJobId does
+    void ReleaseJobId();
 
     // collect_engine_jobs.cpp
     void CreateCollectionJobArray();
@@ -120,6 +126,8 @@ private:
     bool isStarted_ = false;  // a session is open
     bool usesChannelPoll_ = false;
     std::vector<std::string> heldDirs_;  // what this engine made and has to give up
+    std::shared_ptr<const void> owner_;
+    std::string claimedJobId_;  // empty: none
 };
 
 }  // namespace analysis::nedra::device

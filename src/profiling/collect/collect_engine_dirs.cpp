@@ -1,6 +1,6 @@
-// The work directories of an engine, below one root. Several engines may work in one directory:
-// a job of several devices in that of the job, two modes on a device in that of the device. It
-// is empty for its first user and goes with its last one.
+// The work directories of an engine, below one root, and the job id that they are named by. Several
+// engines may work in one directory: a job of several devices in that of the job, two modes on a
+// device in that of the device. It is empty for its first user and goes with its last one.
 
 #include <algorithm>
 #include <map>
@@ -22,6 +22,13 @@ using common::validation::ParamValidation;
 std::mutex tmpDirMutex;
 // How many engines use a directory. Guarded by tmpDirMutex.
 std::map<std::string, int> dirUsers;
+
+// An id in use, by those who have opened sessions with it.
+struct JobIdUse {
+    std::shared_ptr<const void> owner;
+    int engines = 0;
+};
+std::map<std::string, JobIdUse> jobIds;  // guarded by tmpDirMutex
 
 // An empty id is good: such a job works in the root.
 bool CanBeDirectory(const std::string& jobId) {
@@ -57,6 +64,10 @@ int CollectEngine::CreateTmpRootDir(std::string& out) {
         return -1;
     }
     const std::lock_guard<std::mutex> lock(tmpDirMutex);
+    if (!ClaimJobId(jobId)) {
+        PROF_LOGE("Job id %s is that of another host's job", jobId.c_str());
+        return -1;
+    }
     // The root is nobody's own.
     const int ret = jobId.empty() ? CreateDirLogged(root) : HoldDir(out);
     if (ret != 0) {
@@ -68,6 +79,37 @@ int CollectEngine::CreateTmpRootDir(std::string& out) {
         return -1;
     }
     return HoldDir(perfDir);
+}
+
+// The data of a job goes to the data session that is registered under its id: a second host must
+// not send into it, nor end it. Needs tmpDirMutex.
+bool CollectEngine::ClaimJobId(const std::string& jobId) {
+    ReturnJobId();
+    if (jobId.empty()) {
+        return true;  // such a job has no data session
+    }
+    const auto use = jobIds.find(jobId);
+    if (use != jobIds.end() && use->second.owner != owner_) {
+        return false;
+    }
+    claimedJobId_ = jobId;
+    JobIdUse& mine = jobIds[jobId];
+    mine.owner = owner_;
+    ++mine.engines;
+    return true;
+}
+
+void CollectEngine::ReturnJobId() {
+    const auto use = jobIds.find(claimedJobId_);
+    if (use != jobIds.end() && --use->second.engines == 0) {
+        jobIds.erase(use);
+    }
+    claimedJobId_.clear();
+}
+
+void CollectEngine::ReleaseJobId() {
+    const std::lock_guard<std::mutex> lock(tmpDirMutex);
+    ReturnJobId();
 }
 
 int CollectEngine::HoldDir(const std::string& path) {

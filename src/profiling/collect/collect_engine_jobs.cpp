@@ -45,18 +45,11 @@ bool IsTag(int jobTag) {
 }  // namespace
 
 void CollectEngine::CreateCollectionJobArray() {
+    PROF_LOGI("CreateCollectionJobArray to set jobCfg");
     for (const JobKind& kind : kJobKinds) {
         auto job = kind.make();
-        if (job == nullptr) {
+        if (job == nullptr || PlaceJob(kind.tag, std::move(job)) != 0) {
             return;
-        }
-        collectionJobs_[static_cast<size_t>(kind.tag)].job = std::move(job);
-    }
-    PROF_LOGI("CreateCollectionJobArray to set jobCfg");
-    for (int tag = 0; tag < NR_MAX_COLLECTION_JOB; ++tag) {
-        CollectionJobInfo& slot = collectionJobs_[static_cast<size_t>(tag)];
-        if (slot.job != nullptr) {
-            static_cast<void>(PlaceJob(tag, slot.job));
         }
     }
 }
@@ -67,7 +60,7 @@ int CollectEngine::PlaceJob(int jobTag, std::shared_ptr<ICollectionJob> job,
         return -1;
     }
     CollectionJobInfo& slot = collectionJobs_[static_cast<size_t>(jobTag)];
-    if (IsRegistered(slot)) {
+    if (slot.job != nullptr && IsRegistered(slot)) {
         return -1;
     }
     const auto cfg = common::MakeShared<CollectionJobCfg>(source);

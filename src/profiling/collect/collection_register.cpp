@@ -49,9 +49,11 @@ bool IsDeviceSideJob(const CollectionJobCfg& cfg) {
 
 int CollectionRegisterMgr::CollectionJobRegisterAndRun(int devId, int jobTag,
                                                        const std::shared_ptr<ICollectionJob>& job) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!InsertCollectionJob(devId, jobTag, job)) {
-        return -1;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!InsertCollectionJob(devId, jobTag, job)) {
+            return -1;
+        }
     }
     PROF_LOGD("Collection Job Registeter, devId:%d jobTag:%d", devId, jobTag);
     return job->Process();
@@ -59,13 +61,27 @@ int CollectionRegisterMgr::CollectionJobRegisterAndRun(int devId, int jobTag,
 
 int CollectionRegisterMgr::CollectionJobUnregisterAndStop(
     int devId, int jobTag, const std::shared_ptr<ICollectionJob>& own) {
-    std::shared_ptr<ICollectionJob> job;  // released after the lock
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (!GetAndDelCollectionJob(devId, jobTag, own, job)) {
-        return -1;
+    std::shared_ptr<ICollectionJob> job;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!GetAndDelCollectionJob(devId, jobTag, own, job)) {
+            return -1;
+        }
     }
     PROF_LOGD("Collection Job Unregisteter, devId:%d jobTag:%d", devId, jobTag);
-    return job->Uninit();
+    try {
+        const int ret = job->Uninit();
+        FreePlace(devId, jobTag);
+        return ret;
+    } catch (...) {  // out of memory: the tag must not stay taken for good
+        FreePlace(devId, jobTag);
+        throw;
+    }
+}
+
+void CollectionRegisterMgr::FreePlace(int devId, int jobTag) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    jobs_[devId].erase(jobTag);
 }
 
 bool CollectionRegisterMgr::Holds(int devId, int jobTag,
@@ -76,7 +92,7 @@ bool CollectionRegisterMgr::Holds(int devId, int jobTag,
         return false;
     }
     const auto held = device->second.find(jobTag);
-    return held != device->second.end() && held->second == job;
+    return held != device->second.end() && held->second.job == job && !held->second.isEnding;
 }
 
 bool CollectionRegisterMgr::CheckCollectionJobIsNoRegister(int& devId, int jobTag) const {
@@ -89,7 +105,7 @@ bool CollectionRegisterMgr::CheckCollectionJobIsNoRegister(int& devId, int jobTa
         if (held == jobs.end()) {
             continue;
         }
-        if (held->second->IsGlobalJobLevel()) {
+        if (held->second.job->IsGlobalJobLevel()) {
             devId = heldOn;
             PROF_LOGW("IsGlobalJobLevel, devId:%d jobTag:%d", devId, jobTag);
             return false;
@@ -105,7 +121,7 @@ bool CollectionRegisterMgr::InsertCollectionJob(int devId, int jobTag,
     if (job == nullptr || !CheckCollectionJobIsNoRegister(heldOn, jobTag)) {
         return false;
     }
-    jobs_[devId][jobTag] = job;
+    jobs_[devId][jobTag] = {job, false};
     return true;
 }
 
@@ -117,12 +133,12 @@ bool CollectionRegisterMgr::GetAndDelCollectionJob(int devId, int jobTag,
         heldOn != devId) {
         return false;
     }
-    const auto held = jobs_[devId].find(jobTag);
-    if (own != nullptr && held->second != own) {
+    Place& held = jobs_[devId].at(jobTag);
+    if (held.isEnding || (own != nullptr && held.job != own)) {
         return false;
     }
-    job = std::move(held->second);
-    jobs_[devId].erase(held);
+    held.isEnding = true;
+    job = held.job;
     return true;
 }
 

@@ -11,9 +11,10 @@
 // This goes round once per replay with the same objects. Init of a job that is registered is not
 // called. Uninit follows every Process, also one that failed, and nothing else.
 //
-// The registry holds a job from its registration to its stop. Its one mutex is held across
-// Process and Uninit: a job must not call back into the registry, and one that blocks there
-// holds up the starts and stops of all devices.
+// The registry holds a job from its registration to the end of its Uninit: until then its tag is
+// taken, so no job starts on what another one has not let go of. The mutex is held for the
+// look-up and the change of state only. Process and Uninit run outside it, on the thread of their
+// engine: a job that waits there, for its host or for a script, holds up nobody else's.
 #pragma once
 
 #include <array>
@@ -168,27 +169,36 @@ public:
     // is held on this device, or it is held as a global job on any device.
     [[nodiscard]] int CollectionJobRegisterAndRun(int devId, int jobTag,
                                                   const std::shared_ptr<ICollectionJob>& job);
-    // Takes the job out and runs its Uninit. What Uninit answered; -1 when an argument is bad or
-    // this device does not hold that tag. With `own`, only that very object is taken: two
-    // engines may work on one device, and neither may stop the other's job.
+    // Runs the job's Uninit and takes it out. What Uninit answered; -1 when an argument is bad,
+    // this device does not hold that tag, or the job is being stopped already. With `own`, only
+    // that very object is taken: two engines may work on one device, and neither may stop the
+    // other's job.
     [[nodiscard]] int CollectionJobUnregisterAndStop(
         int devId, int jobTag, const std::shared_ptr<ICollectionJob>& own = nullptr);
-    // Whether this very object is registered there.
+    // Whether this very object is registered there, and not being stopped.
     [[nodiscard]] bool Holds(int devId, int jobTag, const std::shared_ptr<ICollectionJob>& job);
 
 private:
     friend analysis::nedra::common::singleton::Singleton<CollectionRegisterMgr>;
     CollectionRegisterMgr() = default;
 
+    struct Place {
+        std::shared_ptr<ICollectionJob> job;
+        bool isEnding = false;  // its Uninit runs
+    };
+    using JobsOfDevice = std::map<int, Place>;  // by tag
+
     // These need the mutex.
     // Whether the tag is free for the device. False too for bad arguments; for a global job that
     // runs, `devId` then names its device.
     bool CheckCollectionJobIsNoRegister(int& devId, int jobTag) const;
     bool InsertCollectionJob(int devId, int jobTag, const std::shared_ptr<ICollectionJob>& job);
+    // Hands the job out to be stopped; its place stays taken until FreePlace.
     bool GetAndDelCollectionJob(int devId, int jobTag, const std::shared_ptr<ICollectionJob>& own,
                                 std::shared_ptr<ICollectionJob>& job);
 
-    using JobsOfDevice = std::map<int, std::shared_ptr<ICollectionJob>>;  // by tag
+    void FreePlace(int devId, int jobTag);
+
     std::mutex mutex_;
     std::map<int, JobsOfDevice> jobs_;  // by device; a device stays when its last job has gone
 };

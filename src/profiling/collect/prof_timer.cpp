@@ -160,33 +160,37 @@ bool TimerManager::StartProfTimer() {
 }
 
 void TimerManager::StopProfTimer() {
-    const std::lock_guard<std::mutex> lock(mtx_);
-    if (refCount_ == 0) {
-        return;
-    }
-    --refCount_;
-    if (profTimer_ != nullptr && refCount_ == 0) {
-        PROF_LOGI("StopProfTimer begin");
-        if (profTimer_->Stop() != 0) {
-            PROF_LOGE("StopProfTimer failed");
+    std::shared_ptr<ProfTimer> ended;
+    {
+        const std::lock_guard<std::mutex> lock(mtx_);
+        if (refCount_ == 0 || --refCount_ != 0) {
+            return;
         }
-        profTimer_.reset();
-        PROF_LOGI("StopProfTimer end");
+        ended.swap(profTimer_);
     }
+    PROF_LOGI("StopProfTimer begin");
+    if (ended->Stop() != 0) {
+        PROF_LOGE("StopProfTimer failed");
+    }
+    PROF_LOGI("StopProfTimer end");
+}
+
+std::shared_ptr<ProfTimer> TimerManager::Timer() {
+    const std::lock_guard<std::mutex> lock(mtx_);
+    return profTimer_;
 }
 
 void TimerManager::RegisterTimerHandler(uint32_t tag,
                                         const std::shared_ptr<TimerHandler>& handler) {
-    const std::lock_guard<std::mutex> lock(mtx_);
-    if (profTimer_ != nullptr && handler != nullptr) {
-        profTimer_->RegisterTimerHandler(tag, handler);
+    const auto timer = Timer();
+    if (timer != nullptr && handler != nullptr) {
+        timer->RegisterTimerHandler(tag, handler);
     }
 }
 
 void TimerManager::RemoveTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& own) {
-    const std::lock_guard<std::mutex> lock(mtx_);
-    if (profTimer_ != nullptr) {
-        profTimer_->RemoveTimerHandler(tag, own);
+    if (const auto timer = Timer(); timer != nullptr) {
+        timer->RemoveTimerHandler(tag, own);
     }
 }
 

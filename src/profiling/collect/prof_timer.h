@@ -2,9 +2,9 @@
 // runs while at least one sampling job, of any engine, needs it.
 //
 // A handler is executed and torn down under a lock of its own, so never at the same time. One that
-// waits, for a host that does not read, holds up the samples of all others, but not their removal:
-// the jobs of another host can still end. Locks in order: TimerManager::mtx_, then
-// ProfTimer::handlerMtx_; a handler's own is taken with handlerMtx_ free.
+// waits, for a host that does not read, holds up the samples of all others, but neither their
+// registration nor their removal: jobs of other hosts can still start and end. The locks of
+// TimerManager and ProfTimer are held for a look-up only; a handler's own is taken with both free.
 #pragma once
 
 #include <atomic>
@@ -80,6 +80,9 @@ public:
 private:
     friend analysis::nedra::common::singleton::Singleton<TimerManager>;
     TimerManager() = default;
+
+    // Null while there is no user.
+    [[nodiscard]] std::shared_ptr<ProfTimer> Timer();
 
     std::mutex mtx_;
     // Guarded by mtx_.

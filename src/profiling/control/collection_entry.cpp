@@ -1,6 +1,7 @@
 #include "profiling/control/collection_entry.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 #include "hdc/log_side.h"
@@ -32,11 +33,9 @@ namespace {
 
 constexpr char kAgentDirectory[] = "/usr/local/profiler/";
 constexpr char kReceiverThread[] = "TLET_CtrlRecv";
-// Each holds its session. No host needs more, with 64 devices in three modes, but a mode is
-// whatever a host says: those that nobody comes back to must not use up the descriptors. Nor the
-// memory: the name of a job or a mode may be as long as a message.
-constexpr size_t kMaxReceivers = 256;
-constexpr size_t kMaxNameBytes = 1 << 20;
+// From the request to end until the last host is given up, whatever it does. What else the end
+// takes (files, scripts) has time left until the service manager's limit.
+constexpr std::chrono::seconds kEndLimit{45};
 
 std::string EncodeResponse(const StatusInfo& status) {
     return message::EncodeMessage(CreateResponse(status));
@@ -70,10 +69,10 @@ int CollectionEntry::Uninit() {
         const std::lock_guard<std::mutex> lock(receiverMutex_);
         ended = receiverMap_;
     }
-    // The patience with all hosts runs out at the same time, and all sessions end before the
-    // first thread is waited for. The receivers stay registered meanwhile: their jobs end with
-    // their data, for which they look around here.
-    UploaderMgr::instance().BoundAllStalls();
+    // The limit of all hosts runs out at the same time, and all sessions end before the first
+    // thread is waited for. The receivers stay registered meanwhile: their jobs end with their
+    // data, for which they look around here.
+    UploaderMgr::instance().EndAllUntil(Uploader::Clock::now() + kEndLimit);
     for (const auto& [jobId, receivers] : ended) {
         for (const auto& [devIndexId, receiver] : receivers) {
             receiver->CloseSession();
@@ -161,17 +160,20 @@ private:
     bool isOurs_ = false;
 };
 
-bool CollectionEntry::IsLastJobRunning(const std::string& mode, int devIndexId) {
-    const std::string lastJob = GetModeJobIdRelation(devIndexId, mode);
-    if (lastJob.empty()) {
-        return false;
-    }
-    const auto receiver = GetReceiver(lastJob, devIndexId);
-    if (receiver == nullptr || receiver->IsQuit()) {
-        return false;
+bool CollectionEntry::IsRunning(const std::string& jobId, int devIndexId) {
+    {
+        const std::lock_guard<std::mutex> lock(receiverMutex_);
+        const auto job = receiverMap_.find(jobId);
+        if (job == receiverMap_.end()) {
+            return false;
+        }
+        const auto receiver = job->second.find(devIndexId);
+        if (receiver == job->second.end() || receiver->second->IsQuit()) {
+            return false;
+        }
     }
     PROF_LOGE("Last profiling job %s on device %u has not exited, please try again later",
-              lastJob.c_str(), static_cast<uint32_t>(devIndexId));
+              jobId.c_str(), static_cast<uint32_t>(devIndexId));
     return true;
 }
 
@@ -186,7 +188,10 @@ int CollectionEntry::HandleCtrlSession(const std::shared_ptr<Receiver>& receiver
                   handshake.mode().c_str(), devIndexId);
         return -1;
     }
-    if (IsLastJobRunning(handshake.mode(), devIndexId)) {
+    // A job id that another session of the device uses is refused in whatever mode: the replies
+    // and the data of the two could not be told apart.
+    if (IsRunning(GetModeJobIdRelation(devIndexId, handshake.mode()), devIndexId) ||
+        IsRunning(handshake.jobid(), devIndexId)) {
         return -1;
     }
     if (!ParamValidation::instance().CheckDeviceIdIsValid(std::to_string(devIdOnHost))) {
@@ -248,7 +253,9 @@ int CollectionEntry::HandleDataSession(const std::shared_ptr<Uploader>& uploader
     if (uploader == nullptr) {
         return -1;
     }
-    if (const int ret = uploader->Init(transport::kUploaderCapacity); ret != 0) {
+    auto& uploaders = UploaderMgr::instance();
+    if (const int ret = uploader->Init(transport::kUploaderCapacity, uploaders.budget());
+        ret != 0) {
         PROF_LOGE("[HandleDataSession]Failed to init uploader thread, initRet=%d", ret);
         return ret;
     }
@@ -259,7 +266,6 @@ int CollectionEntry::HandleDataSession(const std::shared_ptr<Uploader>& uploader
     const int queued = uploader->UploadData(reply.data(), static_cast<int>(reply.size()));
     PROF_LOGI("Reply data handshake, statusInfo=%s, response sent size:%d, resp size:%d",
               status.ToString().c_str(), queued, static_cast<int>(reply.size()));
-    auto& uploaders = UploaderMgr::instance();
     uploaders.DelForsaken([this](const std::string& job) { return HasReceiver(job); });
     uploaders.UpdateDevModeJobMap(static_cast<uint32_t>(devIndexId), handshake.mode(),
                                   handshake.jobid());
@@ -277,14 +283,16 @@ int CollectionEntry::HandleDataSession(const std::shared_ptr<Uploader>& uploader
 // ---- The registry -------------------------------------------------------------------------------
 
 int CollectionEntry::SendMsgByDevId(const std::string& jobId, int devIndexId,
-                                    const message::MessagePtr& message) {
+                                    const message::MessagePtr& message,
+                                    const std::shared_ptr<ITransport>& own) {
     if (message == nullptr) {
         PROF_LOGE("[SendMsgByDevId] message is nullptr.");
         return -1;
     }
     PROF_LOGI("Send devIndexId %u Message...", static_cast<uint32_t>(devIndexId));
     const auto receiver = GetReceiver(jobId, devIndexId);
-    return receiver == nullptr ? -1 : receiver->SendMessage(message);
+    const bool isMeant = receiver != nullptr && (own == nullptr || receiver->GetTransport() == own);
+    return isMeant ? receiver->SendMessage(message) : -1;
 }
 
 bool CollectionEntry::AddReceiver(const std::string& mode, const std::string& jobId, int devIndexId,
@@ -299,19 +307,16 @@ bool CollectionEntry::AddReceiver(const std::string& mode, const std::string& jo
     if (receiver == nullptr) {
         return false;
     }
-    std::shared_ptr<Receiver> replaced = receiver;
-    {
-        const std::lock_guard<std::mutex> lock(receiverMutex_);
-        if (!isInited_) {
-            return false;
-        }
-        receiverMap_[jobId][devIndexId].swap(replaced);
+    const std::lock_guard<std::mutex> lock(receiverMutex_);
+    if (!isInited_) {
+        return false;
+    }
+    // Only one of two handshakes for the same job in two modes can have come as far as this.
+    const bool isIn = receiverMap_[jobId].emplace(devIndexId, receiver).second;
+    if (isIn) {
         AddModeJobIdRelation(devIndexId, mode, jobId);
     }
-    if (replaced != nullptr) {  // the same job in another mode
-        replaced->Uninit();
-    }
-    return true;
+    return isIn;
 }
 
 std::shared_ptr<Receiver> CollectionEntry::GetReceiver(const std::string& jobId, int devIndexId) {
@@ -335,17 +340,7 @@ std::vector<std::shared_ptr<Receiver>> CollectionEntry::TakeForsaken() {
     std::vector<std::shared_ptr<Receiver>> taken;
     const std::lock_guard<std::mutex> lock(receiverMutex_);
     const std::lock_guard<std::mutex> modeLock(modeJobMutex_);
-    size_t kept = 0;
-    size_t nameBytes = 0;
-    for (const auto& [jobId, receivers] : receiverMap_) {
-        kept += receivers.size();
-        nameBytes += jobId.size();
-    }
-    for (const auto& [key, jobId] : modeJobMap_) {
-        nameBytes += key.size() + jobId.size();
-    }
-    const bool isCrowded = kept >= kMaxReceivers || nameBytes >= kMaxNameBytes;
-    if (!isCrowded || !isInited_) {  // the end needs them all
+    if (!isInited_) {  // the end needs them all
         return taken;
     }
     for (auto job = receiverMap_.begin(); job != receiverMap_.end();) {

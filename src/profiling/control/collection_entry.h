@@ -47,12 +47,14 @@ public:
     // ---- The registry -----------------------------------------------------------------------
 
     // Sends on the control session of that job and device. What SendBuffer answered; -1 for a null
-    // message or when there is no such session.
+    // message or when there is no such session. With `own`, only on that very session: one thread
+    // sends on a session, and a host is told nothing by another one's.
     [[nodiscard]] int SendMsgByDevId(const std::string& jobId, int devIndexId,
-                                     const message::MessagePtr& message);
+                                     const message::MessagePtr& message,
+                                     const std::shared_ptr<transport::ITransport>& own = nullptr);
     // Takes the receiver in, in place of the one that served this device and mode before, which is
-    // ended. False, and nothing was taken in, for null and when the agent is ending. One that has
-    // quit stays until the next for its device and mode, or until 256 or 1 MiB of names are kept.
+    // ended. False, and nothing was taken in, for null, when the agent is ending, and while
+    // another receiver of that job and device reads. Those that have quit are let go.
     [[nodiscard]] bool AddReceiver(const std::string& mode, const std::string& jobId,
                                    int devIndexId, const std::shared_ptr<Receiver>& receiver);
     // Null, with a log line, when there is none.
@@ -82,11 +84,12 @@ private:
                           const proto::DataChannelHandshake& handshake, int devIndexId);
     // Out of the registry, and still to be ended; null when there is none.
     std::shared_ptr<Receiver> TakeReceiver(const std::string& jobId, int devIndexId);
-    // Takes out all that have quit, and forgets what they served, once too many are kept.
+    // Takes out all that have quit, and forgets what they served.
     [[nodiscard]] std::vector<std::shared_ptr<Receiver>> TakeForsaken();
     // One that still reads, of any device.
     [[nodiscard]] bool HasReceiver(const std::string& jobId);
-    bool IsLastJobRunning(const std::string& mode, int devIndexId);
+    // Whether a receiver of that job and device reads; a log line when so.
+    bool IsRunning(const std::string& jobId, int devIndexId);
 
     std::atomic<bool> isInited_{false};
 

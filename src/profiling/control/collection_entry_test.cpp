@@ -128,7 +128,7 @@ TEST_F(Handshakes, AThreadThatDoesNotStartLeavesNothing) {
     orla::test::threadsLeft = -1;
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->UploadData("x", 1), -1) << "nobody would ever send it";
-    found->Flush();
+    EXPECT_FALSE(found->Flush());
     found.reset();
     EXPECT_THAT(first->Got(), ElementsAre(Reply(0), Reply(1)));
     EXPECT_THAT(data->Got(), ElementsAre(Reply(1)));

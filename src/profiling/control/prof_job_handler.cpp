@@ -82,6 +82,7 @@ int ProfJobHandler::InitEngine(message::StatusInfo& status) {
         return ret;
     }
     engine_->SetDevIdOnHost(static_cast<uint32_t>(devIdOnHost_));
+    engine_->SetOwner(transport_);
     return 0;
 }
 

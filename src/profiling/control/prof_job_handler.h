@@ -6,10 +6,10 @@
 //             (fails: idle)    |  OnConnectionReset
 //                              `-------------------> engine gone, the task is deleted
 //
-// TaskManager makes and owns it. The receiver of the control session calls it; at the end of the
-// agent the thread that cleans up; and another session whose host names this job's key. Each of
-// the commands holds the mutex throughout, so that none meets a half-done other. They may take as
-// long as a collection stop does.
+// TaskManager makes and owns it. The receiver of its control session calls it, and at the end of
+// the agent the thread that cleans up. Each of the commands holds the mutex throughout, so that
+// none meets a half-done other. They may take as long as a collection stop does; nobody but those
+// two waits for the mutex.
 #pragma once
 
 #include <memory>

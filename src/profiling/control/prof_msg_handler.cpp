@@ -33,7 +33,8 @@ constexpr Command kReplayStop{"StopHandler", "stop failed", "Stop"};
 // A command on its way from its message to its reply.
 class Conversation {
 public:
-    explicit Conversation(const Command& command) : command_(command) {
+    Conversation(const Command& command, const ControlSession& session)
+        : command_(command), session_(session) {
         PROF_LOGI("[%s::OnNewMessage] Entering handler", command.handler);
     }
 
@@ -48,7 +49,7 @@ public:
     }
     // Null, and no reply, when there is no task of the key.
     [[nodiscard]] std::shared_ptr<IJobCallback> FindTask() {
-        auto task = TaskManager::instance().GetTask(key_);
+        auto task = TaskManager::instance().GetTask(key_, session_.transport);
         if (task == nullptr) {
             PROF_LOGE("Get Task Failed");
         }
@@ -66,8 +67,8 @@ public:
         Reply(status, devIndexId);
     }
     void Reply(const StatusInfo& status, int devIndexId) {
-        const int sent = CollectionEntry::instance().SendMsgByDevId(context_.job_id, devIndexId,
-                                                                    CreateResponse(status));
+        const int sent = CollectionEntry::instance().SendMsgByDevId(
+            context_.job_id, devIndexId, CreateResponse(status), session_.transport);
         PROF_LOGI("%s, status=%s, devIndexId=%d, ret=%d", command_.reply, status.ToString().c_str(),
                   devIndexId, sent);
     }
@@ -77,19 +78,21 @@ public:
 
 private:
     const Command& command_;
+    const ControlSession& session_;
     JobContext context_;
     std::string key_;
 };
 
 // The three commands for a task that is there. True when it was, and has been replied.
 template <typename Request, typename Operation>
-bool RunOnTask(const Command& command, const message::MessagePtr& message, Operation operation,
+bool RunOnTask(const Command& command, const ControlSession& session,
+               const message::MessagePtr& message, Operation operation,
                std::string* key = nullptr) {
     const auto request = std::dynamic_pointer_cast<Request>(message);
     if (request == nullptr) {
         return false;
     }
-    Conversation conversation(command);
+    Conversation conversation(command, session);
     if (!conversation.Open(request->hdr())) {
         return false;
     }
@@ -105,6 +108,12 @@ bool RunOnTask(const Command& command, const message::MessagePtr& message, Opera
         *key = conversation.key();
     }
     return true;
+}
+
+// The session's own number means the session's own device, whatever other hosts call by it.
+int DeviceOf(int hostId, const ControlSession& session) {
+    return hostId == session.devIdOnHost ? session.devIndexId
+                                         : TaskRelationshipMgr::instance().GetDevIdByHostId(hostId);
 }
 
 bool IsJobContextValid(const JobContext& context) {
@@ -138,19 +147,21 @@ void JobStartHandler::OnNewMessage(message::MessagePtr message) {
     if (request == nullptr) {
         return;
     }
-    Conversation conversation(kJobStart);
+    Conversation conversation(kJobStart, session_);
     if (!conversation.Open(request->hdr()) || !IsJobContextValid(conversation.context())) {
         return;
     }
     const int hostId = std::stoi(conversation.context().dev_id);
+    const int devId = DeviceOf(hostId, session_);
     StatusInfo status;
-    const auto task = TaskManager::instance().CreateTask(hostId, conversation.key(), transport_);
+    const auto task =
+        TaskManager::instance().CreateTask(hostId, conversation.key(), session_.transport, devId);
     if (task == nullptr) {
         PROF_LOGE("Create Task Failed");
         status.status = 1;
         status.info = "Create task failed.";
         // There is no task to tell the device, but the host waits for this on its session.
-        conversation.Reply(status, TaskRelationshipMgr::instance().GetDevIdByHostId(hostId));
+        conversation.Reply(status, devId);
         return;
     }
     const int devIndexId = task->GetDevId();
@@ -163,7 +174,7 @@ void JobStopHandler::OnNewMessage(message::MessagePtr message) {
     const auto stop = [](IJobCallback& task, const auto&, StatusInfo& status) {
         return task.OnJobEnd(status);
     };
-    if (RunOnTask<proto::JobStopReq>(kJobStop, message, stop, &key) &&
+    if (RunOnTask<proto::JobStopReq>(kJobStop, session_, message, stop, &key) &&
         !TaskManager::instance().DeleteTask(key)) {
         PROF_LOGE("DeleteTask failed.jobId: %s", key.c_str());
     }
@@ -171,16 +182,16 @@ void JobStopHandler::OnNewMessage(message::MessagePtr message) {
 
 void ReplayStartHandler::OnNewMessage(message::MessagePtr message) {
     RunOnTask<proto::ReplayStartReq>(
-        kReplayStart, message, [](IJobCallback& task, const auto& request, StatusInfo& status) {
+        kReplayStart, session_, message,
+        [](IJobCallback& task, const auto& request, StatusInfo& status) {
             return task.Start(request, status);
         });
 }
 
 void ReplayStopHandler::OnNewMessage(message::MessagePtr message) {
-    RunOnTask<proto::ReplayStopReq>(
-        kReplayStop, message, [](IJobCallback& task, const auto& request, StatusInfo& status) {
-            return task.End(request, status);
-        });
+    RunOnTask<proto::ReplayStopReq>(kReplayStop, session_, message,
+                                    [](IJobCallback& task, const auto& request,
+                                       StatusInfo& status) { return task.End(request, status); });
 }
 
 }  // namespace analysis::nedra::device

@@ -1,11 +1,12 @@
 // The four commands of a control session: each finds its task, has it do the command and replies.
-// The reply goes to the receiver that is registered for the job id of the message's context, so a
+// A command reaches the tasks of its own session only, and the reply goes out on that session: a
 // context with another job id than the handshake's gets none.
 //
 // On the thread of the session's receiver.
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "profiling/config/job_records.h"
 #include "profiling/control/dispatcher.h"
@@ -17,29 +18,42 @@ namespace analysis::nedra::device {
 // The reply that tells `status`; null, with a log line, when memory is out.
 [[nodiscard]] std::shared_ptr<proto::Response> CreateResponse(const message::StatusInfo& status);
 
-class JobStartHandler : public message::IMsgHandler {
-public:
-    // New tasks belong to the control session `transport`.
-    explicit JobStartHandler(std::shared_ptr<transport::ITransport> transport)
-        : transport_(std::move(transport)) {}
-    void OnNewMessage(message::MessagePtr message) override;
-
-private:
-    const std::shared_ptr<transport::ITransport> transport_;
+// The control session whose host gives the commands.
+struct ControlSession {
+    std::shared_ptr<transport::ITransport> transport;
+    int devIdOnHost = -1;  // the device of the session, as the host counts
+    int devIndexId = -1;   // the same, as the driver counts
 };
 
-class JobStopHandler : public message::IMsgHandler {
+class SessionHandler : public message::IMsgHandler {
 public:
+    explicit SessionHandler(ControlSession session) : session_(std::move(session)) {}
+
+protected:
+    const ControlSession session_;
+};
+
+class JobStartHandler : public SessionHandler {
+public:
+    using SessionHandler::SessionHandler;
     void OnNewMessage(message::MessagePtr message) override;
 };
 
-class ReplayStartHandler : public message::IMsgHandler {
+class JobStopHandler : public SessionHandler {
 public:
+    using SessionHandler::SessionHandler;
     void OnNewMessage(message::MessagePtr message) override;
 };
 
-class ReplayStopHandler : public message::IMsgHandler {
+class ReplayStartHandler : public SessionHandler {
 public:
+    using SessionHandler::SessionHandler;
+    void OnNewMessage(message::MessagePtr message) override;
+};
+
+class ReplayStopHandler : public SessionHandler {
+public:
+    using SessionHandler::SessionHandler;
     void OnNewMessage(message::MessagePtr message) override;
 };
 

@@ -44,10 +44,11 @@ int Receiver::Init(int devId) {
     if (dispatcher_ == nullptr) {
         return -1;
     }
-    const auto jobStart = MakeShared<JobStartHandler>(GetTransport());
-    const auto jobStop = MakeShared<JobStopHandler>();
-    const auto replayStart = MakeShared<ReplayStartHandler>();
-    const auto replayStop = MakeShared<ReplayStopHandler>();
+    const ControlSession session{GetTransport(), devIdOnHost_, devId};
+    const auto jobStart = MakeShared<JobStartHandler>(session);
+    const auto jobStop = MakeShared<JobStopHandler>(session);
+    const auto replayStart = MakeShared<ReplayStartHandler>(session);
+    const auto replayStop = MakeShared<ReplayStopHandler>(session);
     if (jobStart == nullptr || jobStop == nullptr || replayStart == nullptr ||
         replayStop == nullptr) {
         return -1;
@@ -120,6 +121,8 @@ void Receiver::Run(const common::thread::TraceletErrorContext& context) {
                 [&] { TaskManager::instance().ConnectionReset(transport); });
         SetQuit();
     }
+    // The host's next session may come as soon as this one has ended, so the end is told first.
+    transport->CloseSession();
     PROF_LOGI("Receiver end, devId:%d, devIdOnHost:%d", devId_.load(), devIdOnHost_.load());
 }
 

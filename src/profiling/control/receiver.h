@@ -5,10 +5,11 @@
 //             Init          Start          the host goes, or Uninit
 //    made ----------> inited ------> running --------------------> quit
 //
-// An object that has quit stays registered: that it has is what lets the next host in. Whoever
-// takes one out of the registry calls Uninit, on another thread than the receiver's own and with
-// no lock held, before letting go of it: a last reference may drop on the receiver's own thread
-// otherwise, which cannot wait for itself.
+// The session is closed at the end of the thread. An object that has quit stays registered, which
+// costs its memory only, until the next control handshake. Whoever takes one out of the registry
+// calls Uninit, on another thread than the receiver's own and with no lock held, before letting go
+// of it: a last reference may drop on the receiver's own thread otherwise, which cannot wait for
+// itself.
 #pragma once
 
 #include <atomic>
@@ -33,7 +34,7 @@ public:
     int Uninit();
     // Closes the session and does not wait.
     void CloseSession();
-    // The device as the host counts. Before Start.
+    // The device as the host counts. Before Init.
     void SetDevIdOnHost(int devIdOnHost) { devIdOnHost_ = devIdOnHost; }
 
     // What SendBuffer answered; -1 for a null message and after Uninit. Any thread.

@@ -1,7 +1,7 @@
 #include "profiling/control/task_manager.h"
 
+#include <exception>
 #include <utility>
-#include <vector>
 
 #include "hdc/log_side.h"
 #include "profiling/config/make_shared.h"
@@ -18,17 +18,43 @@ int TaskManager::Init() {
 }
 
 int TaskManager::Uninit() {
-    if (!isInited_) {
-        return 0;
+    std::vector<std::string> ended;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        isInited_ = false;
+        ended = TakeToEnd([](const ProfJobHandler&) { return true; });
     }
-    Tasks ended;  // released after the lock
-    const std::lock_guard<std::mutex> lock(mutex_);
-    for (const auto& [key, task] : tasks_) {
-        static_cast<void>(task->OnConnectionReset());
+    for (const std::string& key : ended) {
+        EndTask(key);
     }
-    ended.swap(tasks_);
-    isInited_ = false;
     return 0;
+}
+
+template <typename IsMeant>
+std::vector<std::string> TaskManager::TakeToEnd(const IsMeant& isMeant) {
+    std::vector<std::string> taken;
+    for (auto& [key, entry] : tasks_) {
+        if (!entry.isEnding && isMeant(*entry.task)) {
+            taken.push_back(key);
+            entry.isEnding = true;
+        }
+    }
+    return taken;
+}
+
+void TaskManager::EndTask(const std::string& key) {
+    std::shared_ptr<ProfJobHandler> task;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        task = tasks_.at(key).task;
+    }
+    try {
+        static_cast<void>(task->OnConnectionReset());
+    } catch (const std::exception& e) {
+        PROF_LOGE("The end of task %s is cut short, message: %s", key.c_str(), e.what());
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    tasks_.erase(key);
 }
 
 bool TaskManager::IsInited() const {
@@ -39,7 +65,8 @@ bool TaskManager::IsInited() const {
 }
 
 std::shared_ptr<IJobCallback> TaskManager::CreateTask(
-    int hostId, const std::string& key, const std::shared_ptr<transport::ITransport>& transport) {
+    int hostId, const std::string& key, const std::shared_ptr<transport::ITransport>& transport,
+    std::optional<int> devId) {
     if (transport == nullptr) {
         PROF_LOGE("CreateTask failed, transport is nullptr");
         return nullptr;
@@ -53,11 +80,12 @@ std::shared_ptr<IJobCallback> TaskManager::CreateTask(
         return nullptr;
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    return EnterTask(hostId, key, transport);
+    return EnterTask(hostId, key, transport, devId);
 }
 
 std::shared_ptr<IJobCallback> TaskManager::EnterTask(
-    int hostId, const std::string& key, const std::shared_ptr<transport::ITransport>& transport) {
+    int hostId, const std::string& key, const std::shared_ptr<transport::ITransport>& transport,
+    std::optional<int> devId) {
     // Both may have changed since they were looked at without the mutex.
     if (!IsInited()) {
         return nullptr;
@@ -70,23 +98,28 @@ std::shared_ptr<IJobCallback> TaskManager::EnterTask(
     if (task == nullptr) {
         return nullptr;
     }
-    const int devId = TaskRelationshipMgr::instance().GetDevIdByHostId(hostId);
-    if (task->Init(devId, key, transport) != 0) {
+    const int device = devId ? *devId : TaskRelationshipMgr::instance().GetDevIdByHostId(hostId);
+    if (task->Init(device, key, transport) != 0) {
         return nullptr;
     }
     task->SetDevIdOnHost(hostId);
-    tasks_[key] = task;
+    tasks_[key] = {task, false};
     return task;
 }
 
-std::shared_ptr<IJobCallback> TaskManager::GetTask(const std::string& key) {
+std::shared_ptr<IJobCallback> TaskManager::GetTask(
+    const std::string& key, const std::shared_ptr<transport::ITransport>& owner) {
     if (!IsInited()) {
         return nullptr;
     }
     PROF_LOGI("GetTask, JobId(%s)", key.c_str());
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto task = tasks_.find(key);
-    return task == tasks_.end() ? nullptr : task->second;
+    const auto found = tasks_.find(key);
+    if (found == tasks_.end() || found->second.isEnding) {
+        return nullptr;
+    }
+    const auto& task = found->second.task;
+    return owner == nullptr || task->GetTransport() == owner ? task : nullptr;
 }
 
 bool TaskManager::DeleteTask(const std::string& key) {
@@ -96,8 +129,12 @@ bool TaskManager::DeleteTask(const std::string& key) {
     PROF_LOGI("DeleteTask, JobId(%s)", key.c_str());
     Tasks::node_type deleted;  // released after the lock: it may have an engine to stop
     const std::lock_guard<std::mutex> lock(mutex_);
-    deleted = tasks_.extract(key);
-    return !deleted.empty();
+    const auto found = tasks_.find(key);
+    if (found == tasks_.end() || found->second.isEnding) {
+        return false;
+    }
+    deleted = tasks_.extract(found);
+    return true;
 }
 
 void TaskManager::ConnectionReset(const std::shared_ptr<transport::ITransport>& transport) {
@@ -105,14 +142,14 @@ void TaskManager::ConnectionReset(const std::shared_ptr<transport::ITransport>& 
         PROF_LOGE("ConnectionReset failed, transport is null");
         return;
     }
-    std::vector<Tasks::node_type> ended;  // released after the lock
-    const std::lock_guard<std::mutex> lock(mutex_);
-    for (auto next = tasks_.begin(); next != tasks_.end();) {
-        const auto task = next++;
-        if (task->second->GetTransport() == transport) {
-            static_cast<void>(task->second->OnConnectionReset());
-            ended.push_back(tasks_.extract(task));
-        }
+    std::vector<std::string> ended;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ended =
+            TakeToEnd([&](const ProfJobHandler& task) { return task.GetTransport() == transport; });
+    }
+    for (const std::string& key : ended) {
+        EndTask(key);
     }
 }
 

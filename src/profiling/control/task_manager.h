@@ -1,17 +1,19 @@
 // The table of the profiling jobs that hosts have started, by task key: the job id, "_" and the
 // host's number of the device.
 //
-// Receivers and the request threads call it, each on its own thread. The mutex is held for the
-// map operation only, with two exceptions: ConnectionReset and Uninit hold it while they end the
-// jobs, and all other tasks wait for that long. What bounds it is that the data road gives up on
-// a host that does not read. The mutexes of TaskRelationshipMgr and of the tasks come below it.
+// Receivers and the request threads call it, each on its own thread. The mutex is held for the map
+// operation only. A job that ends because its host has gone, or because the agent ends, is ended
+// outside it: its key stays taken until the end is complete, and nobody finds the task meanwhile.
+// TaskRelationshipMgr's mutex comes below this one.
 #pragma once
 
 #include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "profiling/config/singleton.h"
 #include "profiling/control/i_job_callback.h"
@@ -28,29 +30,41 @@ public:
     int Uninit();
 
     // Makes an idle task for the device that the host calls `hostId`, of the control session
-    // `transport`. Null, with a log line, when the key is taken: of two creations of one key at
-    // the same time the second gets null, and never the first one's task.
+    // `transport`. `devId`: that device as the driver counts, when the caller knows; else what
+    // TaskRelationshipMgr says. Null, with a log line, when the key is taken: of two creations of
+    // one key at the same time the second gets null, and never the first one's task.
     [[nodiscard]] std::shared_ptr<IJobCallback> CreateTask(
-        int hostId, const std::string& key,
-        const std::shared_ptr<transport::ITransport>& transport);
-    // Null when there is none.
-    [[nodiscard]] std::shared_ptr<IJobCallback> GetTask(const std::string& key);
+        int hostId, const std::string& key, const std::shared_ptr<transport::ITransport>& transport,
+        std::optional<int> devId = std::nullopt);
+    // Null when there is none. With `owner`, null also when the task is another session's: a host
+    // reaches no other host's job, whatever it names.
+    [[nodiscard]] std::shared_ptr<IJobCallback> GetTask(
+        const std::string& key, const std::shared_ptr<transport::ITransport>& owner = nullptr);
     // Whether there was one. A task that is still in use elsewhere lives on there.
     [[nodiscard]] bool DeleteTask(const std::string& key);
-    // Ends and forgets the tasks of this very control session.
+    // Ends and forgets the tasks of this very control session, one after the other.
     void ConnectionReset(const std::shared_ptr<transport::ITransport>& transport);
 
 private:
     friend common::singleton::Singleton<TaskManager>;
     TaskManager() = default;
 
-    using Tasks = std::map<std::string, std::shared_ptr<ProfJobHandler>>;
+    struct Entry {
+        std::shared_ptr<ProfJobHandler> task;
+        bool isEnding = false;  // and found by nobody
+    };
+    using Tasks = std::map<std::string, Entry>;
 
     [[nodiscard]] bool IsInited() const;  // logs when not
     // CreateTask's second half; needs the mutex.
     [[nodiscard]] std::shared_ptr<IJobCallback> EnterTask(
-        int hostId, const std::string& key,
-        const std::shared_ptr<transport::ITransport>& transport);
+        int hostId, const std::string& key, const std::shared_ptr<transport::ITransport>& transport,
+        std::optional<int> devId);
+    // Needs the mutex. Marks the tasks that `isMeant` names as ending, and returns their keys.
+    template <typename IsMeant>
+    [[nodiscard]] std::vector<std::string> TakeToEnd(const IsMeant& isMeant);
+    // Ends a task that was taken, and forgets it.
+    void EndTask(const std::string& key);
 
     std::mutex mutex_;
     std::atomic<bool> isInited_{false};  // written under mutex_

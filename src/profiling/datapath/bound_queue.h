@@ -8,6 +8,7 @@
 // is locked under it but what the log needs.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -50,15 +51,28 @@ public:
     // Appends `data`, waiting while the queue is full. False when the queue has quit: `data` is
     // dropped then, and the caller says so.
     [[nodiscard]] bool Push(T data) {
+        return Push(std::move(data), std::chrono::hours(1), [] {});
+    }
+
+    // The same, and calls `whileFull` after each `period` of waiting, on this thread and without
+    // the lock: it may look after whoever should empty the queue, and may make the queue quit.
+    template <typename WhileFull>
+    [[nodiscard]] bool Push(T data, std::chrono::milliseconds period, const WhileFull& whileFull) {
         std::unique_lock<std::mutex> lock(mutex_);
         CountPush();
-        if (IsFull() && capacity_ != 0) {
+        bool isIn = TryEnter(data);
+        if (!isIn && capacity_ != 0) {
             PROF_LOGW(
                 "QueueFull,QueueName: %s, QueueCapacity:%llu, QueueSize:%llu, Percent:%-7.4f%%",
                 queueName_.c_str(), Number(capacity_), Number(queue_.size()), Percent());
         }
-        notFull_.wait(lock, [this] { return !IsFull() || quit_; });
+        while (!isIn && !quit_ && !(isIn = TryEnter(data))) {
+            AwaitPop(lock, period, whileFull);
+        }
         if (quit_) {
+            if (isIn) {
+                Leave(data);
+            }
             return false;
         }
         queue_.push_back(std::move(data));
@@ -96,6 +110,13 @@ public:
         return queue_.size();
     }
 
+protected:
+    // For a queue that is bounded in more than its number of elements. Both are called with the
+    // lock held. Admit tells whether there is room for `data`, and accounts for it if so; Leave
+    // takes that back, when the element is popped or was not queued after all.
+    [[nodiscard]] virtual bool Admit(const T& /*data*/) { return true; }
+    virtual void Leave(const T& /*data*/) {}
+
 private:
     using QueueBase<T>::capacity_;
     using QueueBase<T>::queue_;
@@ -112,13 +133,28 @@ private:
         return static_cast<double>(queue_.size()) / static_cast<double>(capacity_) * 100;
     }
 
-    bool IsFull() const {
-        if (queue_.size() != capacity_) {
+    bool TryEnter(const T& data) {
+        if (queue_.size() == capacity_) {
+            PROF_LOGW("IsFULL, QueueName: %s, QueueCapacity:%llu, QueueSize:%llu",
+                      queueName_.c_str(), Number(capacity_), Number(capacity_));
             return false;
         }
-        PROF_LOGW("IsFULL, QueueName: %s, QueueCapacity:%llu, QueueSize:%llu", queueName_.c_str(),
-                  Number(capacity_), Number(capacity_));
-        return true;
+        return Admit(data);
+    }
+
+    // Returns when an element was popped, when the queue has quit, or after a `period` in which
+    // only `Admit` may have changed its mind.
+    template <typename WhileFull>
+    void AwaitPop(std::unique_lock<std::mutex>& lock, std::chrono::milliseconds period,
+                  const WhileFull& whileFull) {
+        while (notFull_.wait_for(lock, period) == std::cv_status::timeout && !quit_) {
+            lock.unlock();
+            whileFull();
+            lock.lock();
+            if (queue_.size() != capacity_) {
+                return;
+            }
+        }
     }
 
     void CountPush() {
@@ -143,6 +179,7 @@ private:
         }
         out = std::move(queue_.front());
         queue_.pop_front();
+        Leave(out);
         notFull_.notify_all();
         return true;
     }

@@ -136,6 +136,9 @@ int ChannelReader::Execute() {
     } catch (const std::exception& e) {
         PROF_LOGE("read device %d, channel:%d, message: %s", deviceId_, channelId_, e.what());
     }
+    if (flushAsked_.exchange(false)) {
+        Flush();
+    }
     // Also after an exception, or the channel would never be dispatched again.
     SetSchedulingStatus(false);
     return 0;
@@ -241,6 +244,11 @@ void ChannelReader::Flush() {
     UploadData();
 }
 
+bool ChannelReader::AskFlush() {
+    flushAsked_ = true;
+    return IsReported();
+}
+
 void ChannelReader::AccountFlush(int ret) {
     if (!HasSideBuffer(channelId_) || !flushPending_) {
         return;
@@ -336,22 +344,29 @@ void ChannelPoll::AddReader(uint32_t devId, uint32_t channel,
 }
 
 void ChannelPoll::RemoveReader(uint32_t devId, uint32_t channel) {
-    const std::lock_guard<std::mutex> lock(readersMtx_);
-    PROF_LOGI("RemoveReader, devId:%u, channel:%u", devId, channel);
-    const auto device = readers_.find(devId);
-    if (device == readers_.end()) {
-        return;
-    }
-    PROF_LOGI("RemoveReader, fid dev, devId:%u", devId);
-    const auto found = device->second.find(channel);
-    if (found != device->second.end()) {
+    std::shared_ptr<ChannelReader> removed;
+    {
+        const std::lock_guard<std::mutex> lock(readersMtx_);
         PROF_LOGI("RemoveReader, devId:%u, channel:%u", devId, channel);
-        found->second->SetQuit();
-        found->second->Uninit();
-        device->second.erase(found);
+        const auto device = readers_.find(devId);
+        if (device == readers_.end()) {
+            return;
+        }
+        PROF_LOGI("RemoveReader, fid dev, devId:%u", devId);
+        const auto found = device->second.find(channel);
+        if (found != device->second.end()) {
+            PROF_LOGI("RemoveReader, devId:%u, channel:%u", devId, channel);
+            removed = std::move(found->second);
+            device->second.erase(found);
+        }
+        if (device->second.empty()) {
+            readers_.erase(device);
+        }
     }
-    if (device->second.empty()) {
-        readers_.erase(device);
+    // Outside the lock: the upload of the rest may have to wait for the host.
+    if (removed != nullptr) {
+        removed->SetQuit();
+        removed->Uninit();
     }
 }
 
@@ -449,6 +464,10 @@ void ChannelPoll::DispatchChannel(uint32_t devId, uint32_t channel) {
         PROF_LOGW("Failed to find devId:%u, channel:%u", devId, channel);
         return;
     }
+    Dispatch(reader);
+}
+
+void ChannelPoll::Dispatch(const std::shared_ptr<ChannelReader>& reader) {
     if (reader->GetSchedulingStatus()) {
         return;
     }
@@ -477,7 +496,9 @@ std::vector<std::shared_ptr<ChannelReader>> ChannelPoll::Snapshot() {
 
 void ChannelPoll::FlushAllChannel() {
     for (const auto& reader : Snapshot()) {
-        reader->Flush();
+        if (reader->AskFlush()) {
+            Dispatch(reader);
+        }
     }
 }
 

@@ -3,11 +3,12 @@
 // buffer when it is filling up.
 //
 //     ChannelPoll ("TLET_ChanPoll") --Dispatch--> worker ("TLET_ChanPool_" n): ChannelReader
-//          | every 10 s: Flush of all                 DrvChannelRead -> buffer -> UploaderMgr
+//          | every 10 s: AskFlush of all              DrvChannelRead -> buffer -> UploaderMgr
 //
 // A reader always runs on the same worker. The only back-pressure is the uploader's full queue:
-// it holds the worker up, and with the next periodic flush the poll thread; the driver buffers
-// meanwhile. Locks in order: readersMtx_, then a reader's mtx_, then its flushMtx_.
+// it holds the worker up, and the driver buffers meanwhile. The poll thread never waits for a host:
+// the workers do the periodic flush, too. readersMtx_ is held for a look-up only; of the others, a
+// reader's mtx_ comes before its flushMtx_.
 #pragma once
 
 #include <atomic>
@@ -54,6 +55,9 @@ public:
     // Uploads what the buffer holds. What cannot be uploaded is lost, with a log line that says
     // how much.
     void Flush();
+    // Asks the next Execute to flush at its end. False for a channel that is kept from the host: it
+    // must not be executed.
+    [[nodiscard]] bool AskFlush();
     // Empties the driver's side buffer of the channels that have one, through the workers that
     // read the channel, and uploads it. Waits for that at most 2 s; ended by SetQuit, Uninit and a
     // failed read as well.
@@ -86,6 +90,7 @@ private:
     const int64_t hashId_;
     std::atomic<bool> quit_{false};
     std::atomic<bool> inited_{false};
+    std::atomic<bool> flushAsked_{false};
     std::atomic<uint32_t> schedulingCount_{0};
 
     std::mutex mtx_;
@@ -124,6 +129,7 @@ public:
     // Ends both. Always 0.
     [[nodiscard]] int Stop() override;
 
+    // Has the workers flush all readers. On the poll's thread, or while the poll runs.
     void FlushAllChannel();
     void FlushDrvBuff();
 
@@ -136,6 +142,7 @@ private:
     std::vector<std::shared_ptr<ChannelReader>> Snapshot();
     bool PollOnce(uint64_t* lastFlushTime);
     void DispatchChannel(uint32_t devId, uint32_t channel);
+    void Dispatch(const std::shared_ptr<ChannelReader>& reader);
 
     std::shared_ptr<common::thread::ThreadPool> threadPool_;  // of Start and Stop, and the thread
     std::atomic<bool> isStarted_{false};

@@ -11,6 +11,7 @@
 // same time.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -53,6 +54,11 @@ public:
     // Whether the peer has closed the session. For a session on which nothing is to be received:
     // what has come all the same is dropped. Doesn't wait.
     [[nodiscard]] virtual bool IsPeerGone() { return false; }
+
+    // When a segment last went to the driver; the clock's zero when none has. Any thread.
+    [[nodiscard]] virtual std::chrono::steady_clock::time_point LastSegment() const { return {}; }
+    // False once a send has failed in a way after which the session is of use for closing only.
+    [[nodiscard]] virtual bool IsUsable() const { return true; }
 
     // SendBuffer for a message that need not survive it: the kFrontRoom bytes in front of
     // `message` and the kTailRoom bytes behind its end are the caller's own, and they and the

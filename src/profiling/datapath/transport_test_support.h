@@ -15,7 +15,8 @@
 namespace orla::test {
 
 // A host on a data session that takes `pace` for each message, or nothing while it does not read.
-// One that has been cut off takes no more. Of the message "short" it takes a byte less.
+// One that has been cut off takes no more. Of the message "short" it takes a byte less, and "cut"
+// leaves a session that is of no use. Each Segment() is a part of a message that it has taken.
 class PacedHost : public analysis::nedra::transport::ITransport {
 public:
     explicit PacedHost(std::chrono::milliseconds pace = {}) : pace_(pace) {}
@@ -29,6 +30,10 @@ public:
             return -1;
         }
         got_.emplace_back(static_cast<const char*>(buffer), static_cast<size_t>(length));
+        usable_ = got_.back() != "cut";
+        if (!usable_) {
+            return -1;
+        }
         return got_.back() == "short" ? length - 1 : length;
     }
     int CloseSession() override {
@@ -41,7 +46,23 @@ public:
     int SendVeltBuffer(void*, int) override { return -1; }
     int RecvPacket(IdeRequest**) override { return -1; }
     void DestroyPacket(IdeRequest*) override {}
+    bool IsUsable() const override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return usable_;
+    }
+    std::chrono::steady_clock::time_point LastSegment() const override {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return lastSegment_;
+    }
 
+    void Segment() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        lastSegment_ = std::chrono::steady_clock::now();
+    }
+    bool Closed() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return closed_;
+    }
     void Read(bool on, std::chrono::milliseconds pace = {}) {
         const std::lock_guard<std::mutex> lock(mutex_);
         reads_ = on;
@@ -60,12 +81,14 @@ public:
     }
 
 private:
-    std::mutex mutex_;
+    mutable std::mutex mutex_;
     std::condition_variable changed_;
     // Guarded by mutex_.
     std::chrono::milliseconds pace_;
     bool reads_ = true;
     bool closed_ = false;
+    bool usable_ = true;
+    std::chrono::steady_clock::time_point lastSegment_;
     int begun_ = 0;
     std::vector<std::string> got_;
 };

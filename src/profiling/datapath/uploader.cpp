@@ -1,5 +1,6 @@
 #include "profiling/datapath/uploader.h"
 
+#include <algorithm>
 #include <climits>
 #include <exception>
 #include <utility>
@@ -15,7 +16,8 @@ using common::thread::TraceletErrorContext;
 namespace {
 
 constexpr char kQueueName[] = "UploaderQueue";
-constexpr std::chrono::milliseconds kFlushPause{100};
+// How often those who wait look after the host.
+constexpr std::chrono::milliseconds kCheckPeriod{100};
 constexpr size_t kMaxMessage = INT_MAX - kFrontRoom - kTailRoom;
 
 // Of a message with both rooms around it.
@@ -26,9 +28,7 @@ size_t MessageLength(const std::string& message) {
 }  // namespace
 
 Uploader::Uploader(std::shared_ptr<ITransport> transport, std::chrono::milliseconds stallLimit)
-    : stallLimit_(stallLimit),
-      transport_(std::move(transport)),
-      watch_(stallLimit, [this](size_t bytes) { GiveUp(bytes); }) {}
+    : stallLimit_(stallLimit), transport_(std::move(transport)) {}
 
 Uploader::~Uploader() {
     Uploader::Uninit();
@@ -36,9 +36,12 @@ Uploader::~Uploader() {
     static_cast<void>(Thread::Stop());
 }
 
-int Uploader::Init(uint64_t queueCapacity) {
+int Uploader::Init(uint64_t queueCapacity, std::shared_ptr<QueueBudget> budget) {
     try {
-        queue_ = std::make_shared<Queue>(queueCapacity);
+        if (budget == nullptr) {
+            budget = std::make_shared<QueueBudget>(QueueBudget::LimitOfProcess());
+        }
+        queue_ = std::make_shared<UploadQueue>(queueCapacity, std::move(budget));
     } catch (const std::exception& e) {
         PROF_LOGE("make shared failed, message: %s", e.what());
         return -1;
@@ -46,6 +49,18 @@ int Uploader::Init(uint64_t queueCapacity) {
     queue_->SetQueueName(kQueueName);
     inited_ = true;
     return 0;
+}
+
+int Uploader::Start() {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        running_ = true;
+    }
+    const int ret = Thread::Start();
+    if (ret != 0) {
+        End();
+    }
+    return ret;
 }
 
 // ---- Producers ---------------------------------------------------------------------------------
@@ -66,7 +81,11 @@ int Uploader::UploadData(const void* data, int len) {
     if (!Accepts(data)) {
         return -1;
     }
-    const MessageBuffer message = len < 0 ? nullptr : TakeMessageBuffer(static_cast<size_t>(len));
+    if (len < 0) {
+        PROF_LOGE("[Uploader::UploadData]data of %d bytes is no message.", len);
+        return -1;
+    }
+    const MessageBuffer message = TakeMessageBuffer(static_cast<size_t>(len));
     if (message == nullptr) {
         return -1;
     }
@@ -82,28 +101,29 @@ int Uploader::UploadData(MessageBuffer message) {
         PROF_LOGE("[Uploader::UploadData]data of %zu bytes is no message.", message->size());
         return -1;
     }
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        ++unsent_;
+    }
     try {
         message->append(kTailRoom, '\0');
-        if (queue_->Push(std::move(message))) {
+        if (queue_->Push(std::move(message), kCheckPeriod, [this] { CheckHost(); })) {
             return 0;
         }
         PROF_LOGE("[Uploader::UploadData]Push data failed.");
     } catch (const std::exception& e) {
         PROF_LOGE("make shared failed, message: %s", e.what());
     }
+    Settle();  // the producer knows what it has lost
     return -1;
 }
 
-void Uploader::Flush() {
-    if (queue_ == nullptr) {
-        return;
+bool Uploader::Flush() {
+    if (queue_ != nullptr) {
+        WaitForHost([this] { return unsent_ == 0 || !running_; });
     }
-    std::unique_lock<std::mutex> lock(mutex_);
-    // The thread tells when it finds nothing more to send. The last message counts as flushed
-    // when it is taken from the queue, hence the look in between.
-    while (queue_->Size() != 0 && !ended_) {
-        drained_.wait_for(lock, kFlushPause);
-    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return unsent_ == 0 && lostMessages_ == 0 && !gaveUp_;
 }
 
 std::shared_ptr<ITransport> Uploader::GetTransport() const {
@@ -121,6 +141,7 @@ void Uploader::Run(const TraceletErrorContext& context) {
     TraceletErrorManager::instance().SetErrorContext(context);
     if (!inited_) {
         PROF_LOGE("Uploader was not inited.");
+        End();
         return;
     }
     try {
@@ -129,10 +150,11 @@ void Uploader::Run(const TraceletErrorContext& context) {
         // Nobody sends what is queued from here on: producers must not wait for room, nor a flush
         // for an empty queue.
         PROF_LOGE("The uploader ends by an exception, message: %s", e.what());
-        queue_->Quit();
+        GiveUp("An exception ends the uploader");
     }
     PROF_LOGI("queue size remaining: %d, force_quit:%d", static_cast<int>(queue_->Size()),
               static_cast<int>(forceQuit_));
+    DropQueued();
     End();
 }
 
@@ -147,7 +169,6 @@ void Uploader::SendQueued() {
             if (isLastLook) {
                 return;
             }
-            drained_.notify_all();
             queue_->Pop(message);
         }
         if (message != nullptr) {
@@ -158,56 +179,137 @@ void Uploader::SendQueued() {
 
 void Uploader::Send(ITransport* transport, std::string& message) {
     const auto length = static_cast<int>(MessageLength(message));
-    watch_.Begin(static_cast<size_t>(length));
     const int sent =
         transport == nullptr ? -1 : transport->SendInPlace(message.data() + kFrontRoom, length);
-    watch_.End();
-    if (sent != length) {
+    if (sent == length) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        lastSent_ = Clock::now();
+    } else {
         PROF_LOGE("Failed to upload data, data_len=%d, sent len=%d", length, sent);
+        Lose(message);
+        if (transport == nullptr || !transport->IsUsable()) {
+            GiveUp("A send has failed");
+        }
     }
+    Settle();
+}
+
+void Uploader::Settle() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (--unsent_ == 0) {
+        changed_.notify_all();
+    }
+}
+
+void Uploader::Lose(const std::string& message) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++lostMessages_;
+    lostBytes_ += MessageLength(message);
+}
+
+void Uploader::DropQueued() {
+    if (gaveUp_ || forceQuit_) {
+        for (MessageBuffer message; queue_->TryPop(message); message.reset()) {
+            Lose(*message);
+            Settle();
+        }
+    }
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (lostMessages_ != 0) {
+        PROF_LOGE("%s, uploader ends, messages lost:%llu, bytes:%llu", reason_.c_str(),
+                  static_cast<unsigned long long>(lostMessages_),
+                  static_cast<unsigned long long>(lostBytes_));
+    }
+}
+
+void Uploader::End() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    running_ = false;
+    changed_.notify_all();
 }
 
 // ---- The end -----------------------------------------------------------------------------------
 
 void Uploader::BoundStall(bool on) {
-    watch_.Bound(on);
-}
-
-void Uploader::GiveUp(size_t bytes) {
-    gaveUp_ = true;
-    queue_->Quit();
-    unsigned long long lostMessages = 1;
-    unsigned long long lostBytes = bytes;
-    for (MessageBuffer message; queue_->TryPop(message); message.reset()) {
-        ++lostMessages;
-        lostBytes += MessageLength(*message);
-    }
-    PROF_LOGE("Host took no message for %lld ms, uploader gives up, messages lost:%llu, bytes:%llu",
-              static_cast<long long>(stallLimit_.count()), lostMessages, lostBytes);
-    if (const auto transport = GetTransport(); transport != nullptr) {
-        transport->CloseSession();
-    }
-    End();
-}
-
-void Uploader::End() {
     const std::lock_guard<std::mutex> lock(mutex_);
-    ended_ = true;
-    drained_.notify_all();
+    if (on && !bounded_) {
+        boundedSince_ = Clock::now();
+    }
+    bounded_ = on || stopped_ || latest_ != Clock::time_point::max();
+}
+
+void Uploader::BoundUntil(Clock::time_point latest) {
+    BoundStall(true);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    latest_ = std::min(latest_, latest);
+}
+
+Uploader::Clock::time_point Uploader::Due() const {
+    if (!bounded_ || !running_) {
+        return latest_;
+    }
+    const Clock::time_point segment =
+        transport_ == nullptr ? Clock::time_point() : transport_->LastSegment();
+    return std::min(latest_, std::max({boundedSince_, lastSent_, segment}) + stallLimit_);
+}
+
+void Uploader::CheckHost() {
+    std::string reason;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        const Clock::time_point now = Clock::now();
+        if (now < Due()) {
+            return;
+        }
+        reason = now >= latest_
+                     ? "The agent ends"
+                     : "Host took no segment for " + std::to_string(stallLimit_.count()) + " ms";
+    }
+    GiveUp(reason);
+}
+
+void Uploader::GiveUp(const std::string& reason) {
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (!inited_ || gaveUp_) {
+            return;
+        }
+        gaveUp_ = true;
+        reason_ = reason;
+    }
+    queue_->Quit();
+    if (const auto transport = GetTransport(); transport != nullptr) {
+        transport->CloseSession();  // the send at hand fails
+    }
+}
+
+template <typename Condition>
+void Uploader::WaitForHost(const Condition& condition) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!changed_.wait_for(lock, kCheckPeriod, condition)) {
+        lock.unlock();
+        CheckHost();
+        lock.lock();
+    }
 }
 
 int Uploader::Stop(bool forceQuit) {
     if (!inited_ || stopped_.exchange(true)) {
         return 0;
     }
-    forceQuit_ = forceQuit;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        forceQuit_ = forceQuit;
+        reason_ = reason_.empty() ? "A forced stop" : reason_;
+    }
     PROF_LOGI("Stopping uploader, force_quit:%d.", static_cast<int>(forceQuit));
     BoundStall(true);
     queue_->Quit();
+    SetQuit();
+    WaitForHost([this] { return !running_; });
     if (Thread::Stop() != 0) {
         PROF_LOGE("Failed to stop uploader");
     }
-    End();
     return 0;
 }
 
@@ -216,7 +318,6 @@ int Uploader::Uninit() {
         return 0;
     }
     Stop(true);
-    BoundStall(false);
     std::shared_ptr<ITransport> released;
     {
         const std::lock_guard<std::mutex> lock(mutex_);

@@ -1,16 +1,26 @@
 // The way out for all that one job sends to its host: a thread that alone uses the job's data
 // session, and a bounded queue of encoded messages in front of it.
 //
-//             Init          Start            Stop, BoundStall's limit        joined
-//     created ----> inited ------> running ----------------------------> ending ---> stopped
+//             Init          Start            Stop                  joined
+//     created ----> inited ------> running ----------> ending ---> stopped
+//                                     `--- given up ----^
 //
 // Any number of threads upload at the same time. A full queue holds them up for as long as the
-// host does not read: that is the back-pressure of the data road. From BoundStall(true) on the
-// patience has a limit. Messages go out in the order of their upload, each once; a message whose
-// send fails is lost with a log line, and the next one is tried.
+// host does not read; that is the back-pressure of the data path. Messages go out in the order of
+// their upload, each once.
+//
+// Patience with the host. While the job ends (BoundStall), its host is given up when not one
+// segment has gone to the driver for the stall limit. Only those who wait for the host look at the
+// limit: a producer at a full queue, Flush, Stop. So nothing is given up while nobody waits, and
+// no thread is needed to watch.
+//
+// Giving up happens once, for any of four reasons: the limit, a failed send after which the
+// session is of no use, a data session that takes this one's place, the end of the agent. The
+// session is closed, producers come back with -1, and the thread counts what is lost in an error
+// line and ends.
 //
 // Whoever lets the last reference go waits in the destructor for the message that is being sent,
-// but for no longer than a stall may take. Never under a lock that a producer may want.
+// but for no longer than the stall limit. Never under a lock that a producer may want.
 #pragma once
 
 #include <atomic>
@@ -21,27 +31,30 @@
 #include <mutex>
 #include <string>
 
-#include "profiling/datapath/bound_queue.h"
 #include "profiling/datapath/message_buffer.h"
-#include "profiling/datapath/stall_watch.h"
 #include "profiling/datapath/thread.h"
 #include "profiling/datapath/transport.h"
+#include "profiling/datapath/upload_queue.h"
 
 namespace analysis::nedra::transport {
 
 // Messages that the queue of a data session holds.
 constexpr uint64_t kUploaderCapacity = 512;
-// How long a host may leave one message unread once its job is being stopped.
+// How long a host may take nothing while its job ends.
 constexpr std::chrono::milliseconds kStallLimit{30000};
 
 class Uploader : public common::thread::Thread {
 public:
+    using Clock = std::chrono::steady_clock;
+
     explicit Uploader(std::shared_ptr<ITransport> transport,
                       std::chrono::milliseconds stallLimit = kStallLimit);
     ~Uploader() override;
 
-    // Makes the queue, for `queueCapacity` messages. 0 or -1. Before Start, on the owner's thread.
-    [[nodiscard]] int Init(uint64_t queueCapacity);
+    // Makes the queue, for `queueCapacity` messages and a share of `budget`; with a null budget
+    // the queue has one of its own of the size that all queues of this process may have. 0 or -1.
+    // Before Start, on the owner's thread.
+    [[nodiscard]] int Init(uint64_t queueCapacity, std::shared_ptr<QueueBudget> budget = nullptr);
 
     // Queues one encoded message of `len` bytes, waiting while the queue is full. 0, or -1 with a
     // log line when the message is lost: not inited, no data, no memory, stopped or given up.
@@ -52,17 +65,23 @@ public:
     // reference that it uses.
     [[nodiscard]] int UploadData(MessageBuffer message);
 
-    // Returns when the last message has been taken from the queue, which may still be on its way,
-    // or when nothing will take any more: given up, or ended.
-    void Flush();
+    // Returns when the driver has taken all that was queued, or when nothing will take any more:
+    // given up, or ended. True when every message ever queued went to the driver.
+    [[nodiscard]] bool Flush();
 
-    // From `on` the host may hold up one message for the stall limit. After that the uploader
-    // gives up: producers come back with -1, what was queued is dropped and counted in an error
-    // line, the session is closed, the thread ends. With `off` a host may take its time again;
-    // what was given up stays so. Any thread; the same call twice is one.
+    // Whether the job ends, see above. With `on` the stall limit runs from this call at the
+    // earliest; with `off` a host may take its time again. What was given up stays so. Any thread.
     void BoundStall(bool on);
+    // The agent ends: the host is given up at `latest` even if it reads, and stalls are bounded
+    // from this call on for good.
+    void BoundUntil(Clock::time_point latest);
+    // Gives the host up at once; `reason` begins the log line. Any thread.
+    void GiveUp(const std::string& reason);
 
-    using Thread::Stop;
+    // Starts the thread, as Thread::Start.
+    [[nodiscard]] int Start() override;
+    // Stop(false).
+    [[nodiscard]] int Stop() override { return Stop(false); }
     // Ends the thread: with `forceQuit` after the message at hand, else when all that is queued
     // is out. Stalls are bounded from here on. Works once. Always 0.
     int Stop(bool forceQuit);
@@ -78,31 +97,47 @@ protected:
     void Run(const common::thread::TraceletErrorContext& context) override;
 
 private:
-    using Queue = common::queue::BoundQueue<MessageBuffer>;
-
     // Whether there is a queue, and `data` for it; a log line when not.
     bool Accepts(const void* data) const;
     void SendQueued();
     void Send(ITransport* transport, std::string& message);
-    // On the thread of the watch, when the send of `bytes` hangs.
-    void GiveUp(size_t bytes);
+    // One message fewer that waits for its end.
+    void Settle();
+    // Counts a message that was accepted and does not reach the driver.
+    void Lose(const std::string& message);
+    // Counts what nobody will send any more, and reports all that was lost.
+    void DropQueued();
     // Nothing will be taken from the queue any more.
     void End();
 
+    // For those who wait for the host: gives it up when its time is over.
+    void CheckHost();
+    // When that is; needs mutex_.
+    [[nodiscard]] Clock::time_point Due() const;
+    // Waits until `condition` holds, which is looked at under mutex_.
+    template <typename Condition>
+    void WaitForHost(const Condition& condition);
+
     const std::chrono::milliseconds stallLimit_;
-    std::shared_ptr<Queue> queue_;  // set by Init, unchanged from then on
+    std::shared_ptr<UploadQueue> queue_;  // set by Init, unchanged from then on
     std::atomic<bool> inited_{false};
     std::atomic<bool> forceQuit_{false};
     std::atomic<bool> stopped_{false};
-    std::atomic<bool> gaveUp_{false};
+    std::atomic<bool> gaveUp_{false};  // written under mutex_
 
     mutable std::mutex mutex_;
-    std::condition_variable drained_;  // for Flush: empty, given up or ended
+    std::condition_variable changed_;
     // Guarded by mutex_.
     std::shared_ptr<ITransport> transport_;
-    bool ended_ = false;
-
-    StallWatch watch_;
+    bool running_ = false;  // started, and not at its end
+    uint64_t unsent_ = 0;   // messages between UploadData and their end, those that wait included
+    uint64_t lostMessages_ = 0;
+    uint64_t lostBytes_ = 0;
+    std::string reason_;          // why messages are lost
+    Clock::time_point lastSent_;  // when a message last went to the driver
+    bool bounded_ = false;        // the job ends
+    Clock::time_point boundedSince_;
+    Clock::time_point latest_ = Clock::time_point::max();  // of the agent's end
 };
 
 }  // namespace analysis::nedra::transport

@@ -5,6 +5,7 @@
 #include <climits>
 #include <exception>
 #include <utility>
+#include <vector>
 
 #include "hdc/log_side.h"
 
@@ -20,6 +21,9 @@ constexpr uint32_t kLastSendsMs = 20;
 std::string DevModeKey(int64_t devId, const std::string& mode) {
     return std::to_string(devId) + "_" + (mode.empty() ? kDefaultMode : mode);
 }
+
+UploaderMgr::UploaderMgr(size_t queueMemory)
+    : budget_(std::make_shared<QueueBudget>(queueMemory)) {}
 
 UploaderMgr::~UploaderMgr() {
     PROF_LOGI("Begin to destroy UploaderMgr.");
@@ -42,17 +46,27 @@ void UploaderMgr::AddUploader(const std::string& id, const std::shared_ptr<Uploa
     if (uploader == nullptr || id.empty()) {
         return;
     }
-    std::shared_ptr<Uploader> released = uploader;
-    const std::lock_guard<std::mutex> lock(mutex_);
-    uploaderMap_[id].swap(released);
+    std::shared_ptr<Uploader> replaced = uploader;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        uploaderMap_[id].swap(replaced);
+        Bound(id, *uploader);
+    }
+    if (replaced != nullptr && replaced != uploader) {
+        replaced->GiveUp("Another data session has come for the job");
+    }
+}
+
+std::shared_ptr<Uploader> UploaderMgr::Find(const std::string& id) const {
+    const auto found = uploaderMap_.find(id);
+    return found == uploaderMap_.end() ? nullptr : found->second;
 }
 
 void UploaderMgr::GetUploader(const std::string& id, std::shared_ptr<Uploader>& out) {
     PROF_LOGD("Get id %s uploader...", id.c_str());
     const std::lock_guard<std::mutex> lock(mutex_);
-    const auto found = uploaderMap_.find(id);
-    if (found != uploaderMap_.end()) {
-        out = found->second;
+    if (auto found = Find(id); found != nullptr) {
+        out = std::move(found);
     }
 }
 
@@ -68,21 +82,28 @@ void UploaderMgr::DelUploader(const std::string& id) {
 }
 
 void UploaderMgr::DelForsaken(const std::function<bool(const std::string& id)>& isInUse) {
-    UploaderMap all;
+    const std::unique_lock<std::mutex> sweep(sweepMutex_, std::try_to_lock);
+    if (!sweep.owns_lock()) {
+        return;
+    }
+    std::vector<std::string> ids;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        all = uploaderMap_;
+        for (const auto& [id, uploader] : uploaderMap_) {
+            ids.push_back(id);
+        }
     }
-    for (const auto& [id, uploader] : all) {
-        const auto transport = uploader->GetTransport();
+    for (const std::string& id : ids) {
+        std::shared_ptr<Uploader> uploader;
+        GetUploader(id, uploader);
+        const auto transport = uploader == nullptr ? nullptr : uploader->GetTransport();
         if (transport == nullptr || isInUse(id) || !transport->IsPeerGone()) {
             continue;
         }
         PROF_LOGI("Del id %s uploader...", id.c_str());
         const std::lock_guard<std::mutex> lock(mutex_);
-        const auto found = uploaderMap_.find(id);
-        if (found != uploaderMap_.end() && found->second == uploader) {  // and no later one
-            uploaderMap_.erase(found);
+        if (Find(id) == uploader) {  // and no later one
+            uploaderMap_.erase(id);
         }
     }
 }
@@ -97,18 +118,8 @@ int UploaderMgr::Uninit() {
     ReleaseAll();
     const std::lock_guard<std::mutex> lock(mutex_);
     devModeJobMap_.clear();
+    latest_ = Uploader::Clock::time_point::max();
     return 0;
-}
-
-void UploaderMgr::BoundAllStalls() {
-    UploaderMap all;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        all = uploaderMap_;
-    }
-    for (const auto& [id, uploader] : all) {
-        uploader->BoundStall(true);
-    }
 }
 
 void UploaderMgr::ReleaseAll() {
@@ -138,7 +149,7 @@ int UploaderMgr::CreateUploader(const std::string& id, std::shared_ptr<ITranspor
         PROF_LOGE("make shared failed, message: %s", e.what());
         return -1;
     }
-    if (const int ret = uploader->Init(queueCapacity); ret != 0) {
+    if (const int ret = uploader->Init(queueCapacity, budget_); ret != 0) {
         PROF_LOGE("Failed to init uploader");
         return ret;
     }
@@ -151,11 +162,41 @@ int UploaderMgr::CreateUploader(const std::string& id, std::shared_ptr<ITranspor
     return 0;
 }
 
-void UploaderMgr::BoundStall(const std::string& id, bool on) {
-    std::shared_ptr<Uploader> uploader;
-    GetUploader(id, uploader);
-    if (uploader != nullptr) {
-        uploader->BoundStall(on);
+// ---- The end of jobs ---------------------------------------------------------------------------
+
+void UploaderMgr::Bound(const std::string& id, Uploader& uploader) const {
+    uploader.BoundStall(endings_.count(id) != 0);
+    if (latest_ != Uploader::Clock::time_point::max()) {
+        uploader.BoundUntil(latest_);
+    }
+}
+
+UploaderMgr::Ending::Ending(UploaderMgr& manager, const std::string& id)
+    : manager_(manager), id_(id) {
+    const std::lock_guard<std::mutex> lock(manager_.mutex_);
+    ++manager_.endings_[id_];
+    if (const auto uploader = manager_.Find(id_); uploader != nullptr) {
+        manager_.Bound(id_, *uploader);
+    }
+}
+
+UploaderMgr::Ending::~Ending() {
+    const std::lock_guard<std::mutex> lock(manager_.mutex_);
+    const auto mine = manager_.endings_.find(id_);
+    if (--mine->second > 0) {
+        return;
+    }
+    manager_.endings_.erase(mine);
+    if (const auto uploader = manager_.Find(id_); uploader != nullptr) {
+        manager_.Bound(id_, *uploader);
+    }
+}
+
+void UploaderMgr::EndAllUntil(Uploader::Clock::time_point latest) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    latest_ = latest;
+    for (const auto& [id, uploader] : uploaderMap_) {
+        Bound(id, *uploader);
     }
 }
 

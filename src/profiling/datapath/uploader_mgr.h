@@ -1,9 +1,9 @@
 // Finds the uploader of a job: producers know their job's id and nothing else. Keeps also which
-// job runs on a device in which mode.
+// job runs on a device in which mode, which jobs are ending, and the memory of all queues.
 //
-// Any thread may call anything. The mutex is held for the map operation only: uploads wait, and
-// uploaders end, outside it. A producer that has got an uploader may still send through it after
-// its removal; it lives until the last reference goes.
+// Any thread may call anything. The mutex is held for map operations only: uploads wait, and
+// uploaders end, outside it; that of an uploader comes below it. A producer that has got an
+// uploader may still send through it after its removal; it lives until the last reference goes.
 #pragma once
 
 #include <cstdint>
@@ -29,13 +29,16 @@ constexpr char kUploaderThread[] = "TLET_Upld_";
 
 class UploaderMgr : public common::singleton::Singleton<UploaderMgr> {
 public:
-    UploaderMgr() = default;  // one's own for tests; the agent uses instance()
+    // The agent uses instance(); tests make managers of their own, with a small `queueMemory`,
+    // which is what the queues of all uploaders may hold together, in bytes.
+    explicit UploaderMgr(size_t queueMemory = QueueBudget::LimitOfProcess());
     ~UploaderMgr() override;
 
     // ---- The uploaders ---------------------------------------------------------------------
 
-    // Takes the uploader in; one of the same id is replaced and released. An empty id or pointer
-    // changes nothing.
+    // Takes the uploader in. One of the same id is given up and released: its host has come with
+    // another data session. While the job of the id ends the new one is bounded as the old one
+    // was. An empty id or pointer changes nothing.
     void AddUploader(const std::string& id, const std::shared_ptr<Uploader>& uploader);
     // `out` stays as it is for an id that is not known.
     void GetUploader(const std::string& id, std::shared_ptr<Uploader>& out);
@@ -44,7 +47,8 @@ public:
     void DelUploader(const std::string& id);
     int DelAllUploader();
     // Removes those whose hosts have closed their sessions, unless `isInUse` says that a job may
-    // still end in order. Nothing else tells that a data session will never have a job.
+    // still end in order. Nothing else tells that a data session will never have a job. A call
+    // during another one's sweep does nothing.
     void DelForsaken(const std::function<bool(const std::string& id)>& isInUse);
     // Forgets everything; at the agent's end. Always 0, as is DelAllUploader.
     int Uninit();
@@ -52,10 +56,28 @@ public:
     // messages. 0, or what failed.
     [[nodiscard]] int CreateUploader(const std::string& id, std::shared_ptr<ITransport> transport,
                                      uint64_t queueCapacity);
-    // Uploader::BoundStall of that job's uploader, if there is one.
-    void BoundStall(const std::string& id, bool on);
-    // From now on no host may hold anything up for longer than the limit: the agent ends.
-    void BoundAllStalls();
+    // What all queues share.
+    [[nodiscard]] const std::shared_ptr<QueueBudget>& budget() const { return budget_; }
+
+    // ---- The end of jobs -----------------------------------------------------------------------
+
+    // For as long as it lives, the job of the id ends: its host is given up when it takes nothing
+    // for the stall limit while something waits for it. It holds for whichever uploader has the
+    // id. Several for one id count as one that lives as long as all of them.
+    class Ending {
+    public:
+        Ending(UploaderMgr& manager, const std::string& id);
+        ~Ending();
+        Ending(const Ending&) = delete;
+        Ending& operator=(const Ending&) = delete;
+
+    private:
+        UploaderMgr& manager_;
+        const std::string id_;
+    };
+    // The agent ends: all hosts are given up at `latest`, those that come meanwhile too, and
+    // before when they take nothing for the stall limit. Until Uninit.
+    void EndAllUntil(Uploader::Clock::time_point latest);
 
     // ---- Sending: 0, or -1 with a log line. Blocks while the queue is full --------------------
 
@@ -85,10 +107,19 @@ private:
     std::shared_ptr<Uploader> UploaderFor(const std::string& id, size_t len);
     // Empties the map and releases the uploaders.
     void ReleaseAll();
+    // Needs mutex_: null when there is none.
+    [[nodiscard]] std::shared_ptr<Uploader> Find(const std::string& id) const;
+    // Needs mutex_: tells the uploader which of the ends above concern it.
+    void Bound(const std::string& id, Uploader& uploader) const;
+
+    const std::shared_ptr<QueueBudget> budget_;
+    std::mutex sweepMutex_;  // one sweep at a time: two would receive on one session
 
     std::mutex mutex_;
     // Guarded by mutex_.
     UploaderMap uploaderMap_;
+    std::map<std::string, int> endings_;  // by job id, how many Ending live
+    Uploader::Clock::time_point latest_ = Uploader::Clock::time_point::max();
     std::map<std::string, std::string> devModeJobMap_;
 };
 

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <future>
 #include <thread>
 #include <vector>
@@ -69,46 +70,62 @@ TEST(Uploader, ForcedStopDropsTheQueueAndFreesTheBlockedProducer) {
     EXPECT_EQ(-1, blocked.get());
     road.host->Read(true);
     EXPECT_EQ(0, stop.get());
-    road.uploader->Flush();
+    EXPECT_FALSE(road.uploader->Flush());
     EXPECT_EQ(Numbers(1), road.host->Got());
-    EXPECT_THAT(log.Take("EI"),
-                testing::IsSupersetOf({"I Stopping uploader, force_quit:1.",
-                                       "E [Uploader::UploadData]Push data failed.",
-                                       "I queue size remaining: 10, force_quit:1"}));
+    EXPECT_THAT(
+        log.Take("EI"),
+        testing::IsSupersetOf({"I Stopping uploader, force_quit:1.",
+                               "E [Uploader::UploadData]Push data failed.",
+                               "I queue size remaining: 10, force_quit:1",
+                               "E A forced stop, uploader ends, messages lost:10, bytes:11"}));
 }
 
-TEST(Uploader, GivesUpAHostThatTakesNothingWhileTheJobStops) {
-    LogCapture log;
-    Road road(2, kShort);
-    road.Hang(2);
-    std::vector<std::future<int>> blocked;
-    for (int i = 0; i < 3; ++i) {
-        blocked.push_back(std::async([&road] { return Upload(*road.uploader, "late"); }));
+// In each case three messages wait for a host that takes nothing, and everybody who waits for it
+// comes back.
+TEST(Uploader, GivesAHostUpForEachReason) {
+    const struct {
+        const char* reason;
+        std::function<void(Road&)> end;
+    } cases[] = {
+        {"Host took no segment for 60 ms", [](Road& road) { road.uploader->BoundStall(true); }},
+        {"The agent ends", [](Road& road) { road.uploader->BoundUntil(Uploader::Clock::now()); }},
+        {"gone", [](Road& road) { road.uploader->GiveUp("gone"); }},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reason);
+        LogCapture log;
+        Road road(2, kShort);
+        road.Hang(2);
+        std::vector<std::future<int>> blocked;
+        for (int i = 0; i < 3; ++i) {
+            blocked.push_back(std::async([&road] { return Upload(*road.uploader, "late"); }));
+        }
+        c.end(road);
+        EXPECT_FALSE(road.uploader->Flush());
+        for (auto& producer : blocked) {
+            EXPECT_EQ(-1, producer.get());
+        }
+        EXPECT_TRUE(road.host->Closed());
+        road.uploader->BoundStall(false);  // nothing comes back
+        EXPECT_EQ(-1, Upload(*road.uploader, "too late"));
+        road.uploader.reset();
+        EXPECT_EQ(Texts(), road.host->Got());
+        EXPECT_THAT(log.Take("E"), testing::Contains(std::string("E ") + c.reason +
+                                                     ", uploader ends, messages lost:3, bytes:3"));
     }
-    road.uploader->BoundStall(true);
-    road.uploader->Flush();
-    for (auto& producer : blocked) {
-        EXPECT_EQ(-1, producer.get());
-    }
-    road.uploader->BoundStall(false);  // nothing comes back
-    EXPECT_EQ(-1, Upload(*road.uploader, "too late"));
-    road.uploader.reset();
-    EXPECT_EQ(Texts(), road.host->Got());
-    EXPECT_THAT(log.Take("E"),
-                testing::IsSupersetOf({"E Host took no message for 60 ms, uploader gives up, "
-                                       "messages lost:3, bytes:3",
-                                       "E Failed to upload data, data_len=1, sent len=-1"}));
 }
 
-TEST(Uploader, LosesNothingAtAHostThatOnlyPauses) {
+TEST(Uploader, LosesNothingAtAHostThatOnlyPausesOrIsSlow) {
     const struct {
         const char* what;
-        bool bound, lift;
+        bool bound, lift, segments;
         milliseconds limit, pause, pace;
     } cases[] = {
-        {"before the stop", false, false, kShort, 3 * kShort, {}},
-        {"the bound is lifted", true, true, 10 * kShort, 11 * kShort, {}},
-        {"slow, but within the limit", true, false, 10 * kShort, {}, kShort},
+        {"before the stop", false, false, false, kShort, 3 * kShort, {}},
+        {"the bound is lifted", true, true, false, 10 * kShort, 11 * kShort, {}},
+        {"nobody waits", true, false, false, kShort, 3 * kShort, {}},
+        {"slow, but within the limit", true, false, false, 10 * kShort, {}, kShort},
+        {"a message longer than the limit", true, false, true, 4 * kShort, 10 * kShort, {}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
@@ -119,29 +136,58 @@ TEST(Uploader, LosesNothingAtAHostThatOnlyPauses) {
             road.uploader->BoundStall(true);
             road.uploader->BoundStall(!c.lift);
         }
-        std::this_thread::sleep_for(c.pause);
+        std::future<bool> flushed;
+        if (c.segments) {
+            flushed = std::async([&road] { return road.uploader->Flush(); });
+        }
+        for (milliseconds paused{}; paused < c.pause; paused += kShort) {
+            std::this_thread::sleep_for(kShort);
+            if (c.segments) {
+                road.host->Segment();
+            }
+        }
+        if (c.bound) {
+            road.uploader->BoundStall(false);
+            road.uploader->BoundStall(!c.lift);
+        }
         road.host->Read(true, c.pace);
-        road.uploader->Flush();
+        EXPECT_TRUE(road.uploader->Flush());
+        EXPECT_TRUE(!flushed.valid() || flushed.get());
         EXPECT_EQ(0, road.uploader->Stop(false));
         EXPECT_EQ(Numbers(kMessages), road.host->Got());
     }
 }
 
-TEST(Uploader, FailedSendCostsThatMessageOnly) {
-    LogCapture log;
-    Road road(4);
-    for (const char* text : {"a", "short", "b"}) {
-        EXPECT_EQ(0, Upload(*road.uploader, text));
+TEST(Uploader, AFailedSendCostsThatMessageOrTheSession) {
+    const struct {
+        const char* failing;
+        Texts got;
+        const char* report;
+    } cases[] = {
+        {"short", {"a", "short", "b"}, ", uploader ends, messages lost:1, bytes:5"},
+        {"cut", {"a", "cut"}, "A send has failed, uploader ends, messages lost:2, bytes:4"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.failing);
+        LogCapture log;
+        Road road(4, kStallLimit, false);
+        for (const char* text : {"a", c.failing, "b"}) {
+            EXPECT_EQ(0, Upload(*road.uploader, text));
+        }
+        EXPECT_EQ(0, road.uploader->Start());
+        EXPECT_FALSE(road.uploader->Flush());
+        road.uploader->Stop();
+        EXPECT_EQ(c.got, road.host->Got());
+        EXPECT_THAT(log.Take("E"),
+                    ElementsAre(testing::HasSubstr("E Failed to upload data, data_len="),
+                                testing::EndsWith(c.report)));
     }
-    road.uploader->Stop(false);
-    EXPECT_THAT(road.host->Got(), ElementsAre("a", "short", "b"));
-    EXPECT_THAT(log.Take("E"), ElementsAre("E Failed to upload data, data_len=5, sent len=4"));
 }
 
 TEST(Uploader, RefusesWhatItCannotSend) {
     Uploader raw(std::make_shared<PacedHost>());
     EXPECT_EQ(-1, Upload(raw, "a"));
-    raw.Flush();
+    EXPECT_TRUE(raw.Flush());
     EXPECT_EQ(0, raw.Stop(true));
     ASSERT_EQ(0, raw.Init(1));
     EXPECT_EQ(-1, raw.UploadData(nullptr, 3));
@@ -153,30 +199,105 @@ TEST(Uploader, RefusesWhatItCannotSend) {
     EXPECT_EQ(0, raw.Uninit());
     EXPECT_EQ(nullptr, raw.GetTransport());
     EXPECT_EQ(-1, Upload(raw, "a"));
-    raw.Flush();  // never started: nothing will take the message
+    EXPECT_FALSE(raw.Flush()) << "never started: nothing will take the message";
 }
 
 // ---- The manager -------------------------------------------------------------------------------
 
-TEST(UploaderMgr, HoldsNobodyUpWhileAReplacedUploaderHangs) {
+TEST(UploaderMgr, AReplacedUploaderEndsAtOnceAndTheNextInheritsTheEndOfTheJob) {
+    LogCapture log;
     UploaderMgr mgr;
-    Road old(4, 10 * kShort);
+    Road old(1);
     old.Hang(1);
-    mgr.AddUploader("job", std::exchange(old.uploader, nullptr));
-    auto replace =
-        std::async([&mgr] { return mgr.CreateUploader("job", std::make_shared<PacedHost>(), 4); });
-    std::shared_ptr<Uploader> found;
-    ASSERT_TRUE(WaitFor([&] {
-        mgr.GetUploader("job", found);
-        const bool isNew = found->GetTransport() != old.host;
-        return std::exchange(found, nullptr) != nullptr && isNew;
-    }));
-    EXPECT_EQ(0, mgr.UploadData("job", "a", 1));
-    EXPECT_EQ(0, replace.get());
-    mgr.AddUploader("stalled", Road(1, kShort).uploader);
-    EXPECT_EQ(0, mgr.Uninit());
-    mgr.GetUploader("job", found);
-    EXPECT_EQ(nullptr, found);
+    mgr.AddUploader("job", old.uploader);
+    auto blocked = std::async([&old] { return Upload(*old.uploader, "late"); });
+    const auto next = std::make_shared<Uploader>(old.host, kShort);
+    {
+        const UploaderMgr::Ending ending(mgr, "job");
+        const UploaderMgr::Ending stillEnding(mgr, "job");
+        ASSERT_EQ(0, next->Init(1));
+        mgr.AddUploader("job", next);
+        EXPECT_EQ(-1, blocked.get());
+        EXPECT_TRUE(old.host->Closed());
+        old.uploader->Stop();
+    }
+    EXPECT_THAT(log.Take("E"),
+                testing::Contains("E Another data session has come for the job, uploader ends, "
+                                  "messages lost:2, bytes:2"));
+
+    struct Case {
+        std::function<std::shared_ptr<void>()> end;
+        const char* reason;
+    };
+    const Case cases[] = {
+        {[&] { return std::make_shared<UploaderMgr::Ending>(mgr, "stalled"); },
+         "Host took no segment for 60 ms"},
+        {[&] {
+             mgr.EndAllUntil(Uploader::Clock::now());
+             return nullptr;
+         },
+         "The agent ends"},
+    };
+    for (const bool isThere : {true, false}) {
+        for (const Case& c : cases) {
+            SCOPED_TRACE(c.reason);
+            Road road(1, kShort);
+            road.Hang(1);
+            if (isThere) {
+                mgr.AddUploader("stalled", road.uploader);
+            }
+            const auto ending = c.end();
+            if (!isThere) {
+                mgr.AddUploader("stalled", road.uploader);
+            }
+            EXPECT_EQ(-1, mgr.UploadData("stalled", "x", 1));
+            road.uploader->Stop();
+            EXPECT_THAT(log.Take("E"), testing::Contains(testing::HasSubstr(c.reason)));
+            EXPECT_EQ(0, mgr.Uninit());
+        }
+    }
+}
+
+TEST(UploaderMgr, AllQueuesShareTheirMemory) {
+    constexpr size_t kMessage = 100'000;
+    constexpr size_t kBudget = 16 * kMessage;
+    UploaderMgr mgr(kBudget);
+    std::vector<std::shared_ptr<PacedHost>> hosts;
+    std::vector<std::future<int>> blocked;
+    const std::string data(kMessage, 'x');
+    const auto upload = [&](const std::string& id) {
+        return mgr.UploadData(id, data.data(), static_cast<uint32_t>(data.size()));
+    };
+    for (const std::string id : {"a", "b", "c"}) {
+        hosts.push_back(std::make_shared<PacedHost>());
+        hosts.back()->Read(false);
+        ASSERT_EQ(0, mgr.CreateUploader(id, hosts.back(), 512));
+        EXPECT_EQ(0, upload(id));  // a job that stands behind two others moves as well
+        EXPECT_TRUE(WaitFor([&] { return hosts.back()->Begun() == 1; }));
+        blocked.push_back(std::async(std::launch::async, [&, id] {
+            int count = 0;
+            while (upload(id) == 0) {
+                ++count;
+            }
+            return count;
+        }));
+        // One queue alone takes the half, the next one half of the rest, and so on.
+        const size_t taken = kBudget - (kBudget >> hosts.size()) - hosts.size() * kMessage;
+        EXPECT_TRUE(WaitFor([&] { return mgr.budget()->used() >= taken; }));
+        EXPECT_LE(mgr.budget()->used(), kBudget - (kBudget >> hosts.size()));
+    }
+    std::shared_ptr<Uploader> first;
+    mgr.GetUploader("a", first);
+    hosts[0]->Read(true);  // the rest of "a" goes on
+    EXPECT_TRUE(WaitFor([&] { return hosts[0]->Got().size() > 16; }));
+    hosts[1]->Read(true);
+    hosts[2]->Read(true);
+    mgr.DelAllUploader();
+    first.reset();
+    for (auto& each : blocked) {
+        EXPECT_GT(each.get(), 0);
+    }
+    EXPECT_EQ(0u, mgr.budget()->used());
 }
 
 TEST(UploaderMgr, KnowsItsIdsAndModes) {
@@ -191,7 +312,6 @@ TEST(UploaderMgr, KnowsItsIdsAndModes) {
         mgr.GetUploader(id, found);
         EXPECT_EQ(nullptr, found) << id;
     }
-    mgr.BoundStall("nobody", true);
     EXPECT_EQ(-1, mgr.UploadData("nobody", "abc", 3));
     EXPECT_EQ(-1, mgr.UploadData("nobody", std::make_shared<std::string>(kFrontRoom + 5, 'x')));
     EXPECT_EQ(-1, mgr.UploadData("job", "", {}, std::make_shared<message::JobContext>()));
