@@ -177,6 +177,11 @@ bool CollectionEntry::IsRunning(const std::string& jobId, int devIndexId) {
     return true;
 }
 
+void CollectionEntry::DelForsakenUploaders() {
+    UploaderMgr::instance().DelForsaken(
+        [this](const std::string& job) { return HasReceiver(job); });
+}
+
 int CollectionEntry::HandleCtrlSession(const std::shared_ptr<Receiver>& receiver,
                                        const proto::CtrlChannelHandshake& handshake,
                                        StatusInfo& status, int devIndexId) {
@@ -198,6 +203,7 @@ int CollectionEntry::HandleCtrlSession(const std::shared_ptr<Receiver>& receiver
         PROF_LOGE("[HandleCtrlSession]hostId: %d is not valid!", devIdOnHost);
         return -1;
     }
+    DelForsakenUploaders();
     receiver->SetDevIdOnHost(devIdOnHost);
     TaskRelationshipMgr::instance().AddHostIdDevIdRelation(devIdOnHost, devIndexId);
     if (const int ret = receiver->Init(devIndexId); ret != 0) {
@@ -266,7 +272,7 @@ int CollectionEntry::HandleDataSession(const std::shared_ptr<Uploader>& uploader
     const int queued = uploader->UploadData(reply.data(), static_cast<int>(reply.size()));
     PROF_LOGI("Reply data handshake, statusInfo=%s, response sent size:%d, resp size:%d",
               status.ToString().c_str(), queued, static_cast<int>(reply.size()));
-    uploaders.DelForsaken([this](const std::string& job) { return HasReceiver(job); });
+    DelForsakenUploaders();
     uploaders.UpdateDevModeJobMap(static_cast<uint32_t>(devIndexId), handshake.mode(),
                                   handshake.jobid());
     uploaders.AddUploader(handshake.jobid(), uploader);

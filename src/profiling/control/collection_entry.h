@@ -82,6 +82,9 @@ private:
                       int devIndexId);
     int HandleDataSession(const std::shared_ptr<transport::Uploader>& uploader,
                           const proto::DataChannelHandshake& handshake, int devIndexId);
+    // Data sessions whose hosts have gone without a job. At each handshake: a job with the id of
+    // such a session would find it, and could not end well.
+    void DelForsakenUploaders();
     // Out of the registry, and still to be ended; null when there is none.
     std::shared_ptr<Receiver> TakeReceiver(const std::string& jobId, int devIndexId);
     // Takes out all that have quit, and forgets what they served.

@@ -216,7 +216,7 @@ void Uploader::DropQueued() {
     }
     const std::lock_guard<std::mutex> lock(mutex_);
     if (lostMessages_ != 0) {
-        PROF_LOGE("%s, uploader ends, messages lost:%llu, bytes:%llu", reason_.c_str(),
+        PROF_LOGE("%s, uploader gives up, messages lost:%llu, bytes:%llu", reason_.c_str(),
                   static_cast<unsigned long long>(lostMessages_),
                   static_cast<unsigned long long>(lostBytes_));
     }

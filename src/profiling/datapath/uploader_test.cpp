@@ -77,7 +77,7 @@ TEST(Uploader, ForcedStopDropsTheQueueAndFreesTheBlockedProducer) {
         testing::IsSupersetOf({"I Stopping uploader, force_quit:1.",
                                "E [Uploader::UploadData]Push data failed.",
                                "I queue size remaining: 10, force_quit:1",
-                               "E A forced stop, uploader ends, messages lost:10, bytes:11"}));
+                               "E A forced stop, uploader gives up, messages lost:10, bytes:11"}));
 }
 
 // In each case three messages wait for a host that takes nothing, and everybody who waits for it
@@ -111,7 +111,7 @@ TEST(Uploader, GivesAHostUpForEachReason) {
         road.uploader.reset();
         EXPECT_EQ(Texts(), road.host->Got());
         EXPECT_THAT(log.Take("E"), testing::Contains(std::string("E ") + c.reason +
-                                                     ", uploader ends, messages lost:3, bytes:3"));
+                                                     ", uploader gives up, messages lost:3, bytes:3"));
     }
 }
 
@@ -164,8 +164,8 @@ TEST(Uploader, AFailedSendCostsThatMessageOrTheSession) {
         Texts got;
         const char* report;
     } cases[] = {
-        {"short", {"a", "short", "b"}, ", uploader ends, messages lost:1, bytes:5"},
-        {"cut", {"a", "cut"}, "A send has failed, uploader ends, messages lost:2, bytes:4"},
+        {"short", {"a", "short", "b"}, ", uploader gives up, messages lost:1, bytes:5"},
+        {"cut", {"a", "cut"}, "A send has failed, uploader gives up, messages lost:2, bytes:4"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.failing);
