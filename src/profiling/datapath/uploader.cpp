@@ -123,7 +123,7 @@ bool Uploader::Flush() {
         WaitForHost([this] { return unsent_ == 0 || !running_; });
     }
     const std::lock_guard<std::mutex> lock(mutex_);
-    return unsent_ == 0 && lostMessages_ == 0 && !gaveUp_;
+    return unsent_ == 0 && lostMessages_ == 0 && !gaveUp_ && !isLossy_;
 }
 
 std::shared_ptr<ITransport> Uploader::GetTransport() const {
@@ -268,11 +268,13 @@ void Uploader::CheckHost() {
     GiveUp(reason);
 }
 
-void Uploader::GiveUp(const std::string& reason) {
+bool Uploader::GiveUp(const std::string& reason) {
+    bool isLossy = false;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
+        isLossy = unsent_ != 0 || lostMessages_ != 0 || isLossy_;
         if (!inited_ || gaveUp_) {
-            return;
+            return isLossy;
         }
         gaveUp_ = true;
         reason_ = reason;
@@ -281,6 +283,12 @@ void Uploader::GiveUp(const std::string& reason) {
     if (const auto transport = GetTransport(); transport != nullptr) {
         transport->CloseSession();  // the send at hand fails
     }
+    return isLossy;
+}
+
+void Uploader::NoteLoss() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    isLossy_ = true;
 }
 
 template <typename Condition>

@@ -66,7 +66,8 @@ public:
     [[nodiscard]] int UploadData(MessageBuffer message);
 
     // Returns when the driver has taken all that was queued, or when nothing will take any more:
-    // given up, or ended. True when every message ever queued went to the driver.
+    // given up, or ended. True when every message ever queued went to the driver and no loss was
+    // noted.
     [[nodiscard]] bool Flush();
 
     // Whether the job ends, see above. With `on` the stall limit runs from this call at the
@@ -75,8 +76,11 @@ public:
     // The agent ends: the host is given up at `latest` even if it reads, and stalls are bounded
     // from this call on for good.
     void BoundUntil(Clock::time_point latest);
-    // Gives the host up at once; `reason` begins the log line. Any thread.
-    void GiveUp(const std::string& reason);
+    // Gives the host up at once; `reason` begins the log line. Any thread. Returns whether
+    // something is lost by now that was queued.
+    bool GiveUp(const std::string& reason);
+    // The job has lost data before this uploader was there: Flush must not say otherwise.
+    void NoteLoss();
 
     // Starts the thread, as Thread::Start.
     [[nodiscard]] int Start() override;
@@ -131,6 +135,7 @@ private:
     std::shared_ptr<ITransport> transport_;
     bool running_ = false;  // started, and not at its end
     uint64_t unsent_ = 0;   // messages between UploadData and their end, those that wait included
+    bool isLossy_ = false;  // noted
     uint64_t lostMessages_ = 0;
     uint64_t lostBytes_ = 0;
     std::string reason_;          // why messages are lost

@@ -53,7 +53,9 @@ void UploaderMgr::AddUploader(const std::string& id, const std::shared_ptr<Uploa
         Bound(id, *uploader);
     }
     if (replaced != nullptr && replaced != uploader) {
-        replaced->GiveUp("Another data session has come for the job");
+        if (replaced->GiveUp("Another data session has come for the job")) {
+            uploader->NoteLoss();
+        }
     }
 }
 

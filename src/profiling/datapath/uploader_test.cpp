@@ -110,8 +110,9 @@ TEST(Uploader, GivesAHostUpForEachReason) {
         EXPECT_EQ(-1, Upload(*road.uploader, "too late"));
         road.uploader.reset();
         EXPECT_EQ(Texts(), road.host->Got());
-        EXPECT_THAT(log.Take("E"), testing::Contains(std::string("E ") + c.reason +
-                                                     ", uploader gives up, messages lost:3, bytes:3"));
+        EXPECT_THAT(log.Take("E"),
+                    testing::Contains(std::string("E ") + c.reason +
+                                      ", uploader gives up, messages lost:3, bytes:3"));
     }
 }
 
