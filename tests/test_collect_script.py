@@ -113,7 +113,7 @@ def test_a_job_brings_slices_in_order_and_leaves_no_child(ending):
         daemon = device.daemon()
         out = device.root / "out"
         tool = subprocess.Popen(
-            [BIN / "orlactl", "profile", "--cpu-events", "0x11,0x8", "--llc-events", "read,write",
+            [BIN / "orlactl", "profile", "--cpu-events", "0x11:u,0x8", "--llc-events", "read,write",
              "-o", out], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
             env=dict(os.environ, ORLA_HDC_DIR=str(device.hdc), ORLA_LOG_FILE="/dev/null"))
         try:
@@ -138,3 +138,11 @@ def test_a_job_brings_slices_in_order_and_leaves_no_child(ending):
         finally:
             tool.kill()
             tool.wait()
+
+
+def test_an_event_that_could_add_an_argument_is_refused_at_the_start():
+    with Device() as device:
+        device.daemon()
+        for option, event in (("--cpu-events", "0x11 --kill"), ("--llc-events", "read write")):
+            tool = device.orlactl("profile", option, event, "-o", device.root / "out")
+            assert tool.returncode == 3 and "event is not valid" in tool.stderr

@@ -102,7 +102,10 @@ count() {
     is_number "$interval" || usage
     [ "$interval" -gt 0 ] || interval=1
     for event in $(echo "$events" | tr ',' ' '); do
-        case $event in read) event=LLC-loads ;; write) event=LLC-stores ;; esac
+        case $event in
+            read | read:*) event=LLC-loads${event#read} ;;
+            write | write:*) event=LLC-stores${event#write} ;;
+        esac
         choice=$choice${choice:+,}$event
     done
     if can_count "$choice"; then

@@ -2,6 +2,8 @@
 // engines may work in one directory: a job of several devices in that of the job, two modes on a
 // device in that of the device. It is empty for its first user and goes with its last one.
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <map>
 #include <mutex>
@@ -46,6 +48,13 @@ int CreateDirLogged(const std::string& path) {
     }
     PROF_LOGI("Creating dir: \"%s\", ret=%d", name.c_str(), ret);
     return 0;
+}
+
+// Whether something else lies there. Through a symbolic link the script, which runs as root, would
+// write wherever its maker wants.
+bool IsNoDir(const std::string& path) {
+    struct stat state {};
+    return lstat(path.c_str(), &state) == 0 && !S_ISDIR(state.st_mode);
 }
 
 }  // namespace
@@ -116,6 +125,10 @@ int CollectEngine::HoldDir(const std::string& path) {
     if (dirUsers.count(path) == 0 && Utils::IsFileExist(path)) {
         // Left by an agent that was killed. The recordings in it must not go to this job's host.
         Utils::RemoveDir(path, true);
+    }
+    if (IsNoDir(path)) {
+        PROF_LOGE("Creating dir failed: %s is in its place", Utils::BaseName(path).c_str());
+        return -1;
     }
     const int ret = CreateDirLogged(path);
     if (ret == 0 && std::find(heldDirs_.begin(), heldDirs_.end(), path) == heldDirs_.end()) {

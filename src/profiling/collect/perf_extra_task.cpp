@@ -1,38 +1,54 @@
 #include "profiling/collect/perf_extra_task.h"
 
-#include <algorithm>
 #include <cstdio>
+#include <exception>
 #include <fstream>
+#include <istream>
 #include <utility>
+#include <vector>
 
 #include "hdc/log_side.h"
-#include "profiling/collect/prof_script.h"
 #include "profiling/config/utils.h"
 
 namespace Analysis::Nedra::JobWrapper {
 
 using analysis::nedra::common::thread::TraceletErrorContext;
 using analysis::nedra::common::utils::Utils;
+using std::chrono::steady_clock;
 using TraceletErrMgr::TraceletErrorManager;
 
 namespace {
 
 constexpr uint64_t kPassPauseUs = 1000000;
+constexpr uint64_t kQuitLookUs = 20000;
 constexpr uint64_t kMaxTextSize = 0x20000000;
-constexpr char kSliceMark[] = "ai_ctrl_cpu.data.";
-constexpr int kSliceDots = 3;
 constexpr char kFileName[] = "data/ai_ctrl_cpu.data";
 
-bool IsSlice(const std::string& path) {
-    return path.find(kSliceMark) != std::string::npos &&
-           std::count(path.begin(), path.end(), '.') == kSliceDots;
-}
+// Slice and text go when they have had their turn, whatever came of it.
+struct Turn {
+    PerfSlices& slices;
+    const std::string& file;
+    const std::string& text;
+    bool isWhole;
+
+    ~Turn() {
+        remove(file.c_str());
+        remove(text.c_str());
+        if (!isWhole) {
+            slices.CountLost();
+        }
+    }
+};
 
 }  // namespace
 
 PerfExtraTask::PerfExtraTask(uint64_t bufSize, const std::string& retDir, JobCtx jobCtx,
-                             Params params)
-    : retDir_(retDir), buf_(bufSize), jobCtx_(std::move(jobCtx)), params_(std::move(params)) {}
+                             Params params, const RecordingLimits& limits)
+    : patience_(limits.patience),
+      buf_(bufSize),
+      jobCtx_(std::move(jobCtx)),
+      params_(std::move(params)),
+      slices_(retDir, limits.maxBytes, limits.maxCount) {}
 
 PerfExtraTask::~PerfExtraTask() {
     static_cast<void>(Thread::Stop());
@@ -69,64 +85,98 @@ void PerfExtraTask::Run(const TraceletErrorContext& errorContext) {
     TraceletErrorManager::instance().SetErrorContext(errorContext);
     while (!IsQuit()) {
         PROF_LOGI("PerfExtraTask running");
-        Utils::UsleepInterupt(kPassPauseUs);
-        ResolvePass();
+        if (slices_.Start() != 0) {
+            PROF_LOGW("no thread bounds the slices of the recording");
+        }
+        for (uint64_t slept = 0; slept < kPassPauseUs && !IsQuit(); slept += kQuitLookUs) {
+            Utils::UsleepInterupt(kQuitLookUs);
+        }
+        TryPass();
     }
-    ResolvePass();
+    static_cast<void>(slices_.Stop());
+    TryPass();
     PROF_LOGI("PerfExtraTask the total data size: %lld", dataSize_);
+    if (slices_.Lost() > 0) {
+        PROF_LOGE("slices of the recording that the host misses: %llu", slices_.Lost());
+    }
 }
 
-std::vector<std::string> PerfExtraTask::FindSlices() const {
-    std::vector<std::string> files;
-    Utils::GetFiles(retDir_, false, files);
-    files.erase(std::remove_if(files.begin(), files.end(),
-                               [](const std::string& file) { return !IsSlice(file); }),
-                files.end());
-    std::sort(files.begin(), files.end());
-    return files;
+bool PerfExtraTask::IsOver() {
+    if (!IsQuit()) {
+        return false;
+    }
+    const auto now = steady_clock::now();
+    if (!lastPassEnd_) {
+        lastPassEnd_ = now + patience_;
+    }
+    return isHostGone_ || now >= *lastPassEnd_;
+}
+
+void PerfExtraTask::TryPass() {
+    try {
+        ResolvePass();
+    } catch (const std::exception& e) {
+        PROF_LOGE("A pass over the recording failed, message: %s", e.what());
+    }
 }
 
 void PerfExtraTask::ResolvePass() {
-    const std::vector<std::string> slices = FindSlices();
-    for (size_t i = 0; i < slices.size(); ++i) {
-        const bool isNewest = i + 1 == slices.size();
-        if (!isNewest || IsQuit()) {
-            ResolveSlice(slices[i]);
+    const std::vector<std::string> files = slices_.Find();
+    for (size_t i = 0; i < files.size(); ++i) {
+        const bool isNewest = i + 1 == files.size();
+        if (isNewest && !IsQuit()) {
+            return;
+        }
+        if (slices_.Take(files[i])) {
+            ResolveSlice(files[i]);
         }
     }
 }
 
 void PerfExtraTask::ResolveSlice(const std::string& file) {
-    PROF_LOGI("PerfExtraTask file: %s", Utils::BaseName(file).c_str());
     const std::string text = file + ".txt";
+    Turn turn{slices_, file, text, false};
+    if (IsOver()) {
+        return;
+    }
+    PROF_LOGI("PerfExtraTask file: %s", Utils::BaseName(file).c_str());
     int exitCode = 0;
-    const int ret = RunScript({"--script", file}, text, exitCode);
+    const int ret = RunScript(
+        {"--script", file}, text, [this] { return IsOver(); }, exitCode);
     PROF_LOGI("resolve ctrlcpu data:%s, ret=%d, exit_code=%d", Utils::BaseName(file).c_str(), ret,
               exitCode);
-    UploadText(text);
-    remove(file.c_str());
-    remove(text.c_str());
+    turn.isWhole = ret == 0 && exitCode == 0 && UploadText(text);
 }
 
-void PerfExtraTask::UploadText(const std::string& file) {
+bool PerfExtraTask::UploadText(const std::string& file) {
     if (!Utils::IsFileExist(file)) {
         PROF_LOGW("file:%s is not exist", Utils::BaseName(file).c_str());
-        return;
+        return false;
     }
     const uint64_t size = Utils::GetFileSize(file);
     if (size < 1 || size > kMaxTextSize) {
         PROF_LOGE("data file size is invalid");
-        return;
+        return size == 0;
     }
     std::ifstream in(file, std::ios::binary);
-    if (!in.is_open() || buf_.GetBuffer() == nullptr) {
-        return;
-    }
-    const auto failed = [this] {
+    return in.is_open() && buf_.GetBuffer() != nullptr && UploadFrom(in);
+}
+
+bool PerfExtraTask::UploadFrom(std::istream& in) {
+    bool isWhole = true;
+    const auto failed = [&] {
         PROF_LOGE("Upload cpu data failed , jobId: %s", params_->job_id.c_str());
+        isWhole = false;
+        isHostGone_ = IsQuit();
+        return !isHostGone_;
     };
+    const auto begin = steady_clock::now();
     dataSize_ += UploadScriptFile(in, buf_, kFileName, jobCtx_, params_->job_id, failed);
+    if (lastPassEnd_) {
+        *lastPassEnd_ += steady_clock::now() - begin;
+    }
     PROF_LOGI("PerfExtraTask data size: %lld", dataSize_);
+    return isWhole;
 }
 
 }  // namespace Analysis::Nedra::JobWrapper

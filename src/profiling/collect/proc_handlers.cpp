@@ -219,12 +219,15 @@ bool ProcAllPidsFileHandler::MakeHandlers(uint32_t pid, ProcPidFileHandler* hand
 }
 
 void ProcAllPidsFileHandler::HandleNewPids(const Pids& pids) {
+    // Kept all together: had an exception left some of them, the next tick would make them again.
+    std::map<uint32_t, ProcPidFileHandler> made;
     for (const uint32_t pid : pids) {
         ProcPidFileHandler handlers;
         if (MakeHandlers(pid, &handlers)) {
-            pidsMap_[pid] = std::move(handlers);
+            made.emplace(pid, std::move(handlers));
         }
     }
+    pidsMap_.merge(made);
 }
 
 void ProcAllPidsFileHandler::HandleExitPids(const Pids& pids) {

@@ -1,11 +1,9 @@
 #include "profiling/collect/prof_ctrlcpu_job.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "hdc/log_side.h"
 #include "profiling/collect/prof_drv_job.h"
-#include "profiling/collect/prof_script.h"
 #include "profiling/config/config_manager.h"
 #include "profiling/config/make_shared.h"
 #include "profiling/config/param_validation.h"
@@ -31,17 +29,6 @@ std::string PerfDataDir(int devId) {
     return ConfigManager::instance().GetPerfDataDir(static_cast<uint32_t>(devId));
 }
 
-bool MayRecord(const std::vector<std::string>& events) {
-    if (events.empty() || !ParamValidation::instance().CheckCtrlCpuEventIsValid(events)) {
-        return false;
-    }
-    const bool areWords = std::all_of(events.begin(), events.end(), IsScriptWord);
-    if (!areWords) {
-        PROF_LOGE("an event of the control cpu is no word");
-    }
-    return areWords;
-}
-
 // "{r11,r8}" of "0x11" and "0x8". Every valid event has two characters and more.
 std::string RawEvents(std::vector<std::string> events) {
     for (std::string& event : events) {
@@ -59,6 +46,7 @@ ProfCtrlcpuJob::~ProfCtrlcpuJob() {
 }
 
 int ProfCtrlcpuJob::Init(std::shared_ptr<CollectionJobCfg> cfg) {
+    ReapScripts();
     if (!CheckJobEventParam(cfg) || !IsDeviceSideJob(*cfg)) {
         return -1;
     }
@@ -75,8 +63,8 @@ int ProfCtrlcpuJob::Init(std::shared_ptr<CollectionJobCfg> cfg) {
         Utils::PrintSysErrorMsg();
         return ret;
     }
-    perfExtraTask_ =
-        MakeShared<PerfExtraTask>(kTextBufferSize, common.resultDir, common.jobCtx, common.params);
+    perfExtraTask_ = MakeShared<PerfExtraTask>(kTextBufferSize, common.resultDir, common.jobCtx,
+                                               common.params, limits_);
     return perfExtraTask_ == nullptr ? -1 : 0;
 }
 
@@ -84,7 +72,8 @@ std::string ProfCtrlcpuJob::RecordCommand() const {
     const CollectionJobCommonParams& common = *collectionJobCfg_->commonParams;
     const std::vector<std::string>& events = *collectionJobCfg_->events;
     const std::string dir = PerfDataDir(common.devId);
-    if (!MayRecord(events) || !MakeScriptDir(dir)) {
+    if (events.empty() || !ParamValidation::instance().CheckCtrlCpuEventIsValid(events) ||
+        !MakeScriptDir(dir)) {
         return "";
     }
     const std::string path =
@@ -140,9 +129,10 @@ int ProfCtrlcpuJob::StartTask() {
 }
 
 int ProfCtrlcpuJob::Uninit() {
-    int ret = KillScript();
+    const ScriptLimit isOver = LimitAfter(limits_.patience);
+    int ret = KillScript(isOver);
     if (ctrlCpuPid_ > 0) {
-        ret = EndRecording();
+        ret = EndRecording(isOver);
     }
     if (collectionJobCfg_ != nullptr) {
         collectionJobCfg_->events.reset();
@@ -150,9 +140,9 @@ int ProfCtrlcpuJob::Uninit() {
     return ret;
 }
 
-int ProfCtrlcpuJob::EndRecording() {
+int ProfCtrlcpuJob::EndRecording(const ScriptLimit& isOver) {
     int exitCode = 0;
-    const int ret = WaitScript(ctrlCpuPid_, kScriptPatience, exitCode);
+    const int ret = WaitScript(ctrlCpuPid_, isOver, exitCode);
     if (ret != 0) {
         PROF_LOGE("Failed to wait process %u, ret=%d", static_cast<unsigned>(ctrlCpuPid_), ret);
     } else {

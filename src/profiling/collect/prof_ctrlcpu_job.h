@@ -14,12 +14,15 @@
 
 #include "profiling/collect/collection_register.h"
 #include "profiling/collect/perf_extra_task.h"
+#include "profiling/collect/prof_script.h"
 
 namespace Analysis::Nedra::JobWrapper {
 
 class ProfCtrlcpuJob : public ICollectionJob {
 public:
-    ProfCtrlcpuJob() = default;
+    // `limits` are those of the PerfExtraTask; its patience is also that of the kill run and the
+    // end of the recording together.
+    explicit ProfCtrlcpuJob(const RecordingLimits& limits = {}) : limits_(limits) {}
     ~ProfCtrlcpuJob() override;
 
     // Declines without events, for a host-side job, and off the device side. Sets `resultDir` of
@@ -35,8 +38,9 @@ public:
 private:
     [[nodiscard]] std::string RecordCommand() const;  // empty when there is none
     [[nodiscard]] int StartTask();
-    [[nodiscard]] int EndRecording();
+    [[nodiscard]] int EndRecording(const ScriptLimit& isOver);
 
+    const RecordingLimits limits_;
     int ctrlCpuPid_ = -1;
     std::shared_ptr<CollectionJobCfg> collectionJobCfg_;
     std::shared_ptr<PerfExtraTask> perfExtraTask_;

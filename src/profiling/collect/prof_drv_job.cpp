@@ -57,8 +57,11 @@ std::string ProfDrvJob::GetEventsStr(const std::vector<std::string>& events,
 
 void ProfDrvJob::AddReader(const std::string& key, int devId, int channelId,
                            const std::string& filePath) {
-    std::string relative;
-    Utils::GetRelativePath(filePath, Common().resultDir, relative);
+    std::string relative = filePath;
+    if (!filePath.empty() && filePath.front() == '/') {
+        relative.clear();
+        Utils::GetRelativePath(filePath, Common().resultDir, relative);
+    }
     const auto reader = MakeShared<ChannelReader>(devId, channelId, relative, Common().jobCtx);
     if (reader == nullptr || reader->Init() != 0) {
         return;

@@ -102,8 +102,8 @@ public:
 
 protected:
     // Makes the reader of a channel and gives it to the poll. Its data goes to the host as the
-    // file that `filePath` names below `resultDir` of the common parameters. `key` is the job id,
-    // for log lines. Without a reader the channel's data goes unread.
+    // file `filePath`, of which an absolute path loses the `resultDir` of the common parameters.
+    // `key` is the job id, for log lines. Without a reader the channel's data goes unread.
     void AddReader(const std::string& key, int devId, int channelId, const std::string& filePath);
     // Takes the reader off the poll, which uploads what it holds. Always 0.
     int RemoveReader(const std::string& key, int devId, int channelId);

@@ -9,9 +9,11 @@
 
 #include "platform/emulation/channel_record.h"
 #include "profiling/collect/collect_engine.h"
+#include "profiling/collect/collect_test_support.h"
 #include "profiling/collect/prof_llc_job.h"
 #include "profiling/config/device_test_support.h"
 #include "profiling/config/json_parser.h"
+#include "profiling/config/platform.h"
 #include "profiling/datapath/thread_test_support.h"
 #include "profiling/datapath/transport_test_support.h"
 #include "profiling/datapath/uploader_mgr.h"
@@ -257,6 +259,38 @@ TEST_F(ProfJobs, WhatTheDriverProducedReachesTheHostToTheLastRecord) {
         EXPECT_EQ(last.sequence + 1, orla::control::CountsOf(0, channel).delivered);
         EXPECT_EQ(bytes.size(), (last.sequence + 1) * kRecord);
     }
+}
+
+// The job of the control CPU changes the directory that names are relative to.
+TEST_F(ProfJobs, ASecondReplayBesideARecordingKeepsTheNamesOfItsFiles) {
+    ASSERT_EQ(Common::Platform::Platform::instance().Init(), 0);
+    ASSERT_EQ(engine.CollectStart(R"({"job_id": "job", )" + (kAllOn + kSampleBased) + "}", status),
+              0);
+    for (const int replay : {1, 2}) {
+        SCOPED_TRACE(replay);
+        for (const Kind& kind : kKinds) {
+            Place(kind);
+        }
+        ASSERT_EQ(engine.Start(List({"0x11"}), status, List({"read"})), 0) << status.info;
+        ASSERT_TRUE(
+            orla::test::WaitFor([] { return orla::control::CountsOf(0, 98).delivered > 0; }));
+        EXPECT_EQ(engine.Stop(status), 0) << status.info;
+        orla::control::Reset();
+    }
+    EXPECT_EQ(engine.CollectStop(status), 0);
+    auto files = Files();
+    files.erase("data/ai_ctrl_cpu.data");  // too short a recording has no slice
+    EXPECT_EQ(files.size(), 29U + 75U);
+    EXPECT_EQ(files.count(""), 0U);
+}
+
+TEST_F(ProfJobs, ALinkInPlaceOfTheWorkDirectoryIsRefused) {
+    const std::string link = orla::test::kWorkRoot + "job";
+    std::filesystem::create_symlink("/tmp", link);
+    EXPECT_EQ(engine.CollectStart(R"({"job_id": "job"})", status), -1);
+    std::filesystem::remove(link);
+    EXPECT_EQ(engine.CollectStart(R"({"job_id": "job"})", status), 0);
+    EXPECT_EQ(engine.CollectStop(status), 0);
 }
 
 TEST_F(ProfJobs, AJobThatIsOffOrHasNoChannelTouchesNothing) {

@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "profiling/collect/peripheral_records.h"
-#include "profiling/collect/prof_script.h"
 #include "profiling/config/config_manager.h"
 #include "profiling/config/param_validation.h"
 #include "profiling/config/platform.h"
@@ -34,15 +33,6 @@ bool IsByScript() {
     return ConfigManager::instance().GetPlatformType() == Common::Config::TYPE_0;
 }
 
-// A blank would make two arguments of one.
-bool IsOneArgument(const std::string& events) {
-    if (events.find(' ') != std::string::npos) {
-        PROF_LOGE("a blank in the llc events");
-        return false;
-    }
-    return true;
-}
-
 }  // namespace
 
 ProfLlcJob::~ProfLlcJob() {
@@ -52,6 +42,7 @@ ProfLlcJob::~ProfLlcJob() {
 }
 
 int ProfLlcJob::Init(std::shared_ptr<CollectionJobCfg> cfg) {
+    ReapScripts();
     if (!CheckJobEventParam(cfg) || !IsDeviceSideJob(*cfg)) {
         return -1;
     }
@@ -59,7 +50,13 @@ int ProfLlcJob::Init(std::shared_ptr<CollectionJobCfg> cfg) {
         PROF_LOGI("Not in device Side, LLC Profiling not enabled");
         return -1;
     }
-    return Decide(kLlc, std::move(cfg));
+    const int ret = Decide(kLlc, std::move(cfg));
+    // The engine places this job without a name for its file, and data without one is lost on the
+    // host.
+    if (ret == 0 && !IsByScript() && collectionJobCfg_->jobFileName.empty()) {
+        collectionJobCfg_->jobFileName = COLLECTION_JOB_FILENAME[LLC_DRV_COLLECTION_JOB];
+    }
+    return ret;
 }
 
 bool ProfLlcJob::IsGlobalJobLevel() {
@@ -67,7 +64,7 @@ bool ProfLlcJob::IsGlobalJobLevel() {
 }
 
 int ProfLlcJob::Process() {
-    return IsByScript() ? ProcessByScript() : ProcessByDriver();
+    return IsByScript() ? ProcessByScript() : ProfPeripheralJob::Process();
 }
 
 int ProfLlcJob::Uninit() {
@@ -75,23 +72,6 @@ int ProfLlcJob::Uninit() {
 }
 
 // ---- By driver ---------------------------------------------------------------------------------
-
-// The engine places this job without a name for its file, and data without one is lost on the
-// host. The name is of this start only: `resultDir` may be another one at the next.
-int ProfLlcJob::ProcessByDriver() {
-    if (!IsReady(CheckJobCommonParam)) {
-        return -1;
-    }
-    std::string& name = collectionJobCfg_->jobFileName;
-    const std::string given = name;
-    if (given.empty()) {
-        name =
-            Utils::JoinPath({Common().resultDir, COLLECTION_JOB_FILENAME[LLC_DRV_COLLECTION_JOB]});
-    }
-    const int ret = ProfPeripheralJob::Process();
-    name = given;
-    return ret;
-}
 
 int ProfLlcJob::SetPeripheralConfig() {
     const std::vector<std::string>& events = ListOf(collectionJobCfg_->events);
@@ -132,8 +112,7 @@ std::string ProfLlcJob::StatCommand() {
     }
     const int interval = PeriodOr(Params().llc_interval, kDefaultIntervalMs);
     const std::string events = GetEventsStr(*collectionJobCfg_->events);
-    if (events.empty() || !ParamValidation::instance().CheckLlcEventsIsValid(events) ||
-        !IsOneArgument(events)) {
+    if (events.empty() || !ParamValidation::instance().CheckLlcEventsIsValid(events)) {
         return "";
     }
     return std::string(kScriptSudo) + " " + kScriptPath + " --stat " + path + " " + events + " " +
@@ -166,10 +145,11 @@ int ProfLlcJob::ProcessByScript() {
 }
 
 int ProfLlcJob::UninitByScript() {
-    int ret = KillScript();
+    const ScriptLimit isOver = LimitAfter(patience_);
+    int ret = KillScript(isOver);
     if (llcPid_ > 0) {
         int exitCode = 0;
-        ret = WaitScript(llcPid_, kScriptPatience, exitCode);
+        ret = WaitScript(llcPid_, isOver, exitCode);
         if (ret != 0) {
             PROF_LOGE("Failed to wait process %d, ret=%d", llcPid_, ret);
         } else {
@@ -196,6 +176,7 @@ void ProfLlcJob::UploadResult() {
     }
     UploadScriptFile(in, buffer, "data/llc.data", Common().jobCtx, Params().job_id, [this] {
         PROF_LOGE("Upload llc data failed , jobId: %s", Params().job_id.c_str());
+        return true;
     });
 }
 

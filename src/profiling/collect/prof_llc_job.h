@@ -5,16 +5,20 @@
 // By script the job is global: the kill run makes no difference between what it ends.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 
 #include "profiling/collect/prof_peripheral_job.h"
+#include "profiling/collect/prof_script.h"
 
 namespace Analysis::Nedra::JobWrapper {
 
 class ProfLlcJob : public ProfPeripheralJob {
 public:
-    ProfLlcJob() : ProfPeripheralJob(analysis::nedra::driver::kChannelLlc) {}
+    // `patience` is what the end of a run by script has in all.
+    explicit ProfLlcJob(std::chrono::milliseconds patience = kScriptPatience)
+        : ProfPeripheralJob(analysis::nedra::driver::kChannelLlc), patience_(patience) {}
     ~ProfLlcJob() override;
 
     // Declines also off the device side, where only the script would do.
@@ -27,13 +31,13 @@ public:
     [[nodiscard]] int SetPeripheralConfig() override;
 
 private:
-    [[nodiscard]] int ProcessByDriver();
     [[nodiscard]] int ProcessByScript();
     [[nodiscard]] int UninitByScript();
     [[nodiscard]] std::string StatCommand();  // empty when there is none
     [[nodiscard]] std::string ResultPath() const;
     void UploadResult();
 
+    const std::chrono::milliseconds patience_;
     int llcPid_ = -1;
 };
 

@@ -3,9 +3,11 @@
 #include <signal.h>
 
 #include <algorithm>
-#include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <istream>
+#include <mutex>
 #include <thread>
 
 #include "hdc/log_side.h"
@@ -26,28 +28,62 @@ using std::chrono::steady_clock;
 namespace {
 
 constexpr milliseconds kLookPause{10};
-constexpr milliseconds kKillPatience{5000};  // a killed child that is still there is not ours
+constexpr milliseconds kKillPatience{1000};  // of a child that does not end at once when killed
 constexpr uint32_t kDataModule = 3;
 
-// Looks for the end of a child until `patience` has passed. As Utils::WaitProcess.
-int LookForEnd(int pid, milliseconds patience, bool& isExited, int& exitCode) {
-    const auto deadline = steady_clock::now() + patience;
+// Children that have not ended when they were to. One that ends later would stay a zombie.
+class LeftChildren {
+public:
+    void Add(int pid) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        pids_.push_back(pid);
+    }
+    void Reap() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        pids_.erase(std::remove_if(pids_.begin(), pids_.end(), HasGone), pids_.end());
+    }
+
+private:
+    static bool HasGone(int pid) {
+        bool isExited = false;
+        int exitCode = 0;
+        const int ret = Utils::WaitProcess(pid, isExited, exitCode, false);
+        if (isExited) {
+            PROF_LOGI("Process %d ended late, exit code=%d", pid, exitCode);
+        }
+        return ret != 0 || isExited;
+    }
+
+    std::mutex mutex_;
+    std::vector<int> pids_;  // guarded by mutex_
+};
+
+LeftChildren leftChildren;
+
+// Looks for the end of a child until the limit. As Utils::WaitProcess.
+int LookForEnd(int pid, const ScriptLimit& isOver, bool& isExited, int& exitCode) {
     while (true) {
         const int ret = Utils::WaitProcess(pid, isExited, exitCode, false);
-        if (ret != 0 || isExited || steady_clock::now() >= deadline) {
+        if (ret != 0 || isExited || isOver()) {
             return ret;
         }
         std::this_thread::sleep_for(kLookPause);
     }
 }
 
-}  // namespace
-
-bool IsScriptWord(const std::string& text) {
-    return std::all_of(text.begin(), text.end(), [](unsigned char c) {
-        return c == '_' || (c < 0x80 && std::isalnum(c) != 0);
-    });
+// Whether the signal could be sent.
+bool Kill(int pid, milliseconds waited) {
+    const auto ms = static_cast<long long>(waited.count());
+    if (kill(pid, SIGKILL) != 0) {
+        PROF_LOGE("Process %d did not end within %lld ms and cannot be killed: %s", pid, ms,
+                  std::strerror(errno));
+        return false;
+    }
+    PROF_LOGE("Process %d did not end within %lld ms and is killed", pid, ms);
+    return true;
 }
+
+}  // namespace
 
 bool MakeScriptDir(const std::string& dir) {
     if (Utils::CreateDir(dir) != 0) {
@@ -62,38 +98,47 @@ bool MakeEmptyFile(const std::string& path) {
     return std::ofstream(path, std::ios::trunc).is_open();
 }
 
+ScriptLimit LimitAfter(milliseconds patience) {
+    return [deadline = steady_clock::now() + patience] { return steady_clock::now() >= deadline; };
+}
+
 int StartScript(const std::vector<std::string>& words, const std::string& outputFile,
                 const std::string& environment, int& pid) {
+    ReapScripts();
     const ExecCmdParams params{words.front(), true, outputFile};
     int exitCode = 0;
     return Utils::ExecCmd(params, {words.begin() + 1, words.end()}, {environment}, exitCode, pid);
 }
 
-int WaitScript(int pid, milliseconds patience, int& exitCode) {
+int WaitScript(int pid, const ScriptLimit& isOver, int& exitCode) {
+    const auto begin = steady_clock::now();
     bool isExited = false;
-    int ret = LookForEnd(pid, patience, isExited, exitCode);
+    int ret = LookForEnd(pid, isOver, isExited, exitCode);
     if (ret != 0 || isExited) {
         return ret;
     }
-    PROF_LOGE("Process %d did not end within %lld ms and is killed", pid,
-              static_cast<long long>(patience.count()));
-    kill(pid, SIGKILL);
-    ret = LookForEnd(pid, kKillPatience, isExited, exitCode);
-    return isExited ? ret : -1;
+    if (Kill(pid, std::chrono::duration_cast<milliseconds>(steady_clock::now() - begin))) {
+        ret = LookForEnd(pid, LimitAfter(kKillPatience), isExited, exitCode);
+        if (ret != 0 || isExited) {
+            return ret;
+        }
+    }
+    leftChildren.Add(pid);
+    return -1;
 }
 
 int RunScript(const std::vector<std::string>& arguments, const std::string& outputFile,
-              int& exitCode) {
+              const ScriptLimit& isOver, int& exitCode) {
     std::vector<std::string> words = {kScriptSudo, kScriptPath};
     words.insert(words.end(), arguments.begin(), arguments.end());
     int pid = -1;
     const int ret = StartScript(words, outputFile, kScriptEnvironment, pid);
-    return ret != 0 ? ret : WaitScript(pid, kScriptPatience, exitCode);
+    return ret != 0 ? ret : WaitScript(pid, isOver, exitCode);
 }
 
-int KillScript() {
+int KillScript(const ScriptLimit& isOver) {
     int exitCode = 0;
-    const int ret = RunScript({"--kill"}, "", exitCode);
+    const int ret = RunScript({"--kill"}, "", isOver, exitCode);
     if (ret != 0) {
         PROF_LOGE("Failed to kill process perf, ret=%d", ret);
     } else {
@@ -102,22 +147,27 @@ int KillScript() {
     return ret;
 }
 
+void ReapScripts() {
+    leftChildren.Reap();
+}
+
 long long UploadScriptFile(std::istream& in, Chunk& buffer, const std::string& fileName,
                            const std::shared_ptr<JobContext>& jobCtx, const std::string& jobId,
-                           const std::function<void()>& failed) {
+                           const std::function<bool()>& failed) {
     if (jobCtx == nullptr) {
         return 0;
     }
     const std::string context = jobCtx->ToString();
     const auto size = static_cast<std::streamsize>(buffer.GetBufferSize()) - 1;
     long long total = 0;
-    while (in.good()) {
+    bool goesOn = true;
+    while (goesOn && in.good()) {
         in.read(buffer.GetBuffer(), size);
         const std::string_view data(buffer.GetBuffer(), static_cast<size_t>(in.gcount()));
         auto message = EncodeFileChunk(data, {fileName, false, kDataModule}, context);
         if (message == nullptr ||
             UploaderMgr::instance().UploadData(jobId, std::move(message)) != 0) {
-            failed();
+            goesOn = failed();
         }
         total += static_cast<long long>(data.size());
     }

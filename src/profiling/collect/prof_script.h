@@ -5,8 +5,12 @@
 // The script runs through sudo, as a child with one environment variable, and is told what to do
 // by its arguments alone. It writes below the device's perf data directory.
 //
-// Free functions without state, on any thread. No wait here is without an end: the jobs call from
-// within the registry's lock, where a script that hangs would hold up the jobs of all devices.
+// A child is waited for until a limit that its caller sets, so that a script that hangs holds up
+// the end of a job for a bounded time. On a card the child is sudo, which belongs to root: an
+// account that is not root may not kill it. Such a child is left alone and remembered, and is
+// reaped by one of the next calls, when it has ended after all.
+//
+// Free functions on any thread; what they remember has a lock of its own.
 #pragma once
 
 #include <chrono>
@@ -25,14 +29,11 @@ inline constexpr char kScriptSudo[] = "sudo";
 inline constexpr char kScriptPath[] = "/var/prof_collect.sh";
 inline constexpr char kScriptEnvironment[] = "PATH=/usr/bin:/usr/sbin:/var";
 
-// How long a run that should end by itself may take before it is killed.
+// How long the end of a job waits for its script.
 inline constexpr std::chrono::seconds kScriptPatience{30};
 
 // ---- What the script is given --------------------------------------------------------------
 
-// Whether `text` holds letters, digits and "_" alone: nothing that could add an argument to a
-// command. True for an empty text.
-[[nodiscard]] bool IsScriptWord(const std::string& text);
 // Makes the directory that the script writes to; false with the reason logged.
 [[nodiscard]] bool MakeScriptDir(const std::string& dir);
 // Makes an empty file, or empties it.
@@ -40,30 +41,40 @@ inline constexpr std::chrono::seconds kScriptPatience{30};
 
 // ---- Running it ----------------------------------------------------------------------------
 
+// Whether a wait has lasted long enough. It is asked again and again on the thread that waits.
+using ScriptLimit = std::function<bool()>;
+// A limit that is reached `patience` after this call, however many waits share it.
+[[nodiscard]] ScriptLimit LimitAfter(std::chrono::milliseconds patience);
+
 // Starts a command, which is cut into `words` with the program in front, and does not wait.
 // Standard output and error go to `outputFile`, unless that is empty; `environment` is one
 // "NAME=value". 0 with the child in `pid`, who has to be waited for; or -1, and `pid` stays.
 [[nodiscard]] int StartScript(const std::vector<std::string>& words, const std::string& outputFile,
                               const std::string& environment, int& pid);
-// Waits for a child; after `patience` it is killed, and that logged. 0 with its end in
-// `exitCode`; -1 when there is no such child or not even that ends it.
-[[nodiscard]] int WaitScript(int pid, std::chrono::milliseconds patience, int& exitCode);
+// Waits for a child. When it has not ended at the limit it is killed, as far as the account may,
+// and a line tells which. 0 with its end in `exitCode`, which is 128 and the signal for one that
+// was killed; -1 when there is no such child or it has not ended: then it is remembered.
+[[nodiscard]] int WaitScript(int pid, const ScriptLimit& isOver, int& exitCode);
 // Starts the script with these arguments, its own path not among them, and waits as above.
 [[nodiscard]] int RunScript(const std::vector<std::string>& arguments,
-                            const std::string& outputFile, int& exitCode);
+                            const std::string& outputFile, const ScriptLimit& isOver,
+                            int& exitCode);
 // Ends everything that the script has started on this device, whichever job started it, and logs
 // the outcome. What RunScript answered: the exit code is for the log.
-[[nodiscard]] int KillScript();
+[[nodiscard]] int KillScript(const ScriptLimit& isOver);
+// Reaps the remembered children that have ended, without waiting. Every start of a script does,
+// and every Init of the two jobs.
+void ReapScripts();
 
 // ---- What it wrote -------------------------------------------------------------------------
 
 // Sends the rest of `in` to the host as chunks of the file `fileName`, each one byte shorter than
 // `buffer`; the last one may be empty, since a stream ends only on the read behind its end.
-// `failed` is called for each chunk that could not be sent, and the next one is tried. The bytes
-// read. Without a job, none.
+// `failed` is called for each chunk that could not be sent and says whether the next one is tried.
+// The bytes read. Without a job, none.
 long long UploadScriptFile(std::istream& in, analysis::nedra::common::memory::Chunk& buffer,
                            const std::string& fileName,
                            const std::shared_ptr<analysis::nedra::message::JobContext>& jobCtx,
-                           const std::string& jobId, const std::function<void()>& failed);
+                           const std::string& jobId, const std::function<bool()>& failed);
 
 }  // namespace Analysis::Nedra::JobWrapper

@@ -32,6 +32,8 @@ constexpr std::string_view kL2CacheEvents[] = {
     "0x59", "0x5b", "0x5c", "0x62", "0x6a", "0x6c", "0x71", "0x74", "0x77",
     "0x78", "0x79", "0x7c", "0x7d", "0x7e", "0xfb", "0xfc", "0x9a", "0xf6",
     "0xfd", "0xfe", "0x9c", "0x9d", "0x90", "0x91", "0x96", "0xbf"};
+// Beside letters and digits, in an event that becomes an argument of the collection script.
+constexpr std::string_view kEventMarks = "_:/";
 constexpr std::string_view kMemoryEvents[] = {"read", "write"};
 constexpr std::string_view kAicoreMetrics[] = {
     "ArithmeticUtilization",      "PipeUtilization", "PipeUtilizationExct",
@@ -94,6 +96,10 @@ bool ParamValidation::CheckCtrlCpuEventIsValid(const Texts& events) const {
         return false;
     }
     return std::all_of(events.begin(), events.end(), [](const std::string& event) {
+        if (!HoldsOnly(event, kEventMarks)) {
+            PROF_LOGE("cpu event is invalid.%s", event.c_str());
+            return false;
+        }
         return Utils::ToLower(event).find("0x") != std::string::npos;
     });
 }
@@ -145,7 +151,7 @@ bool ParamValidation::CheckHbmEventsIsValid(const Texts& events) const {
 }
 
 bool ParamValidation::CheckLlcEventsIsValid(const std::string& events) const {
-    if (!HoldsOnly(events, "_/, ")) {
+    if (!HoldsOnly(events, std::string(kEventMarks) + ",")) {
         PROF_LOGE("llc events is invalid.%s", events.c_str());
         return false;
     }

@@ -27,7 +27,8 @@ public:
     // Entries of an event list: at most 8. Of a core list: at most 50. Silent.
     bool CheckEventsSize(int n) const;
     bool CheckCoresSize(int n) const;
-    // Each event holds "0x" in either case; an event without it is refused silently.
+    // Each event holds "0x" in either case, and letters, digits, "_", ":" and "/" alone, so that
+    // it adds no argument to a command that runs as root. One without "0x" is refused silently.
     bool CheckCtrlCpuEventIsValid(const Texts& events) const;
     // Each event is a hexadecimal number from 1 to 0x50E, with or without "0x". Also for the
     // vector core.
@@ -38,7 +39,7 @@ public:
     // refused silently.
     bool CheckDdrEventsIsValid(const Texts& events) const;
     bool CheckHbmEventsIsValid(const Texts& events) const;
-    // Letters, digits, "_", "/", "," and blanks; also nothing.
+    // A list separated by commas of events from the same characters; also nothing.
     bool CheckLlcEventsIsValid(const std::string& events) const;
     // Known L2 cache events, in either case and with blanks around them.
     bool CheckL2CacheEventsValid(const Texts& events) const;

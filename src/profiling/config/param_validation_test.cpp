@@ -87,8 +87,12 @@ TEST(ParamValidation, Lists) {
         return Checks().CheckAiCoreEventCoresIsValid(values);
     };
     const Question events = [](const std::string& e) { return Checks().CheckEventsText(e) == 0; };
-    Expect(List(&V::CheckCtrlCpuEventIsValid), {"", "0x8|r0X11", Times(8, "0x1")}, {"0x8|11"},
+    Expect(List(&V::CheckCtrlCpuEventIsValid),
+           {"", "0x8|r0X11", "0x11:u|cpu/0x8_/", Times(8, "0x1")}, {"0x8|11"},
            {{Times(9, "0x1"), "E cpu events size(9) is bigger than 8"}});
+    for (const std::string e : {"0x1 --kill", "0x1;id", "0x1}", "0x1\n", "0x1,0x2", "0x1\xe4"}) {
+        Expect(List(&V::CheckCtrlCpuEventIsValid), {}, {}, {{e, "E cpu event is invalid." + e}});
+    }
     Expect(List(&V::CheckAiCoreEventsIsValid), {"1|0x50E| 0x2", Times(8, "0x1")}, {},
            {{Times(9, "0x1"), "E ai core events size(9) is bigger than 8"}});
     for (const char* e : {"0x50f", "0x0", "-1", "memory", "0x10;", "0x10000000000000001"}) {
@@ -103,9 +107,10 @@ TEST(ParamValidation, Lists) {
     Expect(List(&V::CheckL2CacheEventsValid), {"0x59|  0xBF ", Times(8, "0x59")}, {},
            {{"0x59|0x5A", "E l2Cacheevent:0x5a is invalid"},
             {Times(9, "0x59"), "E L2Cache events size(9) is bigger than 8"}});
-    Expect(
-        Text(&V::CheckLlcEventsIsValid), {"", "read_0/x, WRITE9"}, {},
-        {{"read;ls", "E llc events is invalid.read;ls"}, {"\xe4", "E llc events is invalid.\xe4"}});
+    Expect(Text(&V::CheckLlcEventsIsValid), {"", "read_0/x,WRITE9:u"}, {},
+           {{"read;ls", "E llc events is invalid.read;ls"},
+            {"read, write", "E llc events is invalid.read, write"},
+            {"\xe4", "E llc events is invalid.\xe4"}});
     Expect(events, {"", "1,2,3,4,5,6,7,8,"}, {},
            {{"1,2,3,4,5,6,7,8,9", "E events Size is incorrect. 1,2,3,4,5,6,7,8,9"}});
     Expect(Text(&V::CheckStarsAcsqIsValid), {"", "dsa,ctrl_task"}, {},
