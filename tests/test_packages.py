@@ -91,6 +91,7 @@ def test_programs_are_hardened_and_their_symbols_packed(unpacked, pattern):
     assert "DYN (" in elf and "GNU_RELRO" in elf and re.search(r"FLAGS_1.*\bNOW\b", elf)
     assert "__stack_chk_fail" in elf and re.search(r"\b__\w+_chk@", elf)
     assert pattern.endswith(".so") or re.search(r"FLAGS_1.*\bPIE\b", elf)
+    assert str(BIN.parent.parent) not in elf, "a path of the building machine"
     build = re.search(r"Build ID: (..)(\w+)", elf)
     symbols = unpacked / f"usr/lib/debug/.build-id/{build[1]}/{build[2]}.debug"
     assert ".debug_line" in output("readelf", "-SW", symbols)
