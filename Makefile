@@ -1,11 +1,12 @@
 # The ways in. Everything is built below build/<preset>; CMakePresets.json has the presets.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test sanitize fuzz bench soak stacks device aarch64 package format format-check check tidy clean
+.PHONY: help setup build demo test sanitize fuzz bench bench-smoke soak stacks device aarch64 package format format-check check tidy clean
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 30
 SOAK_SECONDS ?= 600
 STACK_SECONDS ?= 60
+PRESET ?= release
 SANDBOX := platform/standins/orla-sandbox
 SOURCES = git ls-files -z -- '*.h' '*.cpp' '*.c'
 
@@ -44,6 +45,9 @@ fuzz: setup  ## run each fuzzer for FUZZ_SECONDS (30) from its corpus in tests/c
 bench: build  ## run all benchmarks (some minutes), with one table at the end
 	@scripts/bench
 
+bench-smoke: build  ## run each benchmark once and short, to see that it still runs
+	@scripts/bench --smoke
+
 soak: build  ## jobs, pulls and log requests for SOAK_SECONDS (600), with an eye on the memory
 	@ORLA_BIN=$(CURDIR)/build/release/bin ORLA_SANDBOX=$(CURDIR)/$(SANDBOX) \
 	    /usr/bin/python3 tests/soak.py $(SOAK_SECONDS)
@@ -52,12 +56,19 @@ stacks: build  ## measure the stacks of the daemon's threads for STACK_SECONDS (
 	@ORLA_BIN=$(CURDIR)/build/release/bin ORLA_SANDBOX=$(CURDIR)/$(SANDBOX) \
 	    ORLA_CHAOS_SECONDS=$(STACK_SECONDS) /usr/bin/python3 -B tests/stack_marks.py $(STACK_SECONDS)
 
-device: setup  ## link the daemon as for a device, against libraries made from the contract headers
+device: setup  ## link the daemon as for a device, against libraries whose driver only fails; start it
 	@cmake --preset device -DORLA_PLATFORM_LIBS="$$(scripts/device-stubs build/device-stubs)"
 	@cmake --build --preset device -j $(JOBS)
+	@scripts/device-start build/device
 
-package: build  ## Debian packages of daemon, host tool and simulated driver: build/packages
-	@cd build/release && cpack -B ../packages >/dev/null && ls ../packages/*.deb
+# A device build is packed as its libraries were chosen, by a porter or by `make device`.
+package: setup  ## Debian packages: build/packages/PRESET (release; device: of what build/device has)
+	@[ $(PRESET) = release ] || [ -f build/$(PRESET)/CMakeCache.txt ] || \
+	    { echo "build/$(PRESET) is not configured; docs/porting.md tells how" >&2; exit 1; }
+	@[ $(PRESET) != release ] || cmake --preset release
+	@cmake --build build/$(PRESET) -j $(JOBS)
+	@rm -rf build/packages/$(PRESET)
+	@cd build/$(PRESET) && cpack -B ../packages/$(PRESET) >/dev/null && ls ../packages/$(PRESET)/*deb
 
 # The test preset leaves out the unit tests that start another program of the build, or wait for the
 # failure of an exec: qemu's user emulation can do neither.

@@ -14,6 +14,7 @@
 namespace {
 
 using analysis::nedra::proto::FileChunkReq;
+using orla::bench::Repeated;
 constexpr size_t kChunk = 2 * 1024 * 1024;
 constexpr size_t kPacketRoom = 12;
 
@@ -73,10 +74,6 @@ void BM_EncodeReused(benchmark::State& state) {
         benchmark::DoNotOptimize(buffer.data());
     }
     CountBytes(state);
-}
-
-void Repeated(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Repetitions(5)->ReportAggregatesOnly()->MinTime(0.2);
 }
 
 BENCHMARK(BM_MemcpyFresh)->Apply(Repeated);

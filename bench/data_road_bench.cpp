@@ -50,11 +50,11 @@ using orla::bench::Median;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kService = kHdcServiceRequests;
-constexpr int kRounds = 3;
-constexpr size_t kChunk = 2 << 20;  // what a full reader uploads at a time
-constexpr int kChunks = 2000;
-constexpr double kBytes = double{kChunk} * kChunks;
-constexpr uint64_t kRecords = uint64_t{kChunk} * kChunks / 32;
+const int kRounds = orla::bench::Rounds(3);
+constexpr size_t kChunk = 2 << 20;                     // what a full reader uploads at a time
+const int kChunks = orla::bench::Smoke() ? 24 : 2000;  // as many for each of the channels
+const double kBytes = double{kChunk} * kChunks;
+const uint64_t kRecords = uint64_t{kChunk} * static_cast<uint64_t>(kChunks) / 32;
 constexpr uint64_t kShortQueue = 4;
 constexpr int kChannels = 8;
 constexpr char kJob[] = "bench";

@@ -7,11 +7,25 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
 
 namespace orla::bench {
+
+// `make bench-smoke` wants to know only that a program still runs: once, with a hundredth of the
+// work. What it then prints are no figures.
+inline bool Smoke() {
+    static const bool smoke = std::getenv("ORLA_BENCH_SMOKE") != nullptr;
+    return smoke;
+}
+inline int Rounds(int full) {
+    return Smoke() ? 1 : full;
+}
+inline int Share(int full) {
+    return Smoke() ? std::max(1, full / 100) : full;
+}
 
 inline double Median(std::vector<double> values) {
     std::sort(values.begin(), values.end());
@@ -23,6 +37,10 @@ inline void Figure(const std::string& what, const std::string& unit, double ours
                    const std::string& peer) {
     fmt::print("figure\t{}\t{}\t{:.4g}\t{:.4g}\t{:.2f}\t{}\n", what, unit, ours, limit,
                ours / limit, peer);
+}
+
+inline void Repeated(benchmark::internal::Benchmark* benchmark) {
+    benchmark->Repetitions(5)->ReportAggregatesOnly()->MinTime(Smoke() ? 0.001 : 0.2);
 }
 
 // Runs all benchmarks of the program, and keeps the median nanoseconds of each by its name.

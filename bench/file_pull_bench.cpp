@@ -26,8 +26,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr uint64_t kFileSize = 512ull << 20;
-constexpr int kRounds = 3;
+const uint64_t kFileSize = orla::bench::Smoke() ? 8ull << 20 : 512ull << 20;
+const int kRounds = orla::bench::Rounds(3);
 constexpr int kBareService = 4;
 constexpr const char* kSource = "/var/log/npu/sablebox_logs/bench";
 constexpr const char* kTarget = "/tmp/pulled";

@@ -26,8 +26,8 @@ using orla::bench::Median;
 using Clock = std::chrono::steady_clock;
 
 constexpr int kService = kHdcServiceRequests;
-constexpr int kRounds = 5;
-constexpr int kPings = 20000;
+const int kRounds = orla::bench::Rounds(5);
+const int kPings = orla::bench::Share(20000);
 constexpr int kSocketBuffer = 1 << 20;
 constexpr uint32_t kFrameHeader = 4;
 
@@ -247,8 +247,8 @@ int main() {
     fmt::print("{:<26}{:>12}{:>14}{:>8}\n", "HDC between two processes", "hdc", "bare socket",
                "ratio");
     std::fflush(stdout);
-    Report(64, 200000, kPings);
-    Report(64 << 10, 20000, 0);
-    Report(2 << 20, 1000, 0);
+    Report(64, orla::bench::Share(200000), kPings);
+    Report(64 << 10, orla::bench::Share(20000), 0);
+    Report(2 << 20, orla::bench::Share(1000), 0);
     return 0;
 }

@@ -26,6 +26,7 @@ namespace {
 
 using Element = std::shared_ptr<std::string>;
 using analysis::nedra::common::queue::BoundQueue;
+using orla::bench::Repeated;
 
 constexpr uint64_t kCapacity = 512;  // of an uploader
 
@@ -104,10 +105,6 @@ void BM_Stream(benchmark::State& state) {
         producer.join();
     }
     state.SetItemsProcessed(state.iterations());
-}
-
-void Repeated(benchmark::internal::Benchmark* benchmark) {
-    benchmark->Repetitions(5)->ReportAggregatesOnly()->MinTime(0.2);
 }
 
 void Streams(benchmark::internal::Benchmark* benchmark) {

@@ -43,13 +43,13 @@ using orla::bench::Figure;
 using orla::bench::Median;
 using std::chrono::milliseconds;
 
-constexpr int kSleepers = 500;
-constexpr int kSamples = 40;
+const int kSleepers = orla::bench::Smoke() ? 20 : 500;
+const int kSamples = orla::bench::Smoke() ? 3 : 40;
 constexpr milliseconds kPace{100};
 constexpr const char* kFiles[] = {"stat", "statm", "comm"};
 constexpr rlim_t kManyFiles = 4096;
 constexpr rlim_t kFewFiles = 256;
-constexpr std::chrono::seconds kIdle{3};
+const milliseconds kIdle{orla::bench::Smoke() ? 200 : 3000};
 
 void Check(bool good, const char* what) {
     if (!good) {
@@ -271,7 +271,8 @@ void MeasureIdleTimer() {
     }
     timers.StopProfTimer();
     const double bare = IdleCpu([] {
-        for (const double end = Seconds(CLOCK_MONOTONIC) + kIdle.count();
+        for (const double end =
+                 Seconds(CLOCK_MONOTONIC) + std::chrono::duration<double>(kIdle).count();
              Seconds(CLOCK_MONOTONIC) < end;) {
             mmSleep(1);
         }
@@ -301,6 +302,9 @@ int main() {
     const Sleepers sleepers;
     Apart([] {
         const double ours = Compare(kManyFiles);
+        if (orla::bench::Smoke()) {
+            return;
+        }
         MeasureProgram("pidstat -u -r, each second", "pidstat -u -r -p ALL 1 5", 6, ours);
         MeasureProgram("top -b, every 100 ms", "top -b -d 0.1 -n 40", 40, ours);
     });

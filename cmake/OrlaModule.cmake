@@ -18,6 +18,15 @@ endif()
 if(ORLA_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
+if(NOT ORLA_SANITIZE)
+  # Everything from outside is hostile. Sanitizers check more than these options do, and would not
+  # see the library calls that _FORTIFY_SOURCE replaces.
+  add_compile_options(-fstack-protector-strong
+    "$<$<CONFIG:Release,RelWithDebInfo>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+  add_link_options(-Wl,-z,relro,-z,now)
+  include(CheckPIESupported)
+  check_pie_supported()  # links programs as CMAKE_POSITION_INDEPENDENT_CODE compiles them
+endif()
 
 # Every test runs in the sandbox: private /var, /home and SysV queues, so that the paths of a
 # device are the ones that are tested and nothing of the machine is touched.

@@ -79,6 +79,30 @@ def test_refused_include_is_named(tmp_path, source, name):
     assert code == 1 and out.startswith(f"{source}:{line}: ") and out.count("\n") == 1
 
 
+def test_skipped_tests_are_counted_and_need_a_reason(tmp_path):
+    log = tmp_path / "Testing/Temporary/LastTest.log"
+    text = "a_test.cpp:9: Skipped\n{}\n\n[  SKIPPED ] A.B (0 ms)\n" \
+           "SKIPPED [2] tests/test_b.py:23: systemd-analyze is missing\n1 passed, 2 skipped in 1 s\n"
+    write(tmp_path, {log.relative_to(tmp_path): text.format("no such reason")})
+    assert check("skipped", tmp_path) == (
+        1, "skipped, 1: not expected: no such reason\n"
+           "skipped, 2: not expected: systemd-analyze is missing\nskipped: 3, not expected: 3\n")
+    log.write_text("[       OK ] A.B (0 ms)\n25 passed in 34.10s\n")
+    assert check("skipped", tmp_path) == (0, "skipped: 0, not expected: 0\n")
+
+
+def test_sizes_of_an_sdk(tmp_path):
+    options = ["-I", tmp_path]
+    for header in (TOP / "platform/include").iterdir():
+        text = header.read_text().replace("opaque[32]", "opaque[40]").replace("DlogAttr", "LogAttr")
+        (tmp_path / header.name).write_text(text)
+        options += ["-include", header.name]
+    done = subprocess.run([TOP / "scripts/check-sdk", *options], capture_output=True, text=True)
+    assert (done.returncode, done.stdout) == (
+        1, "app_monitor.h: appmon_client_t has 256 bytes, in the SDK 320\n"
+           "device_log.h: DlogAttr has 64 bytes, in the SDK none\n")
+
+
 @pytest.mark.parametrize("content, fault", [
     (b"see /wor" + b"k/main/x\n", "machine path: file.txt:1:"),
     (b"HOME=/home/some" + b"one/x\n", "machine path: file.txt:1:"),

@@ -244,7 +244,7 @@ void Server::SetTimer() {
         next = std::min(next, greetings_.begin()->second.deadline);
     }
     uint64_t fired = 0;
-    static_cast<void>(read(timer_.get(), &fired, sizeof(fired)));
+    static_cast<void>(!read(timer_.get(), &fired, sizeof(fired)));
     if (next == std::exchange(timerAt_, next) && fired == 0) {
         return;
     }

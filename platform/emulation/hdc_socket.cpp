@@ -84,11 +84,7 @@ bool RemoveStale(const std::string& path, const sockaddr_un& address) {
 
 std::string HdcDirectory() {
     const char* own = std::getenv("ORLA_HDC_DIR");
-    if (own != nullptr && *own != '\0') {
-        return own;
-    }
-    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    return std::string(runtime != nullptr && *runtime != '\0' ? runtime : "/run") + "/orla/hdc";
+    return own != nullptr && *own != '\0' ? own : "/run/orla/hdc";
 }
 
 std::string SocketPath(int logicalDevice, int serviceType) {

@@ -35,7 +35,7 @@ private:
     int fd_ = -1;
 };
 
-// $ORLA_HDC_DIR, else $XDG_RUNTIME_DIR/orla/hdc, else /run/orla/hdc.
+// $ORLA_HDC_DIR, else /run/orla/hdc.
 [[nodiscard]] std::string HdcDirectory();
 [[nodiscard]] std::string SocketPath(int logicalDevice, int serviceType);
 
