@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "hdc/descriptor.h"
 #include "hdc/log_side.h"
 #include "server/velt_msg_proto.h"
 
@@ -21,21 +22,6 @@ ssize_t ReadSome(int fd, void* buffer, uint32_t size) {
         count = mmRead(fd, buffer, size);
     } while (count < 0 && mmGetErrorCode() == EINTR);
     return count;
-}
-
-bool WriteAll(int fd, const char* bytes, uint32_t size) {
-    while (size > 0) {
-        const ssize_t count = mmWrite(fd, bytes, size);
-        if (count < 0 && mmGetErrorCode() == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        bytes += count;
-        size -= static_cast<uint32_t>(count);
-    }
-    return true;
 }
 
 // The size of the file, with the position back at its start. kMsgOk or kMsgFailed.
@@ -120,7 +106,7 @@ int StoreSlice(const MsgProto& message, int fd) {
         IDE_LOGW("a slice of %u bytes is too long and was dropped", message.sliceLen);
         return kMsgOk;
     }
-    if (!WriteAll(fd, message.data, message.sliceLen)) {
+    if (orla::WriteAll(fd, message.data, message.sliceLen) != message.sliceLen) {
         IDE_LOGE("write file failed : info [%s]", orla::SystemErrorText().c_str());
         return kMsgFailed;
     }
