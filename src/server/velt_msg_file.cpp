@@ -87,12 +87,9 @@ int SendEmptyFile(const CommHandle& session, MsgProto& message) {
     return kMsgOk;
 }
 
-// A message with room for a whole slice, or the reason why there is none.
-int CreateSliceMsg(uint16_t type, uint16_t devId, int fd, MsgPtr& message) {
-    if (fd < 0) {
-        return kMsgBadDescriptor;
-    }
-    message = CreateMsg(type, devId, nullptr, kMaxSliceSize);
+// A message with room for `size` bytes, or the reason why there is none.
+int CreateSliceMsg(uint16_t type, uint16_t devId, uint32_t size, MsgPtr& message) {
+    message = CreateMsg(type, devId, nullptr, size);
     if (message == nullptr) {
         IDE_LOGE("create message failed");
         return kMsgNoMemory;
@@ -116,13 +113,17 @@ int StoreSlice(const MsgProto& message, int fd) {
 }  // namespace
 
 int SendFile(const CommHandle& session, uint16_t type, uint16_t devId, int fd) {
-    MsgPtr message;
-    int ret = CreateSliceMsg(type, devId, fd, message);
+    if (fd < 0) {
+        return kMsgBadDescriptor;
+    }
+    uint32_t size = 0;
+    int ret = MeasureFile(fd, &size);
     if (ret != kMsgOk) {
         return ret;
     }
-    uint32_t size = 0;
-    ret = MeasureFile(fd, &size);
+    // No more than the file needs: the block comes zeroed, which is dear for many small files.
+    MsgPtr message;
+    ret = CreateSliceMsg(type, devId, std::min(size, kMaxSliceSize), message);
     if (ret != kMsgOk) {
         return ret;
     }
@@ -137,8 +138,11 @@ int SendFile(const CommHandle& session, uint16_t type, uint16_t devId, int fd) {
 }
 
 int SendEventFile(const CommHandle& session, uint16_t type, uint16_t devId, int fd) {
+    if (fd < 0) {
+        return kMsgBadDescriptor;
+    }
     MsgPtr message;
-    int ret = CreateSliceMsg(type, devId, fd, message);
+    int ret = CreateSliceMsg(type, devId, kMaxSliceSize, message);
     if (ret != kMsgOk) {
         return ret;
     }
