@@ -1,6 +1,8 @@
 """Pulling files: the real component, its commands and scripts, and the host tool."""
+import contextlib
 import json
 import os
+import pathlib
 import resource
 import shutil
 import struct
@@ -45,6 +47,15 @@ def put(device, path, content=b"x"):
 
 def files(folder):
     return sorted(path.name for path in folder.iterdir() if path.is_file())
+
+
+def open_files(program):
+    """Names without their directories, which lie in the sandbox."""
+    names = []
+    for link in pathlib.Path(f"/proc/{program.pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):  # closed just now
+            names.append(os.readlink(link).rsplit("/", 1)[-1])
+    return names
 
 
 def message(data=b"", kind=0, status=0):
@@ -165,7 +176,7 @@ def test_driver_files_are_read_in_place_and_others_copied(daemon):
 
 @pytest.mark.parametrize("kind, folder", [(b"bbox", "var/log/npu/sablebox_logs"),
                                           (b"message", "var/log")])
-def test_a_file_that_is_rewritten_meanwhile_arrives_as_it_was(daemon, kind, folder):
+def test_a_file_that_is_rewritten_meanwhile_arrives_as_it_was(served, daemon, kind, folder):
     for old in (daemon.root / "var/log").glob("messages*"):
         old.unlink()
     before = os.urandom(8 * SLICE)  # more than a session holds, so the rest is still to be read
@@ -177,6 +188,8 @@ def test_a_file_that_is_rewritten_meanwhile_arrives_as_it_was(daemon, kind, fold
         source.write_bytes(b"y" * 9 * SLICE)
         assert files(source.parent) == names
         assert files(daemon.lock.parent) == [daemon.lock.name]
+        # What was prepared is sent, and not copied again.
+        assert ("messages (deleted)" in open_files(served[1])) == (kind == b"message")
         assert b"".join(parse(peer.receive())[4] for _ in range(8)) == before
         peer.message(message(kind=1, status=6))
         assert parse(peer.receive())[4] == b"game_over\0"

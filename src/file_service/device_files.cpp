@@ -61,9 +61,13 @@ std::string NameBelow(const DeviceFileType& type, const std::string& path) {
 // ---- Files that are there
 // ------------------------------------------------------------------------
 
-std::optional<DeviceFile> OpenCopy(const DeviceFileType& type, const std::string& path) {
+std::optional<DeviceFile> OpenCopy(const DeviceFileType& type, const std::string& path,
+                                   DeviceFile& spare) {
     LogReady(path);
     DeviceFile file{path, NameBelow(type, path), orla::Descriptor()};
+    if (GetFileDir(path) == GetFileDir(spare.path)) {
+        file.content = std::move(spare.content);
+    }
     if (CopyWithoutName(path, &file.content) == CopyEnd::kNotBegun) {
         return LeftOut(path);
     }
@@ -71,7 +75,8 @@ std::optional<DeviceFile> OpenCopy(const DeviceFileType& type, const std::string
 }
 
 // Driver files: a copy would read them twice.
-std::optional<DeviceFile> OpenInPlace(const DeviceFileType& type, const std::string& path) {
+std::optional<DeviceFile> OpenInPlace(const DeviceFileType& type, const std::string& path,
+                                      DeviceFile& /*spare*/) {
     if (!IsReadable(path)) {
         return std::nullopt;
     }
@@ -80,9 +85,10 @@ std::optional<DeviceFile> OpenInPlace(const DeviceFileType& type, const std::str
     return file.content ? std::move(file) : LeftOut(path);
 }
 
-std::optional<DeviceFile> OpenScripted(const DeviceFileType& type, const std::string& path) {
+std::optional<DeviceFile> OpenScripted(const DeviceFileType& type, const std::string& path,
+                                       DeviceFile& spare) {
     // A copy here, too: a script may have left a process that still writes.
-    auto file = OpenCopy(type, path);
+    auto file = OpenCopy(type, path, spare);
     Remove(path);
     return file;
 }
@@ -147,7 +153,8 @@ bool CopyMessage(const std::string& path, const std::string& copy) {
 }
 
 // What the preparation made is the file's own copy, and is sent as it is.
-std::optional<DeviceFile> OpenPrepared(const DeviceFileType& type, const std::string& path) {
+std::optional<DeviceFile> OpenPrepared(const DeviceFileType& type, const std::string& path,
+                                       DeviceFile& /*spare*/) {
     if (!PassesAgingCheck(path)) {
         return std::nullopt;
     }
@@ -286,7 +293,7 @@ int DeviceFileWalk::FindScripted(seconds scriptLimit) {
 
 void DeviceFileWalk::Open(size_t count) {
     while (next_ < paths_.size() && opened_.size() < count) {
-        auto file = type_.open(type_, paths_[next_]);
+        auto file = type_.open(type_, paths_[next_], spare_);
         ++next_;
         if (file) {
             opened_.push_back(std::move(*file));

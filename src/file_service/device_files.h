@@ -16,6 +16,7 @@
 #include <deque>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hdc/descriptor.h"
@@ -36,8 +37,10 @@ struct DeviceFileType {
     bool recursive;
     // Made by scripts at every request, and removed once they are taken.
     bool scripted;
-    // Makes a file that was found ready. Nothing, with a log line, when it is left out.
-    std::optional<DeviceFile> (*open)(const DeviceFileType& type, const std::string& path);
+    // Makes a file that was found ready. Nothing, with a log line, when it is left out. `spare` is
+    // one that was sent, and whose content may be taken for the new one's.
+    std::optional<DeviceFile> (*open)(const DeviceFileType& type, const std::string& path,
+                                      DeviceFile& spare);
     // Sends the content; as Velt::SendFile.
     int (*send)(const Velt::CommHandle& session, uint16_t type, uint16_t devId, int fd);
 };
@@ -63,6 +66,8 @@ public:
 
     // The next file that can be sent; nothing at the end.
     [[nodiscard]] std::optional<DeviceFile> Next();
+    // Takes a file back that has been sent. May be left out.
+    void TakeBack(DeviceFile file) { spare_ = std::move(file); }
 
 private:
     int FindScripted(std::chrono::seconds scriptLimit);
@@ -74,4 +79,5 @@ private:
     // Of scripted files FindScripted opens as many as one request may hold open, and Next more
     // when those are sent. What another request has cleared by then is lost.
     std::deque<DeviceFile> opened_;
+    DeviceFile spare_;
 };

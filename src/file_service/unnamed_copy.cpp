@@ -41,6 +41,13 @@ Descriptor MakeWithoutName(const std::string& directory) {
     return file ? std::move(file) : MakeUnlinked(directory);
 }
 
+// An earlier copy as a new file; nothing when there is none, or it can't be emptied.
+Descriptor Emptied(Descriptor copy) {
+    const bool empty =
+        copy && ftruncate(copy.get(), 0) == 0 && mmLseek(copy.get(), 0, SEEK_SET) == 0;
+    return empty ? std::move(copy) : Descriptor();
+}
+
 bool IsRoomMissing(int error) {
     return error == ENOSPC || error == EDQUOT || error == EFBIG;
 }
@@ -118,11 +125,14 @@ Descriptor OpenRegularFile(const std::string& path) {
 }
 
 CopyEnd CopyWithoutName(const std::string& path, Descriptor* copy) {
+    Descriptor target = Emptied(std::move(*copy));
     const Descriptor source = OpenRegularFile(path);
     if (!source) {
         return CopyEnd::kNotBegun;
     }
-    Descriptor target = MakeWithoutName(GetFileDir(path));
+    if (!target) {
+        target = MakeWithoutName(GetFileDir(path));
+    }
     if (!target) {
         return Fail(IsRoomMissing(errno) ? CopyEnd::kBroken : CopyEnd::kNotBegun, path, errno);
     }

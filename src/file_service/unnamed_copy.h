@@ -18,7 +18,9 @@ enum class CopyEnd {
 
 // Copies a file into one without a name in the same directory. With kWhole `*copy` is open for
 // reading and writing, at any position, and its content goes with the last descriptor; otherwise
-// `*copy` is unchanged and one log line says why.
+// `*copy` is nothing and one log line says why. What `*copy` was before is nothing, or an earlier
+// copy in that directory, which nobody reads any more: its file is used again, since it costs a
+// file system more to make a new one than to fill it with a small log.
 //
 // The time that the content stems from is as short as the system can make it: shared extents where
 // the file system has them, else a copy within the kernel, else one through memory. Room is

@@ -106,13 +106,18 @@ TEST_F(UnnamedCopyTest, IsTheSameByEveryWayAndNeverShows) {
     for (const size_t size : {0, 1, 200000}) {
         const std::string content = orla::test::Text(size);
         const std::string path = Put("source", content);
+        const std::string next = Put("next", content.substr(0, size / 2));
         for (const auto& way : ways) {
             SCOPED_TRACE(way.name + std::to_string(size));
             Descriptor copy;
-            RunWithout(way.lacking,
-                       [&] { EXPECT_EQ(CopyEnd::kWhole, CopyWithoutName(path, &copy)); });
+            const auto make = [&](const std::string& from) {
+                return [&] { EXPECT_EQ(CopyEnd::kWhole, CopyWithoutName(from, &copy)); };
+            };
+            RunWithout(way.lacking, make(path));
             EXPECT_TRUE(Text(copy) == (way.cloned ? "" : content));
-            EXPECT_EQ(1u, Names());
+            RunWithout(way.lacking, make(next));
+            EXPECT_TRUE(Text(copy) == content.substr(0, way.cloned ? 0 : size / 2));
+            EXPECT_EQ(2u, Names());
         }
     }
 }

@@ -69,10 +69,11 @@ int SendFiles(const CommHandle& session, const DeviceFileType& type) {
     if (walk.Find() != 0) {
         return -1;
     }
-    while (const auto file = walk.Next()) {
+    while (auto file = walk.Next()) {
         if (Transfer(session, type, *file) == Velt::kMsgTransportFailed) {
             return -1;
         }
+        walk.TakeBack(std::move(*file));
     }
     if (SendText(session, Velt::kMsgStatusGoOn, kEnd) != Velt::kMsgOk) {
         IDE_LOGE("send end msg failed");
