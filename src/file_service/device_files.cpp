@@ -34,7 +34,7 @@ constexpr struct {
 // The working directory, the module directory in it included. A preparation clears it, and what
 // another request has made there must be open by then.
 struct WorkDir {
-    std::mutex mutex;
+    std::mutex mutex;  // guards the directory and what follows
     bool scriptsRun = false;
     std::condition_variable scriptsEnded;
 } workDir;
@@ -58,8 +58,7 @@ std::string NameBelow(const DeviceFileType& type, const std::string& path) {
     return path.substr(std::string_view(type.directory).size());
 }
 
-// ---- Files that are there
-// ------------------------------------------------------------------------
+// ---- Files that are there ----------------------------------------------------------------------
 
 std::optional<DeviceFile> OpenCopy(const DeviceFileType& type, const std::string& path,
                                    DeviceFile& spare) {
