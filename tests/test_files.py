@@ -1,6 +1,8 @@
-"""Pulling files: the real component, its shell commands and the host tool."""
+"""Pulling files: the real component, its commands and scripts, and the host tool."""
+import contextlib
 import json
 import os
+import pathlib
 import resource
 import shutil
 import struct
@@ -41,6 +43,19 @@ def put(device, path, content=b"x"):
     file.parent.mkdir(parents=True, exist_ok=True)
     file.write_bytes(content)
     return file
+
+
+def files(folder):
+    return sorted(path.name for path in folder.iterdir() if path.is_file())
+
+
+def open_files(program):
+    """Names without their directories, which lie in the sandbox."""
+    names = []
+    for link in pathlib.Path(f"/proc/{program.pid}/fd").iterdir():
+        with contextlib.suppress(FileNotFoundError):  # closed just now
+            names.append(os.readlink(link).rsplit("/", 1)[-1])
+    return names
 
 
 def message(data=b"", kind=0, status=0):
@@ -145,12 +160,55 @@ def test_module_files_are_made_by_scripts_and_taken(daemon):
     assert not list((daemon.root / "home/SableUser/ide_daemon/module").iterdir())
 
 
-def test_driver_files_are_read_in_place(daemon):
-    node = "sys/devices/virtual/devdrv_manager/sablecore_manager/node"
-    put(daemon, f"{node}/queue", b"state\n")
-    put(daemon, f"{node}/secret", b"").chmod(0)
-    assert [m[4] for m in exchange(daemon, b"event_sched")] == [b"queue\0", b"state\n",
-                                                                b"game_over\0"]
+def test_driver_files_are_read_in_place_and_others_copied(daemon):
+    """By a directory in which no file can be made: what has to be copied is left out."""
+    for folder in ("sys/devices/virtual/devdrv_manager/sablecore_manager/node",
+                   "var/log/npu/coredump"):
+        put(daemon, f"{folder}/closed/queue", b"state\n")
+        put(daemon, f"{folder}/secret", b"").chmod(0)
+        (daemon.root / folder / "closed").chmod(0o555)
+    assert exchange(daemon, b"event_sched") == [("data", 6, 14, 0, b"/closed/queue\0"),
+                                                ("data", 0, 6, 0, b"state\n"), END]
+    put(daemon, "var/log/npu/coredump/open", b"core")
+    assert exchange(daemon, b"stackcore") == [("data", 6, 5, 0, b"open\0"),
+                                              ("data", 0, 4, 0, b"core"), END]
+
+
+@pytest.mark.parametrize("kind, folder", [(b"bbox", "var/log/npu/sablebox_logs"),
+                                          (b"message", "var/log")])
+def test_a_file_that_is_rewritten_meanwhile_arrives_as_it_was(served, daemon, kind, folder):
+    for old in (daemon.root / "var/log").glob("messages*"):
+        old.unlink()
+    before = os.urandom(8 * SLICE)  # more than a session holds, so the rest is still to be read
+    source = put(daemon, f"{folder}/messages", before)
+    names = files(source.parent)
+    with Peer(daemon.hdc, service=FRAMEWORK) as peer:
+        peer.message(message(kind))
+        assert parse(peer.receive())[4] == b"messages\0"
+        source.write_bytes(b"y" * 9 * SLICE)
+        assert files(source.parent) == names
+        assert files(daemon.lock.parent) == [daemon.lock.name]
+        # What was prepared is sent, and not copied again.
+        assert ("messages (deleted)" in open_files(served[1])) == (kind == b"message")
+        assert b"".join(parse(peer.receive())[4] for _ in range(8)) == before
+        peer.message(message(kind=1, status=6))
+        assert parse(peer.receive())[4] == b"game_over\0"
+
+
+def test_a_short_copy_is_told(served, daemon, tmp_path):
+    """A limit on the size of files in place of a full disk."""
+    program = served[1]
+    with open(put(daemon, "var/log/npu/coredump/long"), "wb") as file:
+        file.truncate(64 << 20)
+    put(daemon, "var/log/npu/coredump/small", b"core")
+    limit = resource.prlimit(program.pid, resource.RLIMIT_FSIZE, (63 << 20, -1))
+    seen = exchange(daemon, b"stackcore")
+    result = daemon.orlactl("pull", "stackcore", "-o", tmp_path)
+    resource.prlimit(program.pid, resource.RLIMIT_FSIZE, limit)
+    assert seen == [("data", 6, 5, 0, b"long\0"), ("control", 4, 0, 0, b""),
+                    ("data", 6, 6, 0, b"small\0"), ("data", 0, 4, 0, b"core"), END]
+    assert result.returncode == 5 and "stackcore/long: " in result.stderr
+    assert [p.name for p in (tmp_path / "stackcore").iterdir()] == ["small"]
 
 
 def test_names_of_all_kinds_arrive_as_they_are(daemon, tmp_path):
@@ -169,16 +227,74 @@ def test_names_of_all_kinds_arrive_as_they_are(daemon, tmp_path):
     assert len([p for p in tmp_path.rglob("*") if p.is_file()]) == len(names)
 
 
-def test_host_that_vanishes_at_any_step(daemon):
-    put(daemon, "var/log/npu/sablebox_logs/large", os.urandom(3 * SLICE))
+def ready(daemon):
+    """How many files have been made ready to be sent."""
+    return sum("preprocess message/event_sched file finished" in line for line in daemon.lines())
+
+
+def test_the_walk_ends_with_its_session(daemon):
+    put(daemon, "var/log/npu/sablebox_logs/0", os.urandom(3 * SLICE))
+    for number in range(1, 300):
+        put(daemon, f"var/log/npu/sablebox_logs/{number}")
+    failed = "end of processing [TransferFile] component failed"
     for messages in range(4):
+        before, ends = ready(daemon), sum(failed in line for line in daemon.lines())
         with Peer(daemon.hdc, service=FRAMEWORK) as peer:
             peer.message(message(b"bbox"))
             for _ in range(messages):
                 peer.receive()
-    wait_for(lambda: not list((daemon.root / "var/log/npu/sablebox_logs").glob("*.tmp")),
-             "removal of the copies")
-    assert exchange(daemon, b"bbox")[-1] == END
+        daemon.logged(failed, ends + 1)
+        assert ready(daemon) - before <= 2
+    # Module files go all the same, those that were not copied yet included.
+    for number in range(300):
+        put(daemon, f"home/SableUser/ide_daemon/module/{number}", os.urandom(3000))
+    before = ready(daemon)
+    with Peer(daemon.hdc, service=FRAMEWORK) as peer:
+        peer.message(message(b"module_info"))
+        peer.receive()
+    wait_for(lambda: not list((daemon.root / "home/SableUser/ide_daemon/module").iterdir()),
+             "removal of the module files")
+    assert ready(daemon) - before < 300
+
+
+def test_nothing_is_left_by_a_daemon_that_is_killed():
+    with Device() as device:
+        program = device.daemon()
+        wait_for(lambda: device.listens(0, FRAMEWORK), "file server")
+        put(device, "var/log/npu/sablebox_logs/large", os.urandom(8 * SLICE))
+        put(device, "var/log/messages", os.urandom(8 * SLICE))
+        with Peer(device.hdc, service=FRAMEWORK) as bbox, \
+                Peer(device.hdc, service=FRAMEWORK) as system:
+            for peer, kind in ((bbox, b"bbox"), (system, b"message")):
+                peer.message(message(kind))
+                peer.receive()
+            program.kill()
+            program.wait()
+        assert files(device.root / "var/log/npu/sablebox_logs") == ["large"]
+        assert files(device.root / "var/log") == ["messages"]
+        assert files(device.lock.parent) == [device.lock.name]
+
+
+def test_a_script_holds_nobody_up(daemon):
+    folder = daemon.root / "home/SableUser/ide_daemon/module"
+    script = put(daemon, "var/dvpp_proc_collect.sh",
+                 f"#!/bin/sh\necho made > {folder}/dvpp\n".replace(str(daemon.root), "").encode()
+                 + b"until [ -e /tmp/go ]; do sleep 0.1; done\n")
+    script.chmod(0o755)
+    put(daemon, "var/log/messages", b"system log")
+    seen = []
+    folder.mkdir(exist_ok=True)
+    thread = threading.Thread(target=lambda: seen.extend(exchange(daemon, b"module_info")))
+    thread.start()
+    try:
+        wait_for(lambda: (folder / "dvpp").exists(), "script")
+        assert exchange(daemon, b"message")[1:] == [("data", 0, 10, 0, b"system log"), END]
+        assert exchange(daemon, b"bbox") == [END] and thread.is_alive()
+    finally:
+        put(daemon, "tmp/go")
+        thread.join()
+        script.unlink()
+    assert [m[4] for m in seen] == [b"dvpp\0", b"made\n", b"game_over\0"]
 
 
 def in_parallel(work, count):

@@ -60,9 +60,12 @@ void RegisterComponents() {
     IdeRegisterComponent(kSlotMonitor, {IdeMonitorStart, IdeMonitorStop, nullptr, nullptr});
 }
 
-// A peer that vanishes while it is written to is an error of that write, not the end of all.
+// A peer that vanishes while it is written to is an error of that write, not the end of all. So is
+// a file that reaches the longest size that the process may write.
 int ide_Daemon_sub_init() {
-    return std::signal(SIGPIPE, SIG_IGN) == SIG_ERR ? -1 : 0;
+    const bool ignored =
+        std::signal(SIGPIPE, SIG_IGN) != SIG_ERR && std::signal(SIGXFSZ, SIG_IGN) != SIG_ERR;
+    return ignored ? 0 : -1;
 }
 
 int Start() {

@@ -1,6 +1,5 @@
 #include "file_service/device_files.h"
 
-#include <fcntl.h>
 #include <portability.h>
 
 #include <algorithm>
@@ -8,161 +7,88 @@
 #include <climits>
 #include <condition_variable>
 #include <mutex>
-#include <set>
+#include <string_view>
 #include <utility>
 
 #include "file_service/file_utils.h"
 #include "file_service/ide_process_util.h"
 #include "file_service/string_utils.h"
+#include "file_service/unnamed_copy.h"
 #include "hdc/log_side.h"
+#include "server/velt_msg_file.h"
 
 namespace {
 
-using Source = DeviceFileType::Source;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
 
 constexpr const char* kWorkDir = "/home/SableUser/ide_daemon/";
 constexpr int kMaxAging = 99;
 constexpr size_t kMaxOpened = 256;  // scripted files of one request; others need descriptors too
-
-// In the order of their names, in which the prefix of a path is looked for.
-constexpr DeviceFileType kFileTypes[] = {
-    {"bbox", "/var/log/npu/sablebox_logs/", "", true, Source::kCopied},
-    {"event_sched", "/sys/devices/virtual/devdrv_manager/sablecore_manager/node/", "", true,
-     Source::kInPlace},
-    {"message", "/var/log/", "messages", false, Source::kPrepared},
-    {"module_info", "/home/SableUser/ide_daemon/module/", "", true, Source::kScripted},
-    {"slog", "/var/log/npu/slog/", "", true, Source::kCopied},
-    {"stackcore", "/var/log/npu/coredump/", "", true, Source::kCopied},
-};
 
 constexpr struct {
     const char* name;
     const char* path;
 } kScripts[] = {{"dvpp", "/var/dvpp_proc_collect.sh"}};
 
-// Guards the working directory, the module directory in it included: a preparation clears it,
-// and what another request has made there must be open by then.
-std::mutex workDirMutex;
+// The working directory, the module directory in it included. A preparation clears it, and what
+// another request has made there must be open by then.
+struct WorkDir {
+    std::mutex mutex;  // guards the directory and what follows
+    bool scriptsRun = false;
+    std::condition_variable scriptsEnded;
+} workDir;
 
-// ---- Copies ------------------------------------------------------------------------------------
-
-// Removes a file at the end of its scope; an open descriptor keeps the content.
-class RemovedAtEnd {
-public:
-    RemovedAtEnd(std::string path, const char* words) : path_(std::move(path)), words_(words) {}
-    ~RemovedAtEnd() {
-        mmUnlink(path_.c_str());
-        IDE_LOGD("%s: %s", words_, path_.c_str());
-    }
-    RemovedAtEnd(const RemovedAtEnd&) = delete;
-    RemovedAtEnd& operator=(const RemovedAtEnd&) = delete;
-
-private:
-    const std::string path_;
-    const char* const words_;
-};
-
-// The right to a temporary name. The process id in it keeps processes of the host apart, but not
-// two sessions of one: the second waits until the first has opened its copy.
-class NameClaim {
-public:
-    explicit NameClaim(std::string name) : name_(std::move(name)) {
-        std::unique_lock<std::mutex> lock(mutex);
-        released.wait(lock, [this] { return claimed.count(name_) == 0; });
-        claimed.insert(name_);
-    }
-    ~NameClaim() {
-        const std::lock_guard<std::mutex> lock(mutex);
-        claimed.erase(name_);
-        released.notify_all();
-    }
-    NameClaim(const NameClaim&) = delete;
-    NameClaim& operator=(const NameClaim&) = delete;
-
-    const std::string& name() const { return name_; }
-
-private:
-    static inline std::mutex mutex;  // guards claimed; nothing else is waited for under it
-    static inline std::condition_variable released;
-    static inline std::set<std::string> claimed;
-
-    const std::string name_;
-};
-
-// cp answers nothing that is looked at, so a full disk shows in the size alone. A source that
-// grows or shrinks meanwhile has two sizes, of which the copy has at least the smaller one.
-bool CopyIsShort(const std::string& source, uint64_t sizeBefore, const std::string& copy) {
-    uint64_t sizeAfter = sizeBefore;
-    uint64_t copied = 0;
-    static_cast<void>(mmGetFileSize(source.c_str(), &sizeAfter));
-    return mmGetFileSize(copy.c_str(), &copied) == EN_OK &&
-           copied < std::min(sizeBefore, sizeAfter);
+// An open descriptor keeps the content.
+void Remove(const std::string& path) {
+    mmUnlink(path.c_str());
+    IDE_LOGD("remove prepared message file: %s", path.c_str());
 }
 
-uint64_t SizeOf(const std::string& path) {
-    uint64_t size = 0;
-    static_cast<void>(mmGetFileSize(path.c_str(), &size));
-    return size;
+void LogReady(const std::string& path) {
+    IDE_LOGI("preprocess message/event_sched file finished, %s", path.c_str());
 }
 
-// The copy's name: that of the file with the host's process id. A name that would get too long
-// loses its end; the copy is gone before the next file's is made.
-std::string TemporaryName(const std::string& path, int peerPid) {
-    const std::string suffix = "." + std::to_string(peerPid) + ".tmp";
-    const size_t nameAt = path.rfind('/') + 1;
-    return path.substr(0, nameAt) + path.substr(nameAt, NAME_MAX - suffix.size()) + suffix;
+std::optional<DeviceFile> LeftOut(const std::string& path) {
+    IDE_LOGW("Transfer file failed, %s", path.c_str());
+    return std::nullopt;
 }
 
-bool CopyToTemporary(const std::string& path, const std::string& temporary) {
-    // What lies at that name is left from a daemon that was killed, or is no file at all.
-    mmUnlink(temporary.c_str());
-    const uint64_t size = SizeOf(path);
-    if (CopyFile(path, temporary) != kFileOk || CopyIsShort(path, size, temporary)) {
-        IDE_LOGE("copy target file to tmp file failed, %s", path.c_str());
-        return false;
-    }
-    return true;
+std::string NameBelow(const DeviceFileType& type, const std::string& path) {
+    return path.substr(std::string_view(type.directory).size());
 }
 
-// The name that the host gets; empty, with a log line, for a path outside all directories.
-std::string RelativeName(const std::string& path) {
-    for (const DeviceFileType& type : kFileTypes) {
-        const size_t at = path.find(type.directory);
-        if (type.source != Source::kPrepared && at != std::string::npos) {
-            return std::string(path).erase(at, std::string(type.directory).size());
-        }
+// ---- Files that are there ----------------------------------------------------------------------
+
+std::optional<DeviceFile> OpenCopy(const DeviceFileType& type, const std::string& path,
+                                   DeviceFile& spare) {
+    LogReady(path);
+    DeviceFile file{path, NameBelow(type, path), orla::Descriptor()};
+    if (GetFileDir(path) == GetFileDir(spare.path)) {
+        file.content = std::move(spare.content);
     }
-    const size_t at = path.find(kWorkDir);
-    if (at == std::string::npos) {
-        IDE_LOGE("Invalid device file path prefix, %s", path.c_str());
-        return "";
+    if (CopyWithoutName(path, &file.content) == CopyEnd::kNotBegun) {
+        return LeftOut(path);
     }
-    return std::string(path).erase(at, std::string(kWorkDir).size());
+    return file;
 }
 
-std::optional<DeviceFile> OpenToSend(const DeviceFileType& type, const std::string& path,
-                                     int peerPid) {
-    std::string source = path;
-    std::optional<NameClaim> claim;  // goes last, when nothing is left under the name
-    std::optional<RemovedAtEnd> removed;
-    if (type.source != Source::kInPlace) {
-        claim.emplace(TemporaryName(path, peerPid));
-        source = claim->name();
-        removed.emplace(source, "remove tmp file");
-        if (!CopyToTemporary(path, source)) {
-            return std::nullopt;
-        }
-    }
-    const int fd = mmOpen2(source.c_str(), O_RDONLY, 0);
-    if (fd < 0) {
-        IDE_LOGW("open send file failed, info : %s, open file is %s",
-                 orla::SystemErrorText().c_str(), source.c_str());
+// Driver files: a copy would read them twice.
+std::optional<DeviceFile> OpenInPlace(const DeviceFileType& type, const std::string& path,
+                                      DeviceFile& /*spare*/) {
+    if (!IsReadable(path)) {
         return std::nullopt;
     }
-    DeviceFile file(type, path, RelativeName(path), fd);
-    if (file.relativeName().empty()) {
-        return std::nullopt;
-    }
+    LogReady(path);
+    DeviceFile file{path, NameBelow(type, path), OpenRegularFile(path)};
+    return file.content ? std::move(file) : LeftOut(path);
+}
+
+std::optional<DeviceFile> OpenScripted(const DeviceFileType& type, const std::string& path,
+                                       DeviceFile& spare) {
+    // A copy here, too: a script may have left a process that still writes.
+    auto file = OpenCopy(type, path, spare);
+    Remove(path);
     return file;
 }
 
@@ -189,90 +115,119 @@ bool PassesAgingCheck(const std::string& path) {
     return true;
 }
 
-// Copies a file that only root may read to the working directory; its path there, or nothing.
-std::optional<std::string> PrepareMessage(const std::string& path) {
-    std::string name;
-    if (GetFileName(path, &name) != kFileOk) {
-        IDE_LOGE("get file name failed");
-        return std::nullopt;
+uint64_t SizeOf(const std::string& path) {
+    uint64_t size = 0;
+    static_cast<void>(mmGetFileSize(path.c_str(), &size));
+    return size;
+}
+
+// Whether the command runs.
+bool RunStep(const char* step, const std::string& command) {
+    if (VeltCreateProcess(command) == 0) {
+        return true;
     }
-    const std::string copy = kWorkDir + name;
-    // The glob spares hidden files, among them the daemon's lock.
-    const std::string rm = std::string("rm -rf ") + kWorkDir + "*";
+    IDE_LOGE("VeltCreateProcess %s failed", step);
+    return false;
+}
+
+// Copies a file that only root may read to the working directory, under `copy`. Under the mutex.
+bool CopyMessage(const std::string& path, const std::string& copy) {
+    // The glob spares hidden files, among them the daemon's lock. Scripts that run want back what
+    // they have made.
+    const std::string rm =
+        "rm -rf " + (workDir.scriptsRun ? ShellWord(copy) : std::string(kWorkDir) + "*");
     const std::string cp = "sudo cp -RPn " + ShellWord(path) + " " + kWorkDir;
     const std::string chown = "sudo chown -RPf SableUser:SableUser " + ShellWord(copy);
     IDE_LOGI("rm command : %s", rm.c_str());
     IDE_LOGI("cp command : %s", cp.c_str());
     IDE_LOGI("chown command : %s", chown.c_str());
-    const uint64_t size = SizeOf(path);
-    if (VeltCreateProcess(rm) != 0) {
-        IDE_LOGE("VeltCreateProcess rm failed");
-        return std::nullopt;
+    if (!RunStep("rm", rm) || !RunStep("copy", cp) || !RunStep("chown", chown)) {
+        return false;
     }
-    if (VeltCreateProcess(cp) != 0) {
-        IDE_LOGE("VeltCreateProcess copy failed");
-        return std::nullopt;
-    }
-    if (VeltCreateProcess(chown) != 0) {
-        IDE_LOGE("VeltCreateProcess chown failed");
-        return std::nullopt;
-    }
-    if (!IsFileExist(copy) || CopyIsShort(path, size, copy)) {
+    if (!IsFileExist(copy)) {
         IDE_LOGE("copy message file failed, %s", path.c_str());
-        mmUnlink(copy.c_str());  // a full disk needs the room
-        return std::nullopt;
+        return false;
     }
-    return copy;
+    return true;
 }
 
+// What the preparation made is the file's own copy, and is sent as it is.
 std::optional<DeviceFile> OpenPrepared(const DeviceFileType& type, const std::string& path,
-                                       int peerPid) {
-    const std::lock_guard<std::mutex> lock(workDirMutex);
-    const auto copy = PrepareMessage(path);
-    if (!copy) {
+                                       DeviceFile& /*spare*/) {
+    if (!PassesAgingCheck(path)) {
+        return std::nullopt;
+    }
+    const std::string name = NameBelow(type, path);
+    const std::string copy = kWorkDir + name;
+    const std::lock_guard<std::mutex> lock(workDir.mutex);
+    const uint64_t sizeBefore = SizeOf(path);
+    if (!CopyMessage(path, copy)) {
         IDE_LOGE("preprocess message file failed, %s", path.c_str());
         return std::nullopt;
     }
-    const RemovedAtEnd removed(*copy, "remove prepared message file");
-    IDE_LOGI("preprocess message/event_sched file finished, %s", copy->c_str());
-    auto file = OpenToSend(type, *copy, peerPid);
-    if (!file) {
-        IDE_LOGW("Transfer file failed, %s", copy->c_str());
+    LogReady(copy);
+    DeviceFile file{copy, name, OpenRegularFile(copy)};
+    // cp says nothing that is looked at, so a full disk shows in the size alone. A source that
+    // grows or shrinks meanwhile has two sizes, of which the copy has at least the smaller one.
+    const bool isShort = SizeOf(copy) < std::min(sizeBefore, SizeOf(path));
+    Remove(copy);
+    if (!file.content) {
+        return LeftOut(copy);
+    }
+    if (isShort) {
+        IDE_LOGE("copy message file failed, %s", path.c_str());
+        file.content = orla::Descriptor();
     }
     return file;
 }
 
-// ---- All types ---------------------------------------------------------------------------------
+// ---- Scripts -----------------------------------------------------------------------------------
 
-std::optional<DeviceFile> OpenInOrder(const DeviceFileType& type, const std::string& path,
-                                      int peerPid) {
-    if (type.source == Source::kPrepared) {
-        return PassesAgingCheck(path) ? OpenPrepared(type, path, peerPid) : std::nullopt;
-    }
-    if (type.source == Source::kInPlace && !IsReadable(path)) {
-        return std::nullopt;
-    }
-    IDE_LOGI("preprocess message/event_sched file finished, %s", path.c_str());
-    auto file = OpenToSend(type, path, peerPid);
-    if (!file) {
-        IDE_LOGW("Transfer file failed, %s", path.c_str());
-    }
-    return file;
-}
-
-int RunScripts() {
+int RunScripts(steady_clock::time_point deadline) {
     for (const auto& script : kScripts) {
         if (!IsReadable(script.path)) {
             IDE_LOGW("Executable %s script %s is not exist", script.name, script.path);
             continue;
         }
         IDE_LOGI("Popen %s script: %s", script.name, script.path);
-        if (VeltCreateProcess(script.path) != 0) {
+        const auto left = std::chrono::ceil<seconds>(deadline - steady_clock::now());
+        if (VeltCreateProcessFor(script.path, left) != 0) {
             IDE_LOGE("VeltCreateProcess script failed");
             return -1;
         }
     }
     return 0;
+}
+
+// The turn of one request's scripts, since those of two would disturb each other. They may take
+// their time, so the mutex is free meanwhile: `lock` holds it before and after.
+class ScriptsTurn {
+public:
+    explicit ScriptsTurn(std::unique_lock<std::mutex>& lock) : lock_(lock) {
+        workDir.scriptsRun = true;
+        lock_.unlock();
+    }
+    ~ScriptsTurn() {
+        lock_.lock();
+        workDir.scriptsRun = false;
+        workDir.scriptsEnded.notify_all();
+    }
+    ScriptsTurn(const ScriptsTurn&) = delete;
+    ScriptsTurn& operator=(const ScriptsTurn&) = delete;
+
+private:
+    std::unique_lock<std::mutex>& lock_;
+};
+
+int RunScriptsInTurn(std::unique_lock<std::mutex>& lock, seconds limit) {
+    const auto deadline = steady_clock::now() + limit;
+    if (!workDir.scriptsEnded.wait_until(lock, deadline, [] { return !workDir.scriptsRun; })) {
+        IDE_LOGE("the scripts of another request did not end within %lld s",
+                 static_cast<long long>(limit.count()));
+        return -1;
+    }
+    const ScriptsTurn turn(lock);
+    return RunScripts(deadline);
 }
 
 int Scan(const DeviceFileType& type, std::vector<std::string>* paths) {
@@ -282,6 +237,17 @@ int Scan(const DeviceFileType& type, std::vector<std::string>* paths) {
     }
     return 0;
 }
+
+constexpr DeviceFileType kFileTypes[] = {
+    {"bbox", "/var/log/npu/sablebox_logs/", "", true, false, OpenCopy, Velt::SendFile},
+    {"event_sched", "/sys/devices/virtual/devdrv_manager/sablecore_manager/node/", "", true, false,
+     OpenInPlace, Velt::SendEventFile},
+    {"message", "/var/log/", "messages", false, false, OpenPrepared, Velt::SendFile},
+    {"module_info", "/home/SableUser/ide_daemon/module/", "", true, true, OpenScripted,
+     Velt::SendFile},
+    {"slog", "/var/log/npu/slog/", "", true, false, OpenCopy, Velt::SendFile},
+    {"stackcore", "/var/log/npu/coredump/", "", true, false, OpenCopy, Velt::SendFile},
+};
 
 }  // namespace
 
@@ -299,29 +265,19 @@ const DeviceFileType* FindDeviceFileType(const std::string& name) {
     return nullptr;
 }
 
-DeviceFile::DeviceFile(const DeviceFileType& type, std::string path, std::string relativeName,
-                       int fd)
-    : type_(&type), path_(std::move(path)), relativeName_(std::move(relativeName)), fd_(fd) {}
-
-DeviceFile::DeviceFile(DeviceFile&& other) noexcept
-    : type_(other.type_),
-      path_(std::move(other.path_)),
-      relativeName_(std::move(other.relativeName_)),
-      fd_(std::exchange(other.fd_, -1)) {}
-
-DeviceFile::~DeviceFile() {
-    if (fd_ >= 0) {
-        mmClose(fd_);
+DeviceFileWalk::~DeviceFileWalk() {
+    for (; type_.scripted && next_ < paths_.size(); ++next_) {
+        Remove(paths_[next_]);
     }
 }
 
-int DeviceFileWalk::Find() {
-    return type_.source == Source::kScripted ? FindScripted() : Scan(type_, &paths_);
+int DeviceFileWalk::Find(seconds scriptLimit) {
+    return type_.scripted ? FindScripted(scriptLimit) : Scan(type_, &paths_);
 }
 
-int DeviceFileWalk::FindScripted() {
-    const std::lock_guard<std::mutex> lock(workDirMutex);
-    if (RunScripts() != 0) {
+int DeviceFileWalk::FindScripted(seconds scriptLimit) {
+    std::unique_lock<std::mutex> lock(workDir.mutex);
+    if (RunScriptsInTurn(lock, scriptLimit) != 0) {
         return -1;
     }
     if (!IsDirAccessible(type_.directory)) {
@@ -330,16 +286,14 @@ int DeviceFileWalk::FindScripted() {
     if (Scan(type_, &paths_) != 0) {
         return -1;
     }
-    OpenScripted();
+    Open(kMaxOpened);
     return 0;
 }
 
-// Under the mutex.
-void DeviceFileWalk::OpenScripted() {
-    while (next_ < paths_.size() && opened_.size() < kMaxOpened) {
-        const std::string& path = paths_[next_++];
-        const RemovedAtEnd removed(path, "remove prepared message file");
-        auto file = OpenInOrder(type_, path, peerPid_);
+void DeviceFileWalk::Open(size_t count) {
+    while (next_ < paths_.size() && opened_.size() < count) {
+        auto file = type_.open(type_, paths_[next_], spare_);
+        ++next_;
         if (file) {
             opened_.push_back(std::move(*file));
         }
@@ -347,20 +301,13 @@ void DeviceFileWalk::OpenScripted() {
 }
 
 std::optional<DeviceFile> DeviceFileWalk::Next() {
-    if (type_.source == Source::kScripted && opened_.empty()) {
-        const std::lock_guard<std::mutex> lock(workDirMutex);
-        OpenScripted();
+    if (opened_.empty()) {
+        Open(type_.scripted ? kMaxOpened : 1);
     }
-    if (!opened_.empty()) {
-        DeviceFile file = std::move(opened_.front());
-        opened_.pop_front();
-        return file;
+    if (opened_.empty()) {
+        return std::nullopt;
     }
-    while (next_ < paths_.size()) {
-        auto file = OpenInOrder(type_, paths_[next_++], peerPid_);
-        if (file) {
-            return file;
-        }
-    }
-    return std::nullopt;
+    DeviceFile file = std::move(opened_.front());
+    opened_.pop_front();
+    return file;
 }

@@ -6,6 +6,7 @@
 #include <functional>
 
 #include "file_service/file_utils.h"
+#include "hdc/descriptor.h"
 #include "hdc/log_side.h"
 
 namespace {
@@ -14,43 +15,21 @@ constexpr int kOpenFlags = O_RDWR | O_CREAT | O_APPEND;
 constexpr mode_t kFileMode = 0600;
 constexpr int64_t kNoOffset = -1;
 
-class OpenFile {
-public:
-    explicit OpenFile(const std::string& name)
-        : fd_(mmOpen2(name.c_str(), kOpenFlags, kFileMode)) {}
-    ~OpenFile() {
-        if (fd_ >= 0) {
-            mmClose(fd_);
-        }
+orla::Descriptor OpenToAppend(const std::string& name) {
+    return orla::Descriptor(mmOpen2(name.c_str(), kOpenFlags, kFileMode));
+}
+
+int WriteWhole(int fd, const void* data, uint32_t length) {
+    const size_t written = orla::WriteAll(fd, data, length);
+    if (written < length) {
+        IDE_LOGE("Write failed, info : %s, writeLen: len: %zu/%u", orla::SystemErrorText().c_str(),
+                 written, length);
+        return kFileWriteFailed;
     }
-    OpenFile(const OpenFile&) = delete;
-    OpenFile& operator=(const OpenFile&) = delete;
-
-    int fd() const { return fd_; }
-
-private:
-    const int fd_;
-};
-
-int WriteAll(int fd, const char* data, uint32_t length) {
-    uint32_t left = length;
-    while (left > 0) {
-        const ssize_t written = mmWrite(fd, data, left);
-        if (written < 0 && mmGetErrorCode() == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            IDE_LOGE("Write failed, info : %s, writeLen: len: %u/%u",
-                     orla::SystemErrorText().c_str(), length - left, length);
-            return kFileWriteFailed;
-        }
-        if (static_cast<uint64_t>(written) > left) {
-            IDE_LOGE("Write failed, info : %s, writeLen larger than residLen",
-                     orla::SystemErrorText().c_str());
-            return kFileError;
-        }
-        data += written;
-        left -= static_cast<uint32_t>(written);
+    if (written > length) {
+        IDE_LOGE("Write failed, info : %s, writeLen larger than residLen",
+                 orla::SystemErrorText().c_str());
+        return kFileError;
     }
     return kFileOk;
 }
@@ -60,7 +39,7 @@ int WriteTo(int fd, const void* data, uint32_t length, int64_t offset) {
         IDE_LOGE("invalid param, fd %d, offset %ld", fd, static_cast<long>(offset));
         return kFileError;
     }
-    return WriteAll(fd, static_cast<const char*>(data), length);
+    return WriteWhole(fd, data, length);
 }
 
 // The short name that stands for one that is too long; empty when the name has no directory.
@@ -87,9 +66,9 @@ int WriteFile(const std::string& name, const void* data, uint32_t length, int64_
                      {data == nullptr, "data is nullptr"})) {
         return kFileInvalid;
     }
-    const OpenFile file(name);
-    if (file.fd() >= 0) {
-        return WriteTo(file.fd(), data, length, offset);
+    const orla::Descriptor file = OpenToAppend(name);
+    if (file) {
+        return WriteTo(file.get(), data, length, offset);
     }
     if (mmGetErrorCode() != ENAMETOOLONG) {
         IDE_LOGE("Open file %s failed , exception %s", name.c_str(),
@@ -100,12 +79,12 @@ int WriteFile(const std::string& name, const void* data, uint32_t length, int64_
     if (shortName.empty()) {
         return kFileBadPath;
     }
-    const OpenFile renamed(shortName);
-    if (renamed.fd() < 0) {
+    const orla::Descriptor renamed = OpenToAppend(shortName);
+    if (!renamed) {
         IDE_LOGE("file path error");
         return kFileBadPath;
     }
-    return WriteTo(renamed.fd(), data, length, offset);
+    return WriteTo(renamed.get(), data, length, offset);
 }
 
 int AddMappingItem(const std::string& path, const std::string& hash) {
@@ -118,13 +97,13 @@ int AddMappingItem(const std::string& path, const std::string& hash) {
         IDE_LOGE("file path error");
         return kFileBadPath;
     }
-    const OpenFile mapping(dir + "/mapping.csv");
-    if (mapping.fd() < 0) {
+    const orla::Descriptor mapping = OpenToAppend(dir + "/mapping.csv");
+    if (!mapping) {
         IDE_LOGE("the path of mapping.csv error");
         return kFileBadPath;
     }
-    if (mmLseek(mapping.fd(), 0, SEEK_END) < 0) {
-        IDE_LOGE("fd %d, set the current pos at the end of mapping.csv failed", mapping.fd());
+    if (mmLseek(mapping.get(), 0, SEEK_END) < 0) {
+        IDE_LOGE("fd %d, set the current pos at the end of mapping.csv failed", mapping.get());
         return kFileError;
     }
     std::string name;
@@ -133,5 +112,5 @@ int AddMappingItem(const std::string& path, const std::string& hash) {
         return kFileBadPath;
     }
     const std::string line = hash + "," + name + "\n";
-    return WriteAll(mapping.fd(), line.data(), static_cast<uint32_t>(line.size()));
+    return WriteWhole(mapping.get(), line.data(), static_cast<uint32_t>(line.size()));
 }

@@ -29,42 +29,52 @@ int SendText(const CommHandle& session, Velt::MsgStatus status, const char (&tex
     return Velt::SendMsg(session, Velt::kRequestTypeFile, status, text, Size);
 }
 
-bool SendName(const CommHandle& session, const std::string& name) {
-    if (Velt::SendMsg(session, Velt::kRequestTypeFile, Velt::kMsgStatusGoOn, name.c_str(),
-                      static_cast<uint32_t>(name.size() + 1)) == Velt::kMsgOk) {
-        return true;
+int SendName(const CommHandle& session, const std::string& name) {
+    const int ret = Velt::SendMsg(session, Velt::kRequestTypeFile, Velt::kMsgStatusGoOn,
+                                  name.c_str(), static_cast<uint32_t>(name.size() + 1));
+    if (ret != Velt::kMsgOk) {
+        IDE_LOGE("send file path failed, file path name is %s", name.c_str());
     }
-    IDE_LOGE("send file path failed, file path name is %s", name.c_str());
-    return false;
+    return ret;
 }
 
-bool SendContent(const CommHandle& session, const DeviceFile& file) {
-    const bool inPlace = file.type().source == DeviceFileType::Source::kInPlace;
-    const auto send = inPlace ? Velt::SendEventFile : Velt::SendFile;
-    if (send(session, Velt::kRequestTypeFile, 0, file.fd()) == Velt::kMsgOk) {
-        return true;
+// kMsgTransportFailed when the session is of no more use.
+int SendContent(const CommHandle& session, const DeviceFileType& type, const DeviceFile& file) {
+    // Without a descriptor nothing is sent, and the host learns that the file has broken off.
+    const int ret = type.send(session, Velt::kRequestTypeFile, 0, file.content.get());
+    if (ret == Velt::kMsgOk || ret == Velt::kMsgTransportFailed) {
+        return ret;
     }
     IDE_LOGE("read or send file failed, start to send ctrl msg to notice host");
-    static_cast<void>(
-        Velt::SendResponse(session, Velt::kRequestTypeFile, 0, Velt::kMsgStatusFileFailed));
-    return false;
+    const int told =
+        Velt::SendResponse(session, Velt::kRequestTypeFile, 0, Velt::kMsgStatusFileFailed);
+    return told == Velt::kMsgOk ? ret : told;
 }
 
-void Transfer(const CommHandle& session, const DeviceFile& file) {
-    if (SendName(session, file.relativeName()) && SendContent(session, file)) {
-        return;
+int Transfer(const CommHandle& session, const DeviceFileType& type, const DeviceFile& file) {
+    int ret = SendName(session, file.relativeName);
+    if (ret == Velt::kMsgOk) {
+        ret = SendContent(session, type, file);
     }
-    IDE_LOGE(" Send file name or file content failed, path is %s", file.path().c_str());
-    IDE_LOGW("Transfer file failed, %s", file.path().c_str());
+    if (ret != Velt::kMsgOk) {
+        IDE_LOGE(" Send file name or file content failed, path is %s", file.path.c_str());
+        IDE_LOGW("Transfer file failed, %s", file.path.c_str());
+    }
+    return ret;
 }
 
-int SendFiles(const CommHandle& session, const DeviceFileType& type, int peerPid) {
-    DeviceFileWalk walk(type, peerPid);
+// The walk ends with the session: a host that has gone is worth no further copy, and one that was
+// not reached must not take what follows for the end.
+int SendFiles(const CommHandle& session, const DeviceFileType& type) {
+    DeviceFileWalk walk(type);
     if (walk.Find() != 0) {
         return -1;
     }
-    while (const auto file = walk.Next()) {
-        Transfer(session, *file);
+    while (auto file = walk.Next()) {
+        if (Transfer(session, type, *file) == Velt::kMsgTransportFailed) {
+            return -1;
+        }
+        walk.TakeBack(std::move(*file));
     }
     if (SendText(session, Velt::kMsgStatusGoOn, kEnd) != Velt::kMsgOk) {
         IDE_LOGE("send end msg failed");
@@ -94,12 +104,12 @@ int VeltGetFile::Process(const CommHandle& session,
         return 0;
     }
     const std::string name(message->data, strnlen(message->data, message->sliceLen));
-    int pid = 0;
+    int pid = 0;  // a host is served only when the driver knows its process
     ret = HdcGetSessionPid(handle, &pid);
     if (ret != 0) {
         IDE_LOGE("get pid failed, %d", ret);
         return -1;
     }
     const DeviceFileType* type = FindDeviceFileType(name);
-    return type == nullptr ? -1 : SendFiles(session, *type, pid);
+    return type == nullptr ? -1 : SendFiles(session, *type);
 }

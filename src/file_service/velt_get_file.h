@@ -9,7 +9,8 @@
 //     device  data, status 6  "game_over\0"
 //
 // Where the files come from and how they are made ready is told in device_files.h. A file that
-// breaks off is followed by a control message of status 4, and the next file.
+// breaks off, or whose copy came out short, is followed by a control message of status 4, and the
+// next file. When the session has gone the rest is left, and nothing is copied any more.
 #pragma once
 
 #include "server/velt_component.h"

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "hdc/descriptor.h"
 #include "hdc/log_side.h"
 #include "server/velt_msg_proto.h"
 
@@ -21,21 +22,6 @@ ssize_t ReadSome(int fd, void* buffer, uint32_t size) {
         count = mmRead(fd, buffer, size);
     } while (count < 0 && mmGetErrorCode() == EINTR);
     return count;
-}
-
-bool WriteAll(int fd, const char* bytes, uint32_t size) {
-    while (size > 0) {
-        const ssize_t count = mmWrite(fd, bytes, size);
-        if (count < 0 && mmGetErrorCode() == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            return false;
-        }
-        bytes += count;
-        size -= static_cast<uint32_t>(count);
-    }
-    return true;
 }
 
 // The size of the file, with the position back at its start. kMsgOk or kMsgFailed.
@@ -101,12 +87,9 @@ int SendEmptyFile(const CommHandle& session, MsgProto& message) {
     return kMsgOk;
 }
 
-// A message with room for a whole slice, or the reason why there is none.
-int CreateSliceMsg(uint16_t type, uint16_t devId, int fd, MsgPtr& message) {
-    if (fd < 0) {
-        return kMsgBadDescriptor;
-    }
-    message = CreateMsg(type, devId, nullptr, kMaxSliceSize);
+// A message with room for `size` bytes, or the reason why there is none.
+int CreateSliceMsg(uint16_t type, uint16_t devId, uint32_t size, MsgPtr& message) {
+    message = CreateMsg(type, devId, nullptr, size);
     if (message == nullptr) {
         IDE_LOGE("create message failed");
         return kMsgNoMemory;
@@ -120,7 +103,7 @@ int StoreSlice(const MsgProto& message, int fd) {
         IDE_LOGW("a slice of %u bytes is too long and was dropped", message.sliceLen);
         return kMsgOk;
     }
-    if (!WriteAll(fd, message.data, message.sliceLen)) {
+    if (orla::WriteAll(fd, message.data, message.sliceLen) != message.sliceLen) {
         IDE_LOGE("write file failed : info [%s]", orla::SystemErrorText().c_str());
         return kMsgFailed;
     }
@@ -130,13 +113,17 @@ int StoreSlice(const MsgProto& message, int fd) {
 }  // namespace
 
 int SendFile(const CommHandle& session, uint16_t type, uint16_t devId, int fd) {
-    MsgPtr message;
-    int ret = CreateSliceMsg(type, devId, fd, message);
+    if (fd < 0) {
+        return kMsgBadDescriptor;
+    }
+    uint32_t size = 0;
+    int ret = MeasureFile(fd, &size);
     if (ret != kMsgOk) {
         return ret;
     }
-    uint32_t size = 0;
-    ret = MeasureFile(fd, &size);
+    // No more than the file needs: the block comes zeroed, which is dear for many small files.
+    MsgPtr message;
+    ret = CreateSliceMsg(type, devId, std::min(size, kMaxSliceSize), message);
     if (ret != kMsgOk) {
         return ret;
     }
@@ -151,8 +138,11 @@ int SendFile(const CommHandle& session, uint16_t type, uint16_t devId, int fd) {
 }
 
 int SendEventFile(const CommHandle& session, uint16_t type, uint16_t devId, int fd) {
+    if (fd < 0) {
+        return kMsgBadDescriptor;
+    }
     MsgPtr message;
-    int ret = CreateSliceMsg(type, devId, fd, message);
+    int ret = CreateSliceMsg(type, devId, kMaxSliceSize, message);
     if (ret != kMsgOk) {
         return ret;
     }
