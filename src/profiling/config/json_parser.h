@@ -37,7 +37,7 @@ class JsonParser : public analysis::nedra::common::singleton::Singleton<JsonPars
 public:
     JsonParser() = default;
 
-    // Reads the file. Once: a second call does nothing. Of no more than 1 MiB, nested no deeper
+    // Reads the file. Once: a second call does nothing. The file is no longer and no deeper nested
     // than JSON of the agent may be.
     void Init(const std::string& path);
     // What Init does with the bytes of the file: `path` is for log lines.
