@@ -162,7 +162,8 @@ Way Bare(size_t size, bool reads) {
 }
 
 // Reads until the device has sent everything.
-void RoadHost(drvHdcSession_t session) {
+void RoadHost(drvHdcSession_t handle) {
+    const HdcSessionPtr session = HdcSession::Adopt(handle);
     size_t total = 0;
     void* buffer = nullptr;
     uint32_t length = 0;
@@ -183,7 +184,7 @@ void AwaitLastRead(uint32_t channel, uint64_t records) {
 void RoadDevice(drvHdcSession_t session, uint64_t capacity, int channels) {
     Check(orla::control::LoadScenario(Scenario(channels)).empty(), "LoadScenario");
     auto& mgr = UploaderMgr::instance();
-    auto transport = HDCTransportFactory().CreateHdcTransport(session);
+    auto transport = HDCTransportFactory().CreateHdcTransport(HdcSession::Adopt(session));
     Check(mgr.CreateUploader(kJob, std::move(transport), capacity) == 0, "uploader");
     const auto jobCtx = std::make_shared<JobContext>();
     jobCtx->job_id = kJob;
@@ -221,10 +222,10 @@ struct Figures {
 
 [[noreturn]] void RunDevice(const Way& way, int ready) {
     mallopt(M_MMAP_THRESHOLD, 1 << 20);  // as the daemon's main() does
-    const drvHdcServer_t server = HdcServerCreate(0, kService);
-    Check(server != nullptr && write(ready, "r", 1) == 1, "HdcServerCreate");
-    const drvHdcSession_t session = HdcServerAccept(server);
-    Check(session != nullptr, "HdcServerAccept");
+    drvHdcServer_t server = nullptr;
+    Check(drvHdcServerCreate(0, kService, &server) == 0 && write(ready, "r", 1) == 1, "the server");
+    drvHdcSession_t session = nullptr;
+    Check(drvHdcSessionAccept(server, &session) == 0, "accept");
     way.device(session);
     _exit(0);
 }
@@ -232,7 +233,7 @@ struct Figures {
 [[noreturn]] void RunHost(const Way& way) {
     const drvHdcClient_t client = HdcClientCreate(kService);
     drvHdcSession_t session = nullptr;
-    Check(client != nullptr && HdcSessionConnect(0, 0, client, &session) == 0, "connect");
+    Check(client != nullptr && drvHdcSessionConnect(0, 0, client, &session) == 0, "connect");
     way.host(session);
     _exit(0);
 }

@@ -71,11 +71,11 @@ pid_t StartDevice(int* ready) {
         return child;
     }
     Check(VeltGetFileServerStart() == 0, "file server");
-    const drvHdcServer_t server = HdcServerCreate(0, kBareService);
+    const HdcServerPtr server = HdcServerCreate(0, kBareService);
     Check(server != nullptr && write(ends[1], "r", 1) == 1, "bare server");
     std::vector<char> block(Velt::kMaxSliceSize);
     while (true) {
-        const drvHdcSession_t session = HdcServerAccept(server);
+        const HdcSessionPtr session = HdcServerAccept(server);
         Check(session != nullptr, "accept");
         const int fd = open(kSource, O_RDONLY | O_CLOEXEC);
         ssize_t count = 0;

@@ -106,7 +106,7 @@ Road BareRoad(int fd, size_t size, uint32_t maxSegment) {
             }};
 }
 
-Road HdcRoad(drvHdcSession_t session) {
+Road HdcRoad(const HdcSessionPtr& session) {
     return {[session](const std::string& message) {
                 Check(HdcWrite(session, message.data(), static_cast<int>(message.size())) == 0,
                       "HdcWrite");
@@ -186,10 +186,10 @@ Figures MeasureHdc(int count, int pings, const std::string& message) {
     Check(pipe(ready) == 0, "pipe");
     const pid_t child = fork();
     if (child == 0) {
-        const drvHdcServer_t server = HdcServerCreate(0, kService);
+        const HdcServerPtr server = HdcServerCreate(0, kService);
         Check(server != nullptr, "HdcServerCreate");
         WriteAll(ready[1], "r", 1);
-        const drvHdcSession_t session = HdcServerAccept(server);
+        const HdcSessionPtr session = HdcServerAccept(server);
         Check(session != nullptr, "HdcServerAccept");
         Serve(HdcRoad(session), count, pings, message);
         void* buffer = nullptr;
@@ -205,7 +205,7 @@ Figures MeasureHdc(int count, int pings, const std::string& message) {
     ReadAll(ready[0], &byte, 1);
     close(ready[0]);
     const drvHdcClient_t client = HdcClientCreate(kService);
-    drvHdcSession_t session = nullptr;
+    HdcSessionPtr session;
     Check(client != nullptr && HdcSessionConnect(0, 0, client, &session) == 0, "connect");
     const Figures figures = Drive(HdcRoad(session), count, pings, message);
     HdcSessionClose(session);

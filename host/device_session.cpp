@@ -78,8 +78,7 @@ ReceiveResult Session::Receive(int timeoutMs, std::string* message) {
 }
 
 void Session::Close() {
-    // Closing twice is refused by the driver, and is no fault here.
-    static_cast<void>(drvHdcSessionClose(session_));
+    static_cast<void>(session_->Close());
 }
 
 std::unique_ptr<Client> Client::Create(int serviceType) {
@@ -92,18 +91,17 @@ Client::~Client() {
 }
 
 std::unique_ptr<Session> Client::Connect(uint32_t device) const {
-    drvHdcSession_t handle = nullptr;
+    HdcSessionPtr handle;
     if (HdcSessionConnect(0, static_cast<int>(device), client_, &handle) != 0) {
         return nullptr;
     }
     drvHdcEpoll_t epoll = nullptr;
     if (drvHdcEpollCreate(1, &epoll) != DRV_ERROR_NONE) {
-        static_cast<void>(HdcSessionClose(handle));
         return nullptr;
     }
     std::unique_ptr<Session> session(new Session(handle, epoll));
     const drvHdcEvent event{HDC_EPOLL_DATA_IN | HDC_EPOLL_SESSION_CLOSE, 0, 0};
-    if (drvHdcEpollCtl(epoll, HDC_EPOLL_CTL_ADD, handle, &event) != DRV_ERROR_NONE) {
+    if (handle->EpollCtl(epoll, HDC_EPOLL_CTL_ADD, event) != DRV_ERROR_NONE) {
         return nullptr;
     }
     return session;

@@ -13,7 +13,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
+
+#include "hdc/hdc_session.h"
 
 namespace orla::host {
 
@@ -52,10 +55,11 @@ public:
 
 private:
     friend class Client;
-    Session(drvHdcSession_t session, drvHdcEpoll_t epoll) : session_(session), epoll_(epoll) {}
+    Session(HdcSessionPtr session, drvHdcEpoll_t epoll)
+        : session_(std::move(session)), epoll_(epoll) {}
 
-    const drvHdcSession_t session_;  // refused by the driver once closed
-    const drvHdcEpoll_t epoll_;      // holds the session alone
+    const HdcSessionPtr session_;
+    const drvHdcEpoll_t epoll_;  // holds the session alone
 };
 
 class Client {

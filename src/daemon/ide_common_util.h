@@ -6,11 +6,10 @@
 // cleared: a handler may be called for a moment after its component was destroyed.
 #pragma once
 
-#include <hdc_driver.h>
-
 #include <cstdint>
 
 #include "hdc/hdc_packet.h"
+#include "hdc/hdc_session.h"
 
 constexpr uint32_t kComponentSlots = 18;
 constexpr uint32_t kNoComponent = 18;  // stands for the absence of a component
@@ -26,9 +25,9 @@ struct IdeComponent {
     int32_t (*init)();
     int32_t (*destroy)();
     void (*reserved)();
-    // Serves one request on the thread of its session. The record stays the caller's; so does
-    // the session, but for the profiling slot, which keeps it, also when it fails.
-    int32_t (*hdcProcess)(drvHdcSession_t session, const IdeRequest* request);
+    // Serves one request on the thread of its session. The record stays the caller's. The session
+    // ends with its last share: a component that goes on with it keeps one.
+    int32_t (*hdcProcess)(const HdcSessionPtr& session, const IdeRequest* request);
 };
 
 // Fills a slot; a slot number of 18 or more is ignored.

@@ -22,7 +22,7 @@ int32_t Destroy() {
     return failing[Slot] ? 7 : 0;
 }
 
-int32_t Handle(drvHdcSession_t, const IdeRequest*) {
+int32_t Handle(const HdcSessionPtr&, const IdeRequest*) {
     return 0;
 }
 

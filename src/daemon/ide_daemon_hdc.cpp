@@ -16,6 +16,7 @@
 
 #include "daemon/ide_session.h"
 #include "hdc/hdc_api.h"
+#include "hdc/hdc_server.h"
 #include "hdc/log_side.h"
 #include "hdc/velt_dsmi.h"
 
@@ -38,9 +39,9 @@ struct DevInfo {
     uint32_t logDevId = 0;  // server thread alone
     bool created = false;   // creation loop and destroy, under the mutex
     int serviceType = kHdcServiceRequests;
-    // Whoever takes the handle out destroys the server: its thread after an accept failure, or
-    // the main thread at stop, which is what makes a blocked accept return.
-    std::atomic<drvHdcServer_t> server{nullptr};
+    // Guarded by threadsMutex; null while there is none. Its thread destroys it after a failure,
+    // and the main thread at stop, which is what makes a blocked accept return.
+    HdcServerPtr server;
 };
 
 // The control record of the process.
@@ -57,7 +58,7 @@ struct GlobalCtrlInfo {
     std::atomic<bool> stopRequested{false};
     std::atomic<bool> createLoopRunning{false};
     std::atomic<bool> semReady{false};
-    std::atomic<bool> acceptRunning{false};
+    std::atomic<bool> acceptRunning{false};  // cleared under threadsMutex
 
     // Server threads wait here between their retries, and the main thread for their end.
     std::mutex threadsMutex;
@@ -120,23 +121,40 @@ int StartDetached(void* (*entry)(void*), void* argument, mmThread* handle) {
 
 // ---- The thread of one device ----------------------------------------------------------------
 
+HdcServerPtr ServerOf(const DevInfo& device) {
+    const std::lock_guard<std::mutex> lock(Ctrl().threadsMutex);
+    return device.server;
+}
+
+// False once the servers are stopped: whoever stops them doesn't know this one.
+bool KeepServer(DevInfo& device, const HdcServerPtr& server) {
+    const std::lock_guard<std::mutex> lock(Ctrl().threadsMutex);
+    if (!Ctrl().acceptRunning.load()) {
+        return false;
+    }
+    device.server = server;
+    return true;
+}
+
+// A server that the driver keeps, busy for too long, is used again.
 void DestroyServer(DevInfo& device) {
-    const drvHdcServer_t server = device.server.exchange(nullptr);
+    const HdcServerPtr server = ServerOf(device);
     if (server == nullptr) {
         return;
     }
-    const drvError_t ret = drvHdcServerDestroy(server);
-    if (ret != DRV_ERROR_NONE) {
-        IDE_LOGE("Hdc Server Destroy Error : %d", ret);
+    const drvError_t ret = server->Destroy(
+        [](drvError_t error, int) { IDE_LOGE("Hdc Server Destroy Error : %d", error); });
+    if (ret != DRV_ERROR_CLIENT_BUSY) {
+        static_cast<void>(KeepServer(device, nullptr));
     }
 }
 
-// One attempt. True when the device has a server.
-bool TryCreateServer(DevInfo& device) {
+// One attempt; null with a log line when it failed.
+HdcServerPtr TryCreateServer(DevInfo& device) {
     if (IdeGetLogIdByPhyId(device.phyDevId, &device.logDevId) != 0) {
         IDE_LOGW("logDevId %u phyDevId %u not ready, sleep %d milliseconds and retry",
                  device.logDevId, device.phyDevId, kServerPauseMs);
-        return false;
+        return nullptr;
     }
     drvHdcServer_t server = nullptr;
     const drvError_t ret =
@@ -144,38 +162,34 @@ bool TryCreateServer(DevInfo& device) {
     if (ret == DRV_ERROR_DEVICE_NOT_READY) {
         IDE_LOGW("logDevId %u phyDevId %u hdc not ready, sleep %d milliseconds and retry",
                  device.logDevId, device.phyDevId, kServerPauseMs);
-        return false;
+        return nullptr;
     }
     if (ret != DRV_ERROR_NONE || server == nullptr) {
         IDE_LOGW(
             "logDevId %u phyDevId %u create HDC failed, error: %d, sleep %d milliseconds and "
             "retry",
             device.logDevId, device.phyDevId, ret, kServerPauseMs);
-        return false;
+        return nullptr;
     }
     IDE_LOGI("logDevId %u phyDevId:%u create HDC server successfully", device.logDevId,
              device.phyDevId);
-    device.server.store(server);
-    return true;
+    return HdcServer::Adopt(server);
 }
 
-void CreateServer(DevInfo* device) {
-    if (SIDE_REFUSES(orla::kCoreSide, {device == nullptr, "devInfo is nullptr"})) {
-        return;
-    }
-    while (Ctrl().acceptRunning.load()) {
-        if (TryCreateServer(*device)) {
-            // The stop may have looked for a server just before this one was there.
-            if (!Ctrl().acceptRunning.load()) {
-                DestroyServer(*device);
-            }
-            return;
+// The device's server, made with as many attempts as it takes; null once the servers are stopped.
+HdcServerPtr CreateServer(DevInfo& device) {
+    HdcServerPtr server = ServerOf(device);
+    while (server == nullptr && Ctrl().acceptRunning.load()) {
+        server = TryCreateServer(device);
+        if (server == nullptr) {
+            PauseServer(std::chrono::milliseconds(kServerPauseMs));
         }
-        PauseServer(std::chrono::milliseconds(kServerPauseMs));
     }
+    return server != nullptr && KeepServer(device, server) ? server : nullptr;
 }
 
-bool StartSession(const DevInfo& device, drvHdcSession_t session) {
+// When the thread can't be started nobody has a share of the session any more, which closes it.
+bool StartSession(const DevInfo& device, const HdcSessionPtr& session) {
     auto argument = std::unique_ptr<IdeSession>(
         new (std::nothrow) IdeSession{device.phyDevId, device.logDevId, session});
     if (argument == nullptr) {
@@ -192,33 +206,51 @@ bool StartSession(const DevInfo& device, drvHdcSession_t session) {
     return true;
 }
 
-void AcceptSessions(DevInfo& device) {
+// One session from its accept to its thread. False when only a new server will do.
+bool AcceptSession(const DevInfo& device, HdcServer& server) {
+    HdcSessionPtr session;
+    errno = 0;  // an old EINTR must not pass for this call's
+    const drvError_t ret = server.Accept(&session);
+    if (ret == DRV_ERROR_NONE && session != nullptr) {
+        static_cast<void>(session->SetReference());
+        return StartSession(device, session);
+    }
+    if (mmGetErrorCode() == EINTR) {
+        IDE_LOGW("Hdc Session Accept Break By EINTR");
+        return true;
+    }
+    IDE_LOGE("Hdc Session Accept Error: %d", ret);
+    return false;
+}
+
+// Serves with one server until it fails or the servers are stopped. Whether it has started a
+// session.
+bool RunServer(DevInfo& device) {
+    const HdcServerPtr server = CreateServer(device);
+    bool served = false;
+    while (server != nullptr && Ctrl().acceptRunning.load() && AcceptSession(device, *server)) {
+        served = true;
+    }
+    return served;
+}
+
+// Whatever fails costs the device its server and not its listener: hosts that wait in the old
+// one are sent away, and the next one serves.
+void ServeDevice(DevInfo& device) {
     bool failedBefore = false;
     while (Ctrl().acceptRunning.load()) {
-        drvHdcSession_t session = nullptr;
-        errno = 0;  // an old EINTR must not pass for this call's
-        const drvError_t ret = drvHdcSessionAccept(device.server.load(), &session);
-        if (ret == DRV_ERROR_NONE && session != nullptr) {
-            failedBefore = false;
-            static_cast<void>(drvHdcSetSessionReference(session));
-            if (!StartSession(device, session)) {
-                static_cast<void>(HdcSessionClose(session));
-                return;
-            }
-            continue;
+        bool served = false;
+        try {
+            served = RunServer(device);
+        } catch (const std::exception& e) {
+            IDE_LOGE("the server of device %u ends: %s", device.phyDevId, e.what());
         }
-        if (mmGetErrorCode() == EINTR) {
-            IDE_LOGW("Hdc Session Accept Break By EINTR");
-            continue;
-        }
-        IDE_LOGE("Hdc Session Accept Error: %d", ret);
         DestroyServer(device);
         // A driver that creates servers but fails every accept must not keep the processor busy.
-        if (failedBefore) {
+        if (failedBefore && !served) {
             PauseServer(kAcceptPause);
         }
         failedBefore = true;
-        CreateServer(&device);
     }
 }
 
@@ -230,12 +262,7 @@ void* IdeDaemonHdcHandleEvent(void* argument) {
     const std::unique_ptr<std::shared_ptr<DevInfo>> share(
         static_cast<std::shared_ptr<DevInfo>*>(argument));
     mmSetCurrentThreadName("ide_hdc_server");
-    try {
-        CreateServer(share->get());
-        AcceptSessions(**share);
-    } catch (const std::exception& e) {
-        IDE_LOGE("the server thread of device %u ends: %s", (*share)->phyDevId, e.what());
-    }
+    ServeDevice(**share);
     IDE_EVENT("<EXIT thread> IdeDaemonHdcHandleEvent");
     const std::lock_guard<std::mutex> lock(Ctrl().threadsMutex);
     --Ctrl().serverThreads;
@@ -364,12 +391,10 @@ bool DestroyServers() {
     auto& devices = Ctrl().devices;
     while (!devices.empty()) {
         const auto first = devices.begin();
-        const drvHdcServer_t server = first->second->server.exchange(nullptr);
-        if (first->second->created && server != nullptr) {
-            const drvError_t ret = drvHdcServerDestroy(server);
-            if (ret != DRV_ERROR_NONE) {
-                IDE_LOGI("Hdc Server Destroy Err Code: %d, dev Id: %u", ret, first->first);
-            }
+        if (const HdcServerPtr server = ServerOf(*first->second)) {
+            static_cast<void>(server->Destroy([&](drvError_t error, int) {
+                IDE_LOGI("Hdc Server Destroy Err Code: %d, dev Id: %u", error, first->first);
+            }));
         }
         devices.erase(first);
     }

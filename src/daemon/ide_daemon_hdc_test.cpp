@@ -27,7 +27,7 @@ bool WaitForWords(const std::string& words) {
 }
 
 // Answers with the device id that it saw and the value, as text.
-int32_t Echo(drvHdcSession_t session, const IdeRequest* request) {
+int32_t Echo(const HdcSessionPtr& session, const IdeRequest* request) {
     if (std::string(request->value) == "throw") {
         throw std::runtime_error("nobody catches this");
     }
@@ -35,11 +35,11 @@ int32_t Echo(drvHdcSession_t session, const IdeRequest* request) {
     return HdcWrite(session, answer.data(), static_cast<int>(answer.size()));
 }
 
-drvHdcSession_t keptSession = nullptr;
+HdcSessionPtr keptSession;
 
-int32_t Keep(drvHdcSession_t session, const IdeRequest* request) {
+int32_t Keep(const HdcSessionPtr& session, const IdeRequest* request) {
     keptSession = session;
-    return Echo(session, request) == 0 ? -1 : -2;  // a failure keeps the session too
+    return Echo(session, request) == 0 ? -1 : -2;  // what is shared stays open, a failure or not
 }
 
 // The listener with its creation loop on a thread of its own, as the main thread would run it.
@@ -85,11 +85,11 @@ protected:
                                      &packet, &length));
         std::string answer = "not connected";
         const drvHdcClient_t client = HdcClientCreate(kHdcServiceRequests);
-        drvHdcSession_t session = nullptr;
-        if (drvHdcSessionConnect(0, 0, client, &session) == DRV_ERROR_NONE) {
+        drvHdcSession_t handle = nullptr;
+        if (drvHdcSessionConnect(0, 0, client, &handle) == DRV_ERROR_NONE) {
+            const HdcSessionPtr session = HdcSession::Adopt(handle);
             const bool sent = HdcWrite(session, packet, static_cast<int>(length)) == 0;
             answer = sent ? orla::test::ReadMessage(session).value_or("closed") : "closed";
-            HdcSessionClose(session);
         }
         HdcClientDestroy(client);
         IdeFreePacket(packet);
@@ -111,12 +111,14 @@ TEST_F(RequestLoop, ServesByTypeAndOverwritesTheDevice) {
     EXPECT_TRUE(WaitForWords("received hook_reg request, type 15, req->dev_id=0, phyDevId=1000."));
 }
 
-TEST_F(RequestLoop, OnlyAProfilingSessionSurvivesItsThread) {
+TEST_F(RequestLoop, ASessionSurvivesItsThreadOnlyWhenItIsKept) {
     Start();
     ASSERT_TRUE(WaitForWords("create HDC server successfully"));
     EXPECT_EQ("1000:job", Ask(5, "job"));
     ASSERT_TRUE(WaitForWords("Daemon Hdc Process Event Process Failed, err: -1"));
-    EXPECT_EQ(0, HdcSessionClose(keptSession)) << "the session was closed by the request loop";
+    int pid = 0;
+    EXPECT_EQ(0, HdcGetSessionPid(keptSession, &pid)) << "the request loop has closed the session";
+    keptSession.reset();
     EXPECT_EQ("1000:log", Ask(4, "log"));
     // The client's end is gone as well; only the device's may still be on its way out.
     EXPECT_TRUE(WaitFor([] { return orla::control::CountLiveHandles().sessions == 0; }));

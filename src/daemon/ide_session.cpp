@@ -7,7 +7,6 @@
 #include <exception>
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "daemon/ide_common_util.h"
 #include "hdc/hdc_api.h"
@@ -37,26 +36,7 @@ bool IsWhole(const IdeRequest* request, uint32_t length) {
     return true;
 }
 
-// The session for as long as it is this thread's: closed in the end, unless it was given away.
-class OwnedSession {
-public:
-    explicit OwnedSession(drvHdcSession_t session) : session_(session) {}
-    ~OwnedSession() {
-        if (session_ != nullptr) {
-            static_cast<void>(HdcSessionClose(session_));
-        }
-    }
-    OwnedSession(const OwnedSession&) = delete;
-    OwnedSession& operator=(const OwnedSession&) = delete;
-
-    drvHdcSession_t get() const { return session_; }
-    drvHdcSession_t Release() { return std::exchange(session_, nullptr); }
-
-private:
-    drvHdcSession_t session_;
-};
-
-int CallHandler(OwnedSession& session, const IdeRequest* request, const char* name) {
+int CallHandler(const HdcSessionPtr& session, const IdeRequest* request, const char* name) {
     const uint32_t slot = IdeRequestSlot(request);
     const auto handler = IdeComponentHandler(slot);
     if (handler == nullptr) {
@@ -65,12 +45,11 @@ int CallHandler(OwnedSession& session, const IdeRequest* request, const char* na
         return -1;
     }
     mmSetCurrentThreadName((std::string(kThreadName) + "_" + name).c_str());
-    return handler(slot == kSlotProfiling ? session.Release() : session.get(), request);
+    return handler(session, request);
 }
 
 int ProcessSession(const IdeSession& argument) {
-    OwnedSession session(argument.session);
-    const IdeTransport transport{kTransportHdc, session.get()};
+    const IdeTransport transport{kTransportHdc, argument.session};
     IdeRequest* received = nullptr;
     const int ret = IdeHdcReadRequest(&transport, &received);
     const RequestPtr request(received);
@@ -83,7 +62,7 @@ int ProcessSession(const IdeSession& argument) {
     IDE_LOGI("received %s request, type %d, req->dev_id=%d, phyDevId=%d.", name, type,
              static_cast<int>(request->dev_id), static_cast<int>(argument.phyDevId));
     request->dev_id = argument.phyDevId;
-    const int status = CallHandler(session, request.get(), name);
+    const int status = CallHandler(argument.session, request.get(), name);
     if (status != 0) {
         IDE_LOGE("req->type: %d, call %s process func failed, err: %d", type, name, status);
     }

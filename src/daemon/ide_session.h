@@ -1,16 +1,15 @@
 // One session of service type 4: read one request, find its component, let it be served, close.
 #pragma once
 
-#include <hdc_driver.h>
-
 #include <cstdint>
 
 #include "hdc/hdc_packet.h"
+#include "hdc/hdc_session.h"
 
 // Where a request is read from.
 struct IdeTransport {
     int kind;  // kTransportHdc
-    drvHdcSession_t session;
+    HdcSessionPtr session;
 };
 
 constexpr int kTransportHdc = 1;
@@ -19,7 +18,7 @@ constexpr int kTransportHdc = 1;
 struct IdeSession {
     uint32_t phyDevId;
     uint32_t logDevId;
-    drvHdcSession_t session;
+    HdcSessionPtr session;
 };
 
 // Reads one message into a heap block that the caller frees. waitFlag 0 blocks. Otherwise the
@@ -35,6 +34,5 @@ struct IdeSession {
 void IdeFreeRequest(IdeRequest* request);
 
 // Entry of the session thread "ide_hdc_process". `argument` is a heap-allocated IdeSession.
-// The session is closed at the end, but for one that reached the profiling handler: from that
-// call on it belongs to the profiling component, also when the handler failed.
+// The session ends with the thread, unless the handler has kept a share of it.
 void* IdeDaemonHdcProcessEvent(void* argument);

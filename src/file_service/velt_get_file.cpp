@@ -7,6 +7,7 @@
 #include "file_service/device_files.h"
 #include "hdc/hdc_api.h"
 #include "hdc/log_side.h"
+#include "server/hdc_handles.h"
 #include "server/velt_msg_file.h"
 #include "server/velt_msg_proto.h"
 
@@ -80,8 +81,7 @@ int VeltGetFile::Process(const CommHandle& session,
         IDE_LOGE("reveice non data message");
         return 0;
     }
-    // The framework's 64-bit value is the driver's handle.
-    const auto handle = reinterpret_cast<drvHdcSession_t>(session.value);
+    const HdcSessionPtr handle = Velt::HdcSessions().Find(session.value);
     int runEnv = 0;
     int ret = HdcGetSessionRunEnv(handle, &runEnv);
     if (ret != 0) {

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <optional>
+#include <utility>
 
 #include "hdc/memory_utils.h"
 
@@ -13,16 +14,14 @@ using orla::OperationName;
 namespace {
 
 constexpr int kMaxSessions = 96;
-constexpr int kMaxDestroyAttempts = 30;
-constexpr uint32_t kDestroyPauseMs = 100;
 
-int GetAttribute(drvHdcSession_t session, int attribute, int* value, const char* nullWords,
+int GetAttribute(const HdcSessionPtr& session, int attribute, int* value, const char* nullWords,
                  const char* failure, const LogSide& side) {
     if (SIDE_REFUSES(side, {session == nullptr, "session is nullptr"},
                      {value == nullptr, nullWords})) {
         return -1;
     }
-    const drvError_t ret = halHdcGetSessionAttr(session, attribute, value);
+    const drvError_t ret = session->GetAttr(attribute, value);
     if (ret != DRV_ERROR_NONE) {
         SIDE_LOG(side, kError, "%s%d", failure, ret);
         return -1;
@@ -31,18 +30,17 @@ int GetAttribute(drvHdcSession_t session, int attribute, int* value, const char*
 }
 
 // A session that can't be referenced would outlive this process's interest in it: it is closed.
-int TakeReference(drvHdcSession_t* session, const char* words, const LogSide& side) {
-    if (drvHdcSetSessionReference(*session) == DRV_ERROR_NONE) {
-        return 0;
+HdcSessionPtr Referenced(HdcSessionPtr session, const char* words, const LogSide& side) {
+    if (session != nullptr && session->SetReference() != DRV_ERROR_NONE) {
+        SIDE_LOG(side, kError, "%s", words);
+        static_cast<void>(HdcSessionClose(session, side));
+        return nullptr;
     }
-    SIDE_LOG(side, kError, "%s", words);
-    static_cast<void>(HdcSessionClose(*session, side));
-    *session = nullptr;
-    return -1;
+    return session;
 }
 
 int Connect(int peerNode, int peerDevice, std::optional<int> hostPid, drvHdcClient_t client,
-            drvHdcSession_t* session, const LogSide& side) {
+            HdcSessionPtr* session, const LogSide& side) {
     if (SIDE_REFUSES(
             side, {peerNode < 0, "peer_node is invalid"}, {peerDevice < 0, "peer_devid is invalid"},
             {hostPid && *hostPid < 0, "host_pid is invalid"},
@@ -50,14 +48,16 @@ int Connect(int peerNode, int peerDevice, std::optional<int> hostPid, drvHdcClie
         return -1;
     }
     *session = nullptr;
+    drvHdcSession_t handle = nullptr;
     const drvError_t ret =
-        hostPid ? halHdcSessionConnectEx(peerNode, peerDevice, *hostPid, client, session)
-                : drvHdcSessionConnect(peerNode, peerDevice, client, session);
-    if (ret != DRV_ERROR_NONE || *session == nullptr) {
+        hostPid ? halHdcSessionConnectEx(peerNode, peerDevice, *hostPid, client, &handle)
+                : drvHdcSessionConnect(peerNode, peerDevice, client, &handle);
+    if (ret != DRV_ERROR_NONE || handle == nullptr) {
         SIDE_LOG(side, kInfo, "Hdc Session Connect, ret: %d", ret);
         return -1;
     }
-    return TakeReference(session, "session reference set failed", side);
+    *session = Referenced(HdcSession::Adopt(handle), "session reference set failed", side);
+    return *session == nullptr ? -1 : 0;
 }
 
 }  // namespace
@@ -84,7 +84,7 @@ int HdcClientDestroy(drvHdcClient_t client, const LogSide& side) {
     return 0;
 }
 
-drvHdcServer_t HdcServerCreate(int logicalDevice, int serviceType, const LogSide& side) {
+HdcServerPtr HdcServerCreate(int logicalDevice, int serviceType, const LogSide& side) {
     const char* operation = OperationName(side, "[HdcServerCreate]");
     if (side.namesOperation) {
         SIDE_LOG(side, kDebug, "HdcServerCreate begin");
@@ -100,32 +100,25 @@ drvHdcServer_t HdcServerCreate(int logicalDevice, int serviceType, const LogSide
         return nullptr;
     }
     SIDE_LOG(side, kEvent, "logDevId %d create HDC server successfully", logicalDevice);
-    return server;
+    return HdcServer::Adopt(server);
 }
 
-int HdcServerDestroy(drvHdcServer_t server, const LogSide& side) {
+int HdcServerDestroy(const HdcServerPtr& server, const LogSide& side) {
     if (server == nullptr && side.namesOperation) {
         return 0;
     }
     if (SIDE_REFUSES(side, {server == nullptr, "server is nullptr"})) {
         return -1;
     }
-    for (int times = 1; times <= kMaxDestroyAttempts; ++times) {
-        const drvError_t ret = drvHdcServerDestroy(server);
-        if (ret == DRV_ERROR_NONE) {
-            return 0;
-        }
-        SIDE_LOG(side, kError, "%shdc server destroy error : %d, times %d",
-                 OperationName(side, "[HdcServerDestroy]"), ret, times);
-        mmSleep(kDestroyPauseMs);
-        if (ret != DRV_ERROR_CLIENT_BUSY) {
-            return 0;
-        }
-    }
-    return -1;
+    const char* operation = OperationName(side, "[HdcServerDestroy]");
+    const drvError_t ret = server->Destroy([&](drvError_t error, int times) {
+        SIDE_LOG(side, kError, "%shdc server destroy error : %d, times %d", operation, error,
+                 times);
+    });
+    return ret == DRV_ERROR_CLIENT_BUSY ? -1 : 0;
 }
 
-drvHdcSession_t HdcServerAccept(drvHdcServer_t server, const LogSide& side) {
+HdcSessionPtr HdcServerAccept(const HdcServerPtr& server, const LogSide& side) {
     if (side.namesOperation) {
         SIDE_LOG(side, kDebug, "HdcServerAccept begin");
     }
@@ -133,19 +126,18 @@ drvHdcSession_t HdcServerAccept(drvHdcServer_t server, const LogSide& side) {
     if (SIDE_REFUSES(side, {server == nullptr, "server is nullptr"})) {
         return nullptr;
     }
-    drvHdcSession_t session = nullptr;
-    const drvError_t ret = drvHdcSessionAccept(server, &session);
+    HdcSessionPtr session;
+    const drvError_t ret = server->Accept(&session);
     if (ret != DRV_ERROR_NONE || session == nullptr) {
         SIDE_LOG(side, kWarning, "%shdc accept error", operation);
         return nullptr;
     }
-    const char* words =
-        side.namesOperation ? "[HdcServerAccept]set reference error" : "set reference error";
-    static_cast<void>(TakeReference(&session, words, side));
-    return session;
+    return Referenced(
+        std::move(session),
+        side.namesOperation ? "[HdcServerAccept]set reference error" : "set reference error", side);
 }
 
-int HdcSessionConnect(int peerNode, int peerDevice, drvHdcClient_t client, drvHdcSession_t* session,
+int HdcSessionConnect(int peerNode, int peerDevice, drvHdcClient_t client, HdcSessionPtr* session,
                       const LogSide& side) {
     if (Connect(peerNode, peerDevice, std::nullopt, client, session, side) != 0) {
         return -1;
@@ -155,7 +147,7 @@ int HdcSessionConnect(int peerNode, int peerDevice, drvHdcClient_t client, drvHd
 }
 
 int HdcSessionConnectEx(int peerNode, int peerDevice, int hostPid, drvHdcClient_t client,
-                        drvHdcSession_t* session, const LogSide& side) {
+                        HdcSessionPtr* session, const LogSide& side) {
     if (Connect(peerNode, peerDevice, hostPid, client, session, side) != 0) {
         return -1;
     }
@@ -164,20 +156,16 @@ int HdcSessionConnectEx(int peerNode, int peerDevice, int hostPid, drvHdcClient_
     return 0;
 }
 
-int HdcSessionClose(drvHdcSession_t session, const LogSide& side) {
+int HdcSessionClose(const HdcSessionPtr& session, const LogSide& side) {
     if (SIDE_REFUSES(side, {session == nullptr, "session is nullptr"})) {
         return -1;
     }
-    const drvError_t ret = drvHdcSessionClose(session);
+    const drvError_t ret = session->Close();
     if (ret != DRV_ERROR_NONE) {
         SIDE_LOG(side, kError, "Hdc Session Close Failed, error: %d", ret);
         return -1;
     }
     return 0;
-}
-
-int HdcSessionDestroy(drvHdcSession_t session, const LogSide& side) {
-    return HdcSessionClose(session, side);
 }
 
 int HdcGetCapacity(uint32_t* maxSegment, const LogSide& side) {
@@ -198,24 +186,24 @@ int HdcGetCapacity(uint32_t* maxSegment, const LogSide& side) {
     return 0;
 }
 
-int IdeGetDevIdBySession(drvHdcSession_t session, int* devId, const LogSide& side) {
+int IdeGetDevIdBySession(const HdcSessionPtr& session, int* devId, const LogSide& side) {
     return GetAttribute(session, HDC_SESSION_ATTR_DEV_ID, devId, "devId is nullptr",
                         "Hdc Get Session DevId Failed, err: ", side);
 }
 
-int HdcGetSessionRunEnv(drvHdcSession_t session, int* runEnv, const LogSide& side) {
+int HdcGetSessionRunEnv(const HdcSessionPtr& session, int* runEnv, const LogSide& side) {
     return GetAttribute(session, HDC_SESSION_ATTR_RUN_ENV, runEnv, "runEnv is nullptr",
                         "Hdc Get Session runEnv Failed, err: ", side);
 }
 
-int HdcGetSessionVfId(drvHdcSession_t session, int* vfId, const LogSide& side) {
+int HdcGetSessionVfId(const HdcSessionPtr& session, int* vfId, const LogSide& side) {
     return GetAttribute(session, HDC_SESSION_ATTR_VFID, vfId, "vfId is nullptr",
                         side.namesOperation ? "Hdc get session vfid failed, err: "
                                             : "Hdc Get Session VfId Failed, err: ",
                         side);
 }
 
-int HdcGetSessionPid(drvHdcSession_t session, int* pid, const LogSide& side) {
+int HdcGetSessionPid(const HdcSessionPtr& session, int* pid, const LogSide& side) {
     return GetAttribute(session, HDC_SESSION_ATTR_PEER_PID, pid, "pid is nullptr",
                         "Hdc Get Session Pid Failed, err: ", side);
 }

@@ -2,9 +2,10 @@
 // them: the one session layer of the daemon (core, framework, profiling transport) and of the
 // host tool. It wraps the driver's operations, cuts messages into segments and joins them.
 //
-// The layer has no state. Handles belong to the caller. Two threads may use two sessions
-// freely; on one session one thread may write, one read and one close at the same time, but
-// not two write or two read, since a message is more than one driver call.
+// The layer has no state. Sessions and servers are shared objects, which keep what the driver asks
+// of their handles (hdc_session.h, hdc_server.h); clients are handles of the caller's. On one
+// session one thread may write, one read and any close at the same time; a second writer or
+// reader is refused, since a message is more than one driver call.
 //
 // Every operation takes the side that it works for, which decides module, prefix and some
 // words of its log lines and nothing else, but where a comment says so. Operations return 0 on
@@ -17,6 +18,8 @@
 #include <cstdint>
 
 #include "hdc/hdc_packet.h"
+#include "hdc/hdc_server.h"
+#include "hdc/hdc_session.h"
 #include "hdc/log_side.h"
 
 constexpr int kHdcServiceRequests = 4;    // request records: log levels and profiling
@@ -24,7 +27,7 @@ constexpr int kHdcServiceFramework = 12;  // framework messages: file transfer
 
 // What a read answers.
 constexpr int kHdcReadDone = 0;    // a message was handed out
-constexpr int kHdcReadClosed = 1;  // the peer has gone
+constexpr int kHdcReadClosed = 1;  // the peer has gone, or this side has closed the session
 constexpr int kHdcReadEmpty = 2;   // nothing there now (reads without waiting only)
 constexpr int kHdcReadFailed = -1;
 
@@ -38,79 +41,78 @@ int HdcClientDestroy(drvHdcClient_t client, const orla::LogSide& side = orla::kC
 
 // Starts to listen on a logical device; null when the device isn't ready or on failure. The
 // caller retries.
-[[nodiscard]] drvHdcServer_t HdcServerCreate(int logicalDevice, int serviceType,
-                                             const orla::LogSide& side = orla::kCoreSide);
+[[nodiscard]] HdcServerPtr HdcServerCreate(int logicalDevice, int serviceType,
+                                           const orla::LogSide& side = orla::kCoreSide);
 // Stops listening; retries for 3 s at most while the driver says that it is busy, and answers
 // -1 when it still is. Any other driver error is logged and answers 0: there is nothing left
-// that the caller could do with the handle. A null server is -1 on the core side and a silent
+// that the caller could do with the server. A null server is -1 on the core side and a silent
 // 0 on the profiling side.
-int HdcServerDestroy(drvHdcServer_t server, const orla::LogSide& side = orla::kCoreSide);
+int HdcServerDestroy(const HdcServerPtr& server, const orla::LogSide& side = orla::kCoreSide);
 // Blocks until a peer connects, and takes a reference on the session; null on failure.
-[[nodiscard]] drvHdcSession_t HdcServerAccept(drvHdcServer_t server,
-                                              const orla::LogSide& side = orla::kCoreSide);
+[[nodiscard]] HdcSessionPtr HdcServerAccept(const HdcServerPtr& server,
+                                            const orla::LogSide& side = orla::kCoreSide);
 
 // ---- Sessions ----------------------------------------------------------------------------
 
 // Connects to `peerDevice` (logical id, 0 or above) on `peerNode` (0 is the device side) and
 // takes a reference. On failure `*session` is null and nothing stays open.
 [[nodiscard]] int HdcSessionConnect(int peerNode, int peerDevice, drvHdcClient_t client,
-                                    drvHdcSession_t* session,
+                                    HdcSessionPtr* session,
                                     const orla::LogSide& side = orla::kCoreSide);
 // The same in the name of the host's process `hostPid`, 0 or above.
 [[nodiscard]] int HdcSessionConnectEx(int peerNode, int peerDevice, int hostPid,
-                                      drvHdcClient_t client, drvHdcSession_t* session,
+                                      drvHdcClient_t client, HdcSessionPtr* session,
                                       const orla::LogSide& side = orla::kCoreSide);
-// Ends the session. A read or write that is blocked on it returns with a failure. The handle
-// is used up, whatever the result.
-int HdcSessionClose(drvHdcSession_t session, const orla::LogSide& side = orla::kCoreSide);
-int HdcSessionDestroy(drvHdcSession_t session, const orla::LogSide& side = orla::kCoreSide);
+// Ends the session. A read or write that is blocked on it returns with a failure, and so does
+// each later one, whatever the result. A session that nobody shares any more ends by itself.
+int HdcSessionClose(const HdcSessionPtr& session, const orla::LogSide& side = orla::kCoreSide);
 
 // Reads one message: `*buffer` gets a heap block that the caller releases with free(), and
 // `*length` its size, 1 or above. Answers one of kHdcRead…; for all but kHdcReadDone `*buffer`
 // is null and `*length` 0. HdcRead blocks until a message is whole or the session ends.
-[[nodiscard]] int HdcRead(drvHdcSession_t session, void** buffer, uint32_t* length,
+[[nodiscard]] int HdcRead(const HdcSessionPtr& session, void** buffer, uint32_t* length,
                           const orla::LogSide& side = orla::kCoreSide);
 // Answers kHdcReadEmpty when no message has begun. One that has begun is waited for, with at
 // most 10,011 ms of sleep in the call, since to drop its head would make its tail look like a
 // message of its own; after that the read fails.
-[[nodiscard]] int HdcReadNb(drvHdcSession_t session, void** buffer, uint32_t* length,
+[[nodiscard]] int HdcReadNb(const HdcSessionPtr& session, void** buffer, uint32_t* length,
                             const orla::LogSide& side = orla::kCoreSide);
 
-// Whether the peer has closed the session. Asks without waiting and drops what has come: for
-// sessions on which nothing is to be read.
-[[nodiscard]] bool HdcIsPeerGone(drvHdcSession_t session,
+// Whether the peer or this side has closed the session. Asks without waiting and drops what has
+// come: for sessions on which nothing is to be read.
+[[nodiscard]] bool HdcIsPeerGone(const HdcSessionPtr& session,
                                  const orla::LogSide& side = orla::kCoreSide);
 
 // HdcReadNb until it answers anything but kHdcReadEmpty, with a sleep of 1, 2, … times - 1 ms
 // behind each empty answer; after the last it fails with a warning. 142 `times` make 10,011 ms.
-[[nodiscard]] int HdcReadPolling(drvHdcSession_t session, void** buffer, uint32_t* length,
+[[nodiscard]] int HdcReadPolling(const HdcSessionPtr& session, void** buffer, uint32_t* length,
                                  int times, const orla::LogSide& side = orla::kCoreSide);
 
 // Writes one message of `length` bytes, 1 to 2,147,483,647. `buffer` stays the caller's. After
 // a failure the message may be out in part, and the peer never sees its end: the session is
 // then of use for closing only. HdcWrite blocks while the peer doesn't read; HdcWriteNb fails
 // rather than block.
-[[nodiscard]] int HdcWrite(drvHdcSession_t session, const void* buffer, int length,
+[[nodiscard]] int HdcWrite(const HdcSessionPtr& session, const void* buffer, int length,
                            const orla::LogSide& side = orla::kCoreSide);
-[[nodiscard]] int HdcWriteNb(drvHdcSession_t session, const void* buffer, int length,
+[[nodiscard]] int HdcWriteNb(const HdcSessionPtr& session, const void* buffer, int length,
                              const orla::LogSide& side = orla::kCoreSide);
 // HdcWrite without a copy, for a message that need not survive it: segments are made where it
 // lies. The orla::kSegmentFront bytes in front of `buffer` and the orla::kSegmentTail bytes behind
 // its end belong to the caller too; the ones in front and the message are overwritten.
-[[nodiscard]] int HdcWriteInPlace(drvHdcSession_t session, char* buffer, int length,
+[[nodiscard]] int HdcWriteInPlace(const HdcSessionPtr& session, char* buffer, int length,
                                   const orla::LogSide& side = orla::kCoreSide);
 
 // The driver's maximum segment, 1024 to 524288 bytes. A null `maxSegment` fails.
 [[nodiscard]] int HdcGetCapacity(uint32_t* maxSegment, const orla::LogSide& side = orla::kCoreSide);
 
 // Facts about a session. On failure the out-value is unchanged.
-[[nodiscard]] int IdeGetDevIdBySession(drvHdcSession_t session, int* devId,
+[[nodiscard]] int IdeGetDevIdBySession(const HdcSessionPtr& session, int* devId,
                                        const orla::LogSide& side = orla::kCoreSide);
-[[nodiscard]] int HdcGetSessionRunEnv(drvHdcSession_t session, int* runEnv,
+[[nodiscard]] int HdcGetSessionRunEnv(const HdcSessionPtr& session, int* runEnv,
                                       const orla::LogSide& side = orla::kCoreSide);
-[[nodiscard]] int HdcGetSessionVfId(drvHdcSession_t session, int* vfId,
+[[nodiscard]] int HdcGetSessionVfId(const HdcSessionPtr& session, int* vfId,
                                     const orla::LogSide& side = orla::kCoreSide);
-[[nodiscard]] int HdcGetSessionPid(drvHdcSession_t session, int* pid,
+[[nodiscard]] int HdcGetSessionPid(const HdcSessionPtr& session, int* pid,
                                    const orla::LogSide& side = orla::kCoreSide);
 
 // ---- Request records ----------------------------------------------------------------------

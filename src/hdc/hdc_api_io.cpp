@@ -21,7 +21,7 @@ public:
     DriverMessage(const DriverMessage&) = delete;
     DriverMessage& operator=(const DriverMessage&) = delete;
 
-    drvError_t Alloc(drvHdcSession_t session) { return drvHdcAllocMsg(session, &handle_, 1); }
+    drvError_t Alloc(HdcSession& session) { return session.AllocMsg(&handle_, 1); }
 
     [[nodiscard]] int Free() {
         if (handle_ == nullptr) {
@@ -52,7 +52,7 @@ private:
     drvHdcMsg_t handle_ = nullptr;
 };
 
-int SendSegment(drvHdcSession_t session, DriverMessage& message, IdeHdcPacket* segment,
+int SendSegment(HdcSession::Sending& turn, DriverMessage& message, IdeHdcPacket* segment,
                 uint64_t flag, const LogSide& side) {
     drvError_t ret = drvHdcAddMsgBuffer(message.get(), reinterpret_cast<char*>(segment),
                                         static_cast<int>(segment->len + orla::kSegmentOverhead));
@@ -60,7 +60,7 @@ int SendSegment(drvHdcSession_t session, DriverMessage& message, IdeHdcPacket* s
         SIDE_LOG(side, kError, "Hdc Add Msg Buffer, error: %d", ret);
         return -1;
     }
-    ret = halHdcSend(session, message.get(), flag, 0);
+    ret = turn.Send(message.get(), flag);
     if (ret != DRV_ERROR_NONE) {
         SIDE_LOG(side, kError, "Hdc Send, error: %d", ret);
         return -1;
@@ -70,7 +70,7 @@ int SendSegment(drvHdcSession_t session, DriverMessage& message, IdeHdcPacket* s
 
 // Sends the segments of a message, each made in `block`, or without one in front of its payload:
 // there lies nothing but the caller's room, or bytes that are out already.
-int SendSegments(drvHdcSession_t session, DriverMessage& message, const char* payload,
+int SendSegments(HdcSession::Sending& turn, DriverMessage& message, const char* payload,
                  uint32_t remaining, uint32_t limit, IdeHdcPacket* block, uint64_t flag,
                  const LogSide& side) {
     while (remaining > 0) {
@@ -80,16 +80,17 @@ int SendSegments(drvHdcSession_t session, DriverMessage& message, const char* pa
                 reinterpret_cast<IdeHdcPacket*>(const_cast<char*>(payload) - orla::kSegmentFront);
         }
         const uint32_t taken = orla::CutSegment(payload, remaining, limit, segment);
-        if (SendSegment(session, message, segment, flag, side) != 0) {
+        if (SendSegment(turn, message, segment, flag, side) != 0) {
             return -1;
         }
         payload += taken;
         remaining -= taken;
     }
+    turn.Complete();
     return message.Free();
 }
 
-int HdcSessionWrite(drvHdcSession_t session, const void* buffer, int length, bool inPlace,
+int HdcSessionWrite(const HdcSessionPtr& session, const void* buffer, int length, bool inPlace,
                     uint64_t flag, const LogSide& side) {
     if (SIDE_REFUSES(side, {session == nullptr, "session is nullptr"},
                      {buffer == nullptr, "buf is nullptr"}, {length < 1, "len is invalid"})) {
@@ -101,8 +102,15 @@ int HdcSessionWrite(drvHdcSession_t session, const void* buffer, int length, boo
         SIDE_LOG(side, kError, "Hdc Capacity Failed, err: %d", err);
         return -1;
     }
+    HdcSession::Sending turn(*session);
+    drvError_t ret = turn.refusal();
+    if (ret != DRV_ERROR_NONE) {
+        SIDE_LOG(side, kError, "Hdc Send, error: %d", ret);
+        return -1;
+    }
+    HeapBlock block;  // outlives the message, which refers to it until it is freed
     DriverMessage message(side);
-    const drvError_t ret = message.Alloc(session);
+    ret = message.Alloc(*session);
     if (ret != DRV_ERROR_NONE || message.get() == nullptr) {
         SIDE_LOG(side, kError, "Hdc Alloc Msg, error: %d", ret);
         return -1;
@@ -111,17 +119,17 @@ int HdcSessionWrite(drvHdcSession_t session, const void* buffer, int length, boo
     const uint32_t limit = maxSegment - orla::kSegmentOverhead;
     const auto size = static_cast<uint32_t>(length);
     if (inPlace) {
-        return SendSegments(session, message, payload, size, limit, nullptr, flag, side);
+        return SendSegments(turn, message, payload, size, limit, nullptr, flag, side);
     }
     // One segment buffer serves the whole message, and is no larger than a short one needs.
     const size_t segmentSize = std::min(size, limit) + orla::kSegmentOverhead;
-    const HeapBlock block(static_cast<char*>(IdeXmalloc(segmentSize)));
+    block.reset(static_cast<char*>(IdeXmalloc(segmentSize)));
     if (block == nullptr) {
         SIDE_LOG(side, kError, "%sIdeXmalloc %lu Size failed",
                  OperationName(side, "[HdcSessionWrite]"), segmentSize);
         return -1;
     }
-    return SendSegments(session, message, payload, size, limit,
+    return SendSegments(turn, message, payload, size, limit,
                         reinterpret_cast<IdeHdcPacket*>(block.get()), flag, side);
 }
 
@@ -148,10 +156,10 @@ int StoreBuffers(drvHdcMsg_t message, int count, orla::MessageJoiner& joiner, co
 
 // One receive, which for a message that has begun is repeated while nothing is there.
 // `pauses` counts over the whole message, so that a peer that drips is bounded too.
-drvError_t Receive(drvHdcSession_t session, drvHdcMsg_t message, uint64_t flag, bool begun,
+drvError_t Receive(HdcSession::Receiving& turn, drvHdcMsg_t message, uint64_t flag, bool begun,
                    int* pauses, int* count) {
     while (true) {
-        const drvError_t ret = halHdcRecv(session, message, 0, flag, count, 0);
+        const drvError_t ret = turn.Receive(message, 0, flag, count, 0);
         if (ret != DRV_ERROR_NON_BLOCK || !begun || *pauses >= kMaxReadPauses) {
             return ret;
         }
@@ -181,7 +189,7 @@ void LogListFreed(const LogSide& side) {
     }
 }
 
-int HdcSessionRead(drvHdcSession_t session, void** buffer, uint32_t* length, uint64_t flag,
+int HdcSessionRead(const HdcSessionPtr& session, void** buffer, uint32_t* length, uint64_t flag,
                    const LogSide& side) {
     if (SIDE_REFUSES(side, {session == nullptr, "session is nullptr"},
                      {buffer == nullptr, "recv_buf is nullptr"},
@@ -190,8 +198,12 @@ int HdcSessionRead(drvHdcSession_t session, void** buffer, uint32_t* length, uin
     }
     *buffer = nullptr;
     *length = 0;
+    HdcSession::Receiving turn(*session);
     DriverMessage message(side);
-    drvError_t ret = message.Alloc(session);
+    drvError_t ret = message.Alloc(*session);
+    if (ret == DRV_ERROR_SOCKET_CLOSE) {
+        return ReceiveFailure(ret, false, side);
+    }
     if (ret != DRV_ERROR_NONE || message.get() == nullptr) {
         SIDE_LOG(side, kError, "Hdc Alloc Msg, error %d", ret);
         return kHdcReadFailed;
@@ -200,7 +212,7 @@ int HdcSessionRead(drvHdcSession_t session, void** buffer, uint32_t* length, uin
     int pauses = 0;
     while (true) {
         int count = 0;
-        ret = Receive(session, message.get(), flag, !joiner.untouched(), &pauses, &count);
+        ret = Receive(turn, message.get(), flag, !joiner.untouched(), &pauses, &count);
         if (ret != DRV_ERROR_NONE) {
             return ReceiveFailure(ret, !joiner.untouched(), side);
         }
@@ -231,15 +243,15 @@ int HdcSessionRead(drvHdcSession_t session, void** buffer, uint32_t* length, uin
 
 }  // namespace
 
-int HdcRead(drvHdcSession_t session, void** buffer, uint32_t* length, const LogSide& side) {
+int HdcRead(const HdcSessionPtr& session, void** buffer, uint32_t* length, const LogSide& side) {
     return HdcSessionRead(session, buffer, length, HDC_FLAG_WAIT, side);
 }
 
-int HdcReadNb(drvHdcSession_t session, void** buffer, uint32_t* length, const LogSide& side) {
+int HdcReadNb(const HdcSessionPtr& session, void** buffer, uint32_t* length, const LogSide& side) {
     return HdcSessionRead(session, buffer, length, HDC_FLAG_NOWAIT, side);
 }
 
-int HdcReadPolling(drvHdcSession_t session, void** buffer, uint32_t* length, int times,
+int HdcReadPolling(const HdcSessionPtr& session, void** buffer, uint32_t* length, int times,
                    const LogSide& side) {
     for (int i = 1; i < times; ++i) {
         const int ret = HdcReadNb(session, buffer, length, side);
@@ -252,30 +264,34 @@ int HdcReadPolling(drvHdcSession_t session, void** buffer, uint32_t* length, int
     return kHdcReadFailed;
 }
 
-int HdcWrite(drvHdcSession_t session, const void* buffer, int length, const LogSide& side) {
+int HdcWrite(const HdcSessionPtr& session, const void* buffer, int length, const LogSide& side) {
     return HdcSessionWrite(session, buffer, length, false, HDC_FLAG_WAIT, side);
 }
 
-int HdcWriteNb(drvHdcSession_t session, const void* buffer, int length, const LogSide& side) {
+int HdcWriteNb(const HdcSessionPtr& session, const void* buffer, int length, const LogSide& side) {
     return HdcSessionWrite(session, buffer, length, false, HDC_FLAG_NOWAIT, side);
 }
 
-int HdcWriteInPlace(drvHdcSession_t session, char* buffer, int length, const LogSide& side) {
+int HdcWriteInPlace(const HdcSessionPtr& session, char* buffer, int length, const LogSide& side) {
     return HdcSessionWrite(session, buffer, length, true, HDC_FLAG_WAIT, side);
 }
 
-bool HdcIsPeerGone(drvHdcSession_t session, const LogSide& side) {
-    DriverMessage message(side);
-    if (session == nullptr || message.Alloc(session) != DRV_ERROR_NONE ||
-        message.get() == nullptr) {
+bool HdcIsPeerGone(const HdcSessionPtr& session, const LogSide& side) {
+    if (session == nullptr) {
         return false;
     }
-    for (int i = 0; i < kMaxDropped; ++i) {
+    HdcSession::Receiving turn(*session);
+    DriverMessage message(side);
+    drvError_t ret = message.Alloc(*session);
+    if (ret == DRV_ERROR_NONE && message.get() == nullptr) {
+        return false;
+    }
+    for (int i = 0; i < kMaxDropped && ret == DRV_ERROR_NONE; ++i) {
         int count = 0;
-        const drvError_t ret = halHdcRecv(session, message.get(), 0, HDC_FLAG_NOWAIT, &count, 0);
-        if (ret != DRV_ERROR_NONE || message.Reuse() != 0) {
-            return ret == DRV_ERROR_SOCKET_CLOSE;
+        ret = turn.Receive(message.get(), 0, HDC_FLAG_NOWAIT, &count, 0);
+        if (ret == DRV_ERROR_NONE && message.Reuse() != 0) {
+            return false;
         }
     }
-    return false;
+    return ret == DRV_ERROR_SOCKET_CLOSE;
 }

@@ -171,7 +171,7 @@ TEST_F(HdcTest, ArgumentsAreChecked) {
     void* buffer = nullptr;
     uint32_t length = 0;
     int value = 5;
-    drvHdcSession_t session = nullptr;
+    HdcSessionPtr session;
     const struct {
         const char* words;
         int result;
@@ -208,21 +208,26 @@ TEST_F(HdcTest, ArgumentsAreChecked) {
 }
 
 TEST_F(HdcTest, AServerIsDestroyedWithPatienceForABusyDriverOnly) {
-    const drvHdcServer_t other = HdcServerCreate(0, 12);
+    const HdcServerPtr other = HdcServerCreate(0, 12);
     ASSERT_NE(nullptr, other);
     InjectFault("drvHdcServerDestroy", DRV_ERROR_CLIENT_BUSY, 0, 2);
     EXPECT_EQ(0, HdcServerDestroy(other));
     EXPECT_TRUE(Logged("hdc server destroy error : 23, times 2"));
     const uint64_t before = orla::control::CallCount("drvHdcServerDestroy");
+    EXPECT_EQ(0, HdcServerDestroy(other));  // it is gone, and the driver isn't asked again
+    EXPECT_EQ(before, orla::control::CallCount("drvHdcServerDestroy"));
+    drvHdcServer_t third = nullptr;
+    ASSERT_EQ(0, drvHdcServerCreate(0, 12, &third));
     InjectFault("drvHdcServerDestroy", 7);
-    EXPECT_EQ(0, HdcServerDestroy(other));
+    EXPECT_EQ(0, HdcServerDestroy(HdcServer::Adopt(third)));
     EXPECT_EQ(before + 1, orla::control::CallCount("drvHdcServerDestroy"));
+    EXPECT_EQ(0, drvHdcServerDestroy(third));  // the fault has kept it from the driver
 }
 
 TEST_F(HdcTest, ASessionThatCannotBeReferencedIsClosed) {
     const size_t sessions = orla::control::CountLiveHandles().sessions;
     InjectFault("drvHdcSetSessionReference", 7);
-    drvHdcSession_t session = nullptr;
+    HdcSessionPtr session;
     EXPECT_EQ(-1, HdcSessionConnect(0, 0, listener_->client(), &session));
     EXPECT_EQ(nullptr, session);
     EXPECT_EQ(sessions, orla::control::CountLiveHandles().sessions);

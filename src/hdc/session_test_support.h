@@ -21,22 +21,23 @@ public:
     Listener& operator=(const Listener&) = delete;
 
     // The host's end of a new session; null when it can't connect.
-    drvHdcSession_t Connect() const {
-        drvHdcSession_t session = nullptr;
-        return HdcSessionConnect(0, 0, client_, &session) == 0 ? session : nullptr;
+    HdcSessionPtr Connect() const {
+        HdcSessionPtr session;
+        static_cast<void>(HdcSessionConnect(0, 0, client_, &session));
+        return session;
     }
     // The device's end of the next one.
-    drvHdcSession_t Accept() const { return HdcServerAccept(server_); }
+    HdcSessionPtr Accept() const { return HdcServerAccept(server_); }
     drvHdcClient_t client() const { return client_; }
 
 private:
-    drvHdcServer_t server_;
+    const HdcServerPtr server_;
     drvHdcClient_t client_ = HdcClientCreate(kHdcServiceRequests);
 };
 
-// One session, of which either end may be closed early.
-class Session {
-public:
+// One session, of which either end may be closed early. Both are closed at the end,
+// whoever shares them.
+struct Session {
     explicit Session(const Listener& listener)
         : host(listener.Connect()), device(listener.Accept()) {}
     ~Session() {
@@ -46,19 +47,19 @@ public:
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    static void Close(drvHdcSession_t* end) {
+    static void Close(HdcSessionPtr* end) {
         if (*end != nullptr) {
             HdcSessionClose(*end);
-            *end = nullptr;
+            end->reset();
         }
     }
 
-    drvHdcSession_t host;
-    drvHdcSession_t device;
+    HdcSessionPtr host;
+    HdcSessionPtr device;
 };
 
 // The next message, or nothing when the peer has gone.
-inline std::optional<std::string> ReadMessage(drvHdcSession_t session) {
+inline std::optional<std::string> ReadMessage(const HdcSessionPtr& session) {
     void* data = nullptr;
     uint32_t length = 0;
     if (HdcRead(session, &data, &length) != kHdcReadDone) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "hdc/hdc_packet.h"
+#include "hdc/hdc_session.h"
 #include "platform/emulation/control.h"
 
 namespace orla::test {
@@ -78,11 +79,13 @@ inline std::string Segment(const std::string& value, uint8_t isLast,
 }
 
 // Gives bytes to the driver as one buffer, whatever they are.
-inline void SendRaw(drvHdcSession_t session, std::string bytes) {
+inline void SendRaw(const HdcSessionPtr& session, std::string bytes) {
     drvHdcMsg_t message = nullptr;
-    ASSERT_EQ(0, drvHdcAllocMsg(session, &message, 1));
+    HdcSession::Sending turn(*session);
+    ASSERT_EQ(0, session->AllocMsg(&message, 1));
     ASSERT_EQ(0, drvHdcAddMsgBuffer(message, bytes.data(), static_cast<int>(bytes.size())));
-    ASSERT_EQ(0, halHdcSend(session, message, HDC_FLAG_WAIT, 0));
+    ASSERT_EQ(0, turn.Send(message, HDC_FLAG_WAIT));
+    turn.Complete();
     ASSERT_EQ(0, drvHdcFreeMsg(message));
 }
 

@@ -3,7 +3,7 @@
 #include <hdc_driver.h>
 
 #include <algorithm>
-#include <vector>
+#include <array>
 
 #include "hdc/log_side.h"
 
@@ -57,7 +57,7 @@ int IdeGetPhyDevList(uint32_t* devNum, uint32_t* list, uint32_t len) {
         SIDE_REFUSES(kCoreSide, {list == nullptr, "device list is nullptr"})) {
         return -1;
     }
-    std::vector<uint32_t> logicalIds(kMaxDevices, 0);
+    std::array<uint32_t, kMaxDevices> logicalIds{};
     const int ret = IdeGetDevList(devNum, logicalIds.data(), kMaxDevices);
     if (ret != 0) {
         IDE_LOGE("IdeGetDevList failed, ret: %d", ret);
@@ -80,7 +80,7 @@ int IdeGetLogIdByPhyId(uint32_t phyId, uint32_t* logId) {
     if (SIDE_REFUSES(kCoreSide, {logId == nullptr, "logId is nullptr"})) {
         return -1;
     }
-    std::vector<uint32_t> logicalIds(kMaxDevices, 0);
+    std::array<uint32_t, kMaxDevices> logicalIds{};
     uint32_t count = 0;
     if (IdeGetDevList(&count, logicalIds.data(), kMaxDevices) != 0) {
         IDE_LOGE("IdeGetDevList failed");

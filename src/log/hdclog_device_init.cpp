@@ -34,7 +34,7 @@ constexpr SlogdMessage kEmptyMessage = {0, 0xFFFFFFFF, {}};
 orla::LogMutex g_queueMutex;
 orla::SlogdClient g_slogd;  // guarded by g_queueMutex
 
-int32_t WriteToHost(drvHdcSession_t session, const char* text) {
+int32_t WriteToHost(const HdcSessionPtr& session, const char* text) {
     const int result = HdcWrite(session, text, static_cast<int>(std::strlen(text)));
     if (result == 0) {
         return kLogServiceDone;
@@ -44,13 +44,13 @@ int32_t WriteToHost(drvHdcSession_t session, const char* text) {
 }
 
 // Tells the host why, whether it still hears it or not.
-int32_t Refuse(drvHdcSession_t session, const char* text, int32_t code) {
+int32_t Refuse(const HdcSessionPtr& session, const char* text, int32_t code) {
     static_cast<void>(WriteToHost(session, text));
     return code;
 }
 
 // 0, or why sessions of this kind are not served; the host has been told then.
-int32_t CheckSession(drvHdcSession_t session) {
+int32_t CheckSession(const HdcSessionPtr& session) {
     int environment = 0;
     if (DrvSessionGetAttr(session, HDC_SESSION_ATTR_RUN_ENV, &environment) != 0) {
         SELF_LOG_ERROR("get run env type by session failed");
@@ -78,7 +78,7 @@ bool IsQueueGone(int error) {
     return error == EIDRM || error == EINVAL;
 }
 
-int32_t ForwardReply(drvHdcSession_t session, const char* text) {
+int32_t ForwardReply(const HdcSessionPtr& session, const char* text) {
     if (std::strcmp(text, kSetDone) == 0) {
         SELF_LOG_INFO("set device level succeed.");
         return WriteToHost(session, text);
@@ -94,7 +94,7 @@ int32_t ForwardReply(drvHdcSession_t session, const char* text) {
     return WriteToHost(session, text);
 }
 
-int32_t Converse(drvHdcSession_t session, int queue, const SlogdMessage& message) {
+int32_t Converse(const HdcSessionPtr& session, int queue, const SlogdMessage& message) {
     SlogdMessage reply;
     SlogdClient::Outcome outcome;
     {
@@ -115,7 +115,7 @@ int32_t Converse(drvHdcSession_t session, int queue, const SlogdMessage& message
     return ForwardReply(session, reply.text);
 }
 
-int32_t Relay(drvHdcSession_t session, const IdeRequest& request) {
+int32_t Relay(const HdcSessionPtr& session, const IdeRequest& request) {
     if (request.len == 0 || request.len > kMaxRequestLength) {
         SELF_LOG_WARN("request length is illegal, request_length=%d.",
                       static_cast<int>(request.len));
@@ -141,7 +141,7 @@ int32_t Relay(drvHdcSession_t session, const IdeRequest& request) {
     return Converse(session, queue, message);
 }
 
-int32_t Serve(drvHdcSession_t session, const IdeRequest* request) {
+int32_t Serve(const HdcSessionPtr& session, const IdeRequest* request) {
     if (request == nullptr) {
         SELF_LOG_WARN("[input] request is null.");
         return Refuse(session, kUnknownError, kLogServiceNoRequest);
@@ -170,7 +170,7 @@ int32_t IdeDeviceLogDestroy() {
     return kLogServiceDone;
 }
 
-int32_t IdeDeviceLogProcess(drvHdcSession_t session, const IdeRequest* request) {
+int32_t IdeDeviceLogProcess(const HdcSessionPtr& session, const IdeRequest* request) {
     const int32_t refused = CheckSession(session);
     if (refused != kLogServiceDone) {
         return refused;

@@ -12,11 +12,10 @@
 // was set) and "[event]" (stands in the answer to a query). Log lines go to the self log.
 #pragma once
 
-#include <hdc_driver.h>
-
 #include <cstdint>
 
 #include "hdc/hdc_packet.h"
+#include "hdc/hdc_session.h"
 
 // What the entry points answer.
 constexpr int32_t kLogServiceDone = 0;         // the answer, good or bad, is with the host
@@ -37,7 +36,7 @@ int32_t IdeDeviceLogInit();
 // Undoes it, always 0. Requests in flight finish, on the default self log.
 int32_t IdeDeviceLogDestroy();
 
-// Serves one request; both arguments stay the caller's, who closes the session afterwards. Takes
+// Serves one request; both arguments stay the caller's. Takes
 // up to 0.9 s when slogd is slow, up to another second when slogd may still answer the request
 // before, and the time of the requests before it.
-int32_t IdeDeviceLogProcess(drvHdcSession_t session, const IdeRequest* request);
+int32_t IdeDeviceLogProcess(const HdcSessionPtr& session, const IdeRequest* request);

@@ -33,7 +33,7 @@ Answer Full(int32_t code, const std::string& text) {
 }
 
 // `length`: what the record says, the truth or not.
-int32_t Process(drvHdcSession_t device, const std::string& value, size_t length) {
+int32_t Process(const HdcSessionPtr& device, const std::string& value, size_t length) {
     std::vector<char> record(sizeof(IdeRequest) + value.size() + 1);
     auto* const request = reinterpret_cast<IdeRequest*>(record.data());
     *request = {orla::kRequestLog, kDevice, static_cast<uint32_t>(length)};

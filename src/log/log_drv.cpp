@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdlib>
+#include <utility>
 
 #include "hdc/hdc_packet.h"
 #include "log/log_platform.h"
@@ -34,8 +35,8 @@ bool IsDeviceId(int deviceId) {
 // The driver's carrier of one buffer. Null, with a log line, when it can't be had.
 class Message {
 public:
-    explicit Message(drvHdcSession_t session) {
-        const drvError_t error = drvHdcAllocMsg(session, &message_, 1);
+    explicit Message(HdcSession& session) {
+        const drvError_t error = session.AllocMsg(&message_, 1);
         if (error != DRV_ERROR_NONE) {
             SELF_LOG_ERROR("alloc msg failed, drvErr=%d.", error);
             message_ = nullptr;
@@ -95,14 +96,14 @@ uint32_t FillSegment(IdeHdcPacket* segment, uint32_t room, const char* data, uin
     return segment->len;
 }
 
-int SendSegment(drvHdcSession_t session, const Message& message, IdeHdcPacket* segment) {
+int SendSegment(HdcSession::Sending& turn, const Message& message, IdeHdcPacket* segment) {
     drvError_t error = drvHdcAddMsgBuffer(message.get(), reinterpret_cast<char*>(segment),
                                           static_cast<int>(segment->len + orla::kSegmentOverhead));
     if (error != DRV_ERROR_NONE) {
         SELF_LOG_ERROR("add buffer to HDC msg failed, drvErr=%d.", error);
         return -1;
     }
-    error = halHdcSend(session, message.get(), HDC_FLAG_WAIT, 0);
+    error = turn.Send(message.get(), HDC_FLAG_WAIT);
     if (error != DRV_ERROR_NONE) {
         SELF_LOG_ERROR("HDC send failed, drvErr=%d.", error);
         return -1;
@@ -153,13 +154,13 @@ int AppendPayload(const IdeHdcPacket& segment, char** buffer, uint32_t* length) 
 
 // Receives segments until the last one. -1 with the driver's code in `*error`, or with a code of
 // 0 when the fault was not the driver's.
-int ReceiveSegments(drvHdcSession_t session, const Message& message, char** buffer,
+int ReceiveSegments(HdcSession::Receiving& turn, const Message& message, char** buffer,
                     uint32_t* length, uint32_t timeout, drvError_t* error) {
     uint8_t mark = kMoreSegments;
     while (mark != kLastSegment) {
         int count = 0;
-        *error = halHdcRecv(session, message.get(), static_cast<int>(orla::kMaxMaxSegment),
-                            HDC_FLAG_TIMEOUT, &count, timeout);
+        *error = turn.Receive(message.get(), static_cast<int>(orla::kMaxMaxSegment),
+                              HDC_FLAG_TIMEOUT, &count, timeout);
         if (*error != DRV_ERROR_NONE) {
             return -1;
         }
@@ -190,11 +191,11 @@ void ReportReceiveFailure(drvError_t error, int deviceId, uint32_t timeout) {
 
 }  // namespace
 
-int DrvSessionGetAttr(drvHdcSession_t session, int attribute, int* value) {
+int DrvSessionGetAttr(const HdcSessionPtr& session, int attribute, int* value) {
     if (session == nullptr || value == nullptr) {
         return -1;
     }
-    const drvError_t error = halHdcGetSessionAttr(session, attribute, value);
+    const drvError_t error = session->GetAttr(attribute, value);
     if (error != DRV_ERROR_NONE) {
         SELF_LOG_ERROR("get session attr failed, drvErr=%d, strerr=%s.", error, SelfLogErrorText());
         return -1;
@@ -237,7 +238,7 @@ int DrvClientRelease(drvHdcClient_t client) {
     return 0;
 }
 
-int DrvSessionInit(drvHdcClient_t client, drvHdcSession_t* session, int deviceId) {
+int DrvSessionInit(drvHdcClient_t client, HdcSessionPtr* session, int deviceId) {
     if (client == nullptr) {
         SELF_LOG_WARN("[in] hdc client is null.");
         return -1;
@@ -251,28 +252,32 @@ int DrvSessionInit(drvHdcClient_t client, drvHdcSession_t* session, int deviceId
         SELF_LOG_WARN("[in] device id[%d] is invalid.", deviceId);
         return -1;
     }
-    drvHdcSession_t opened = nullptr;
-    drvError_t error = drvHdcSessionConnect(0, deviceId, client, &opened);
-    if (error != DRV_ERROR_NONE || opened == nullptr) {
+    drvHdcSession_t handle = nullptr;
+    drvError_t error = drvHdcSessionConnect(0, deviceId, client, &handle);
+    if (error != DRV_ERROR_NONE || handle == nullptr) {
         SELF_LOG_ERROR("create session failed, drvErr=%d, strerr=%s.", error, SelfLogErrorText());
         return -1;
     }
-    error = drvHdcSetSessionReference(opened);
+    HdcSessionPtr opened = HdcSession::Adopt(handle);
+    if (opened == nullptr) {
+        return -1;
+    }
+    error = opened->SetReference();
     if (error != DRV_ERROR_NONE) {
         SELF_LOG_ERROR("set session reference error, drvErr=%d.", error);
         static_cast<void>(DrvSessionRelease(opened));
         return -1;
     }
-    *session = opened;
+    *session = std::move(opened);
     return 0;
 }
 
-int DrvSessionRelease(drvHdcSession_t session) {
+int DrvSessionRelease(const HdcSessionPtr& session) {
     if (session == nullptr) {
         SELF_LOG_WARN("[input] session is null.");
         return -1;
     }
-    const drvError_t error = drvHdcSessionClose(session);
+    const drvError_t error = session->Close();
     if (error != DRV_ERROR_NONE) {
         SELF_LOG_ERROR("close session failed, drvErr=%d, strerr=%s.", error, SelfLogErrorText());
         return -1;
@@ -301,7 +306,7 @@ int DrvPlatformGet(uint32_t* platform) {
     return 0;
 }
 
-int DrvBufWrite(drvHdcSession_t session, const char* buffer, uint32_t length) {
+int DrvBufWrite(const HdcSessionPtr& session, const char* buffer, uint32_t length) {
     if (session == nullptr || buffer == nullptr || length == 0) {
         return -1;
     }
@@ -316,7 +321,8 @@ int DrvBufWrite(drvHdcSession_t session, const char* buffer, uint32_t length) {
         SELF_LOG_ERROR("calloc %u size failed, strerr=%s.", size, SelfLogErrorText());
         return -1;
     }
-    const Message message(session);
+    HdcSession::Sending turn(*session);
+    const Message message(*session);
     if (!message) {
         return -1;
     }
@@ -324,22 +330,24 @@ int DrvBufWrite(drvHdcSession_t session, const char* buffer, uint32_t length) {
     const uint32_t room = size - orla::kSegmentOverhead;
     for (uint32_t remaining = length; remaining > 0;) {
         const uint32_t taken = FillSegment(packet, room, buffer + (length - remaining), remaining);
-        if (taken == 0 || SendSegment(session, message, packet) != 0) {
+        if (taken == 0 || SendSegment(turn, message, packet) != 0) {
             return -1;
         }
         remaining -= taken;
     }
+    turn.Complete();
     return 0;
 }
 
-int DrvBufRead(drvHdcSession_t session, int deviceId, char** buffer, uint32_t* length,
+int DrvBufRead(const HdcSessionPtr& session, int deviceId, char** buffer, uint32_t* length,
                uint32_t timeout) {
     if (session == nullptr || buffer == nullptr || length == nullptr || !IsDeviceId(deviceId)) {
         return -1;
     }
     drvError_t error = DRV_ERROR_NONE;
-    const Message message(session);
-    if (message && ReceiveSegments(session, message, buffer, length, timeout, &error) == 0) {
+    HdcSession::Receiving turn(*session);
+    const Message message(*session);
+    if (message && ReceiveSegments(turn, message, buffer, length, timeout, &error) == 0) {
         return 0;
     }
     ReportReceiveFailure(error, deviceId, timeout);

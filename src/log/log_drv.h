@@ -11,8 +11,10 @@
 
 #include <cstdint>
 
+#include "hdc/hdc_session.h"
+
 // `value` is unchanged on failure. A null session or value is a failure without a line.
-[[nodiscard]] int DrvSessionGetAttr(drvHdcSession_t session, int attribute, int* value);
+[[nodiscard]] int DrvSessionGetAttr(const HdcSessionPtr& session, int attribute, int* value);
 
 // A client for at most 64 sessions. `*client` is null on failure.
 [[nodiscard]] int DrvClientCreate(drvHdcClient_t* client, int serviceType);
@@ -21,21 +23,21 @@ int DrvClientRelease(drvHdcClient_t client);
 
 // Connects to a device, id 0 to 1023, and binds the session to this process. `*session` is null
 // on failure, and nothing stays open.
-[[nodiscard]] int DrvSessionInit(drvHdcClient_t client, drvHdcSession_t* session, int deviceId);
-// The handle is used up, whatever the result.
-int DrvSessionRelease(drvHdcSession_t session);
+[[nodiscard]] int DrvSessionInit(drvHdcClient_t client, HdcSessionPtr* session, int deviceId);
+// The session is closed, whatever the result.
+int DrvSessionRelease(const HdcSessionPtr& session);
 
 // Platform type: 0, 1, or 10000 while the driver does not know it yet; 0 and 1 are kept.
 [[nodiscard]] int DrvPlatformGet(uint32_t* platform);
 
 // Sends one message of `length` bytes, above 0; blocks while the peer does not read. After a
 // failure the message may be out in part.
-[[nodiscard]] int DrvBufWrite(drvHdcSession_t session, const char* buffer, uint32_t length);
+[[nodiscard]] int DrvBufWrite(const HdcSessionPtr& session, const char* buffer, uint32_t length);
 
 // Receives one message, with at most `timeout` milliseconds of waiting for each of its segments.
 // `*buffer` and `*length` start as empty (null and 0), or as a heap block that the message is
 // put behind. On success `*buffer` is a heap block for the caller to free(), with a zero
 // byte behind its `*length` bytes. On failure what was there is freed, `*buffer` is null and
 // `*length` 0. `deviceId`, 0 to 1023, is for log lines only.
-[[nodiscard]] int DrvBufRead(drvHdcSession_t session, int deviceId, char** buffer, uint32_t* length,
-                             uint32_t timeout);
+[[nodiscard]] int DrvBufRead(const HdcSessionPtr& session, int deviceId, char** buffer,
+                             uint32_t* length, uint32_t timeout);

@@ -26,12 +26,13 @@ protected:
     }
 
     // The next buffer, as the driver has it.
-    static std::string ReceiveRaw(drvHdcSession_t session) {
+    static std::string ReceiveRaw(const HdcSessionPtr& session) {
         drvHdcMsg_t message = nullptr;
         char* data = nullptr;
         int size = 0;
-        EXPECT_EQ(drvHdcAllocMsg(session, &message, 1), 0);
-        EXPECT_EQ(halHdcRecv(session, message, 0, HDC_FLAG_TIMEOUT, &size, kTimeoutMs), 0);
+        HdcSession::Receiving turn(*session);
+        EXPECT_EQ(session->AllocMsg(&message, 1), 0);
+        EXPECT_EQ(turn.Receive(message, 0, HDC_FLAG_TIMEOUT, &size, kTimeoutMs), 0);
         EXPECT_EQ(drvHdcGetMsgBuffer(message, 0, &data, &size), 0);
         const std::string bytes(data, static_cast<size_t>(size));
         drvHdcFreeMsg(message);
@@ -128,9 +129,9 @@ TEST_F(LogDrvTest, TellsWhyNothingCame) {
 }
 
 TEST_F(LogDrvTest, FailedStepsEndTheMessageAndLeaveNothingBehind) {
-    const Session session(listener_);
     for (const char* call : {"drvHdcGetCapacity", "drvHdcAllocMsg", "drvHdcAddMsgBuffer",
                              "halHdcSend", "drvHdcReuseMsg"}) {
+        const Session session(listener_);
         InjectFault(call, 99);
         EXPECT_EQ(DrvBufWrite(session.host, "abc", 3), -1);
         EXPECT_THAT(log_.Take(), HasSubstr("failed, drvErr=99"));
@@ -138,6 +139,7 @@ TEST_F(LogDrvTest, FailedStepsEndTheMessageAndLeaveNothingBehind) {
     for (const auto& [capacity, result] :
          {std::pair{13u, -1}, {14u, 0}, {0x80000u, 0}, {0x80001u, -1}}) {
         SetScenario("max_segment", capacity);
+        const Session session(listener_);
         EXPECT_EQ(DrvBufWrite(session.host, "abc", 3), result) << capacity;
     }
     EXPECT_EQ(orla::control::CountLiveHandles().messages, 0u);
@@ -146,7 +148,7 @@ TEST_F(LogDrvTest, FailedStepsEndTheMessageAndLeaveNothingBehind) {
 TEST_F(LogDrvTest, OpensSessionsOrNothing) {
     drvHdcClient_t client = nullptr;
     ASSERT_EQ(DrvClientCreate(&client, kHdcServiceRequests), 0);
-    drvHdcSession_t session = nullptr;
+    HdcSessionPtr session;
     EXPECT_EQ(DrvSessionInit(client, &session, 1024), -1);
     EXPECT_THAT(log_.Take(), HasSubstr("[in] device id[1024] is invalid."));
     EXPECT_EQ(DrvSessionInit(client, &session, 1023), -1);
@@ -157,7 +159,7 @@ TEST_F(LogDrvTest, OpensSessionsOrNothing) {
     EXPECT_EQ(orla::control::CountLiveHandles().sessions, 0u);
     ASSERT_EQ(DrvSessionInit(client, &session, 0), 0);
     EXPECT_EQ(DrvSessionRelease(session), 0);
-    EXPECT_EQ(DrvSessionRelease(session), -1);
+    EXPECT_EQ(DrvSessionRelease(nullptr), -1);
     EXPECT_EQ(DrvClientRelease(client), 0);
 }
 

@@ -7,6 +7,7 @@
 #include "hdc/hdc_api.h"
 #include "hdc/log_side.h"
 #include "hdc/velt_dsmi.h"
+#include "server/hdc_handles.h"
 #include "server/velt_hdc_device.h"
 
 namespace Velt {
@@ -33,12 +34,13 @@ const std::string* Find(const CommOptions& options, const char* key) {
     return option == options.end() ? nullptr : &option->second;
 }
 
-int64_t ToValue(void* handle) {
-    return handle == nullptr ? kNoHandle : reinterpret_cast<intptr_t>(handle);
+// A client's value is the driver's handle.
+int64_t ToValue(drvHdcClient_t client) {
+    return client == nullptr ? kNoHandle : reinterpret_cast<intptr_t>(client);
 }
 
-void* ToHandle(int64_t value) {
-    return reinterpret_cast<void*>(static_cast<intptr_t>(value));
+drvHdcClient_t ToClient(int64_t value) {
+    return reinterpret_cast<drvHdcClient_t>(static_cast<intptr_t>(value));
 }
 
 }  // namespace
@@ -68,7 +70,7 @@ int64_t HdcCommOpt::OpenServer(const CommOptions& options) {
         return kNoHandle;
     }
     IDE_EVENT("open device[%d] server[%d]", *device, *service);
-    return ToValue(HdcServerCreate(*device, *service));
+    return HdcServers().Add(HdcServerCreate(*device, *service));
 }
 
 int HdcCommOpt::CloseServer(int64_t& server) {
@@ -77,7 +79,11 @@ int HdcCommOpt::CloseServer(int64_t& server) {
         return -1;
     }
     IDE_EVENT("close device server");
-    return HdcServerDestroy(ToHandle(server));
+    if (HdcServerDestroy(HdcServers().Find(server)) != 0) {
+        return -1;
+    }
+    HdcServers().Take(server);
+    return 0;
 }
 
 int64_t HdcCommOpt::OpenClient(const CommOptions& options) {
@@ -111,7 +117,7 @@ int HdcCommOpt::CloseClient(int64_t& client) {
         IDE_LOGE("hdc close client input invalid");
         return -1;
     }
-    return HdcClientDestroy(ToHandle(client));
+    return HdcClientDestroy(ToClient(client));
 }
 
 int64_t HdcCommOpt::Accept(int64_t server) {
@@ -119,7 +125,7 @@ int64_t HdcCommOpt::Accept(int64_t server) {
         IDE_LOGE("hdc accept input invalid");
         return kNoHandle;
     }
-    return ToValue(HdcServerAccept(ToHandle(server)));
+    return HdcSessions().Add(HdcServerAccept(HdcServers().Find(server)));
 }
 
 int64_t HdcCommOpt::Connect(int64_t client, const CommOptions& options) {
@@ -141,7 +147,7 @@ int64_t HdcCommOpt::Connect(int64_t client, const CommOptions& options) {
         IDE_LOGE("devId invalid");
         return kNoHandle;
     }
-    drvHdcSession_t session = nullptr;
+    HdcSessionPtr session;
     int ret = 0;
     if (const std::string* pidText = Find(options, kOptionPid)) {
         const auto pid = ParseNumber(*pidText);
@@ -152,15 +158,15 @@ int64_t HdcCommOpt::Connect(int64_t client, const CommOptions& options) {
         if (*pid < 0) {
             return kNoHandle;
         }
-        ret = HdcSessionConnectEx(kPeerNode, *device, *pid, ToHandle(client), &session);
+        ret = HdcSessionConnectEx(kPeerNode, *device, *pid, ToClient(client), &session);
     } else {
-        ret = HdcSessionConnect(kPeerNode, *device, ToHandle(client), &session);
+        ret = HdcSessionConnect(kPeerNode, *device, ToClient(client), &session);
     }
     if (ret != 0) {
         IDE_LOGE("hdc connect error: %d", ret);
         return kNoHandle;
     }
-    return ToValue(session);
+    return HdcSessions().Add(session);
 }
 
 int HdcCommOpt::Close(int64_t& session) {
@@ -168,7 +174,7 @@ int HdcCommOpt::Close(int64_t& session) {
         IDE_LOGE("hdc close input invalid");
         return -1;
     }
-    const int ret = HdcSessionClose(ToHandle(session));
+    const int ret = HdcSessionClose(HdcSessions().Take(session));
     session = kNoHandle;
     return ret;
 }
@@ -178,8 +184,8 @@ int HdcCommOpt::Write(int64_t session, const void* buffer, int32_t length, int f
         IDE_LOGE("hdc write input invalid");
         return -1;
     }
-    return flag == 0 ? HdcWrite(ToHandle(session), buffer, length)
-                     : HdcWriteNb(ToHandle(session), buffer, length);
+    const HdcSessionPtr target = HdcSessions().Find(session);
+    return flag == 0 ? HdcWrite(target, buffer, length) : HdcWriteNb(target, buffer, length);
 }
 
 int HdcCommOpt::Read(int64_t session, void** buffer, int32_t* length, int flag) {
@@ -187,9 +193,10 @@ int HdcCommOpt::Read(int64_t session, void** buffer, int32_t* length, int flag) 
         IDE_LOGE("hdc read input invalid");
         return -1;
     }
+    const HdcSessionPtr source = HdcSessions().Find(session);
     uint32_t received = 0;
-    const int ret = flag == 0 ? HdcRead(ToHandle(session), buffer, &received)
-                              : HdcReadPolling(ToHandle(session), buffer, &received, kMaxReadTimes);
+    const int ret = flag == 0 ? HdcRead(source, buffer, &received)
+                              : HdcReadPolling(source, buffer, &received, kMaxReadTimes);
     *length = static_cast<int32_t>(received);
     return ret;
 }

@@ -1,5 +1,6 @@
 // The option that carries the framework's traffic over HDC: checks what it is given and calls
-// the session layer. Any thread, as VeltCommOpt says; a handle is used by one thread at a time.
+// the session layer. Any thread, as VeltCommOpt says; one thread writes and one reads a session at
+// a time.
 #pragma once
 
 #include <mutex>

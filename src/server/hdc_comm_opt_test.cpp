@@ -8,6 +8,7 @@
 
 #include "hdc/hdc_api.h"
 #include "hdc/test_support.h"
+#include "server/hdc_handles.h"
 #include "server/velt_hdc_epoll.h"
 
 namespace Velt {
@@ -76,7 +77,7 @@ TEST_F(HdcCommOptTest, SessionCarriesMessagesUntilItIsClosed) {
     EXPECT_EQ(std::pair(kEventConnect, uint64_t{77}), nextEvent());
     int64_t device = option_.Accept(server);
     int pid = 0;
-    EXPECT_EQ(0, HdcGetSessionPid(reinterpret_cast<void*>(device), &pid));
+    EXPECT_EQ(0, HdcGetSessionPid(HdcSessions().Find(device), &pid));
     EXPECT_EQ(4321, pid);
 
     ASSERT_EQ(0, epoll_.Add(device, {kEventData | kEventHangUp, 78}));

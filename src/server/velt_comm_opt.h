@@ -29,8 +29,8 @@ constexpr int64_t kNoHandle = -1;
 constexpr int32_t kCommOptHdc = 0;
 constexpr int32_t kCommOptNone = 3;
 
-// A server, client or session as it travels through the framework. With kCommOptHdc the value
-// is the driver's handle.
+// A server, client or session as it travels through the framework. With kCommOptHdc the value of
+// a server or session is that of hdc_handles.h.
 struct CommHandle {
     int32_t type = kCommOptNone;
     int64_t value = kNoHandle;

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "hdc/log_side.h"
+#include "server/hdc_handles.h"
 
 namespace Velt {
 
@@ -90,8 +91,12 @@ int VeltHdcEpoll::Ctl(int64_t handle, const VeltEvent& event, int operation) {
     drvHdcEvent driverEvent{};
     driverEvent.events = ToDriver(event.mask);
     driverEvent.data = event.data;
-    void* target = reinterpret_cast<void*>(static_cast<intptr_t>(handle));
-    const drvError_t ret = drvHdcEpollCtl(epoll_, operation, target, &driverEvent);
+    drvError_t ret = DRV_ERROR_SOCKET_CLOSE;
+    if (const HdcServerPtr server = HdcServers().Find(handle)) {
+        ret = server->EpollCtl(epoll_, operation, driverEvent);
+    } else if (const HdcSessionPtr session = HdcSessions().Find(handle)) {
+        ret = session->EpollCtl(epoll_, operation, driverEvent);
+    }
     if (ret != DRV_ERROR_NONE) {
         IDE_LOGE("hdc epoll ctl process error %d", ret);
         return -1;

@@ -43,7 +43,7 @@ int Init() {
 }
 
 // Null: the session is open and the caller's.
-std::shared_ptr<ITransport> TakeSession(drvHdcSession_t session, const IdeRequest* request,
+std::shared_ptr<ITransport> TakeSession(const HdcSessionPtr& session, const IdeRequest* request,
                                         int* devIndexId) {
     if (request == nullptr || request->len < 1 || request->len > kMaxFirstRequest) {
         PROF_LOGE("HDC request is invalid");
@@ -75,7 +75,7 @@ int RefuseContainer(ITransport& transport, int vfId) {
     return 0;
 }
 
-int Process(drvHdcSession_t session, const IdeRequest* request) {
+int Process(const HdcSessionPtr& session, const IdeRequest* request) {
     if (session == nullptr) {
         PROF_LOGE("HDC session is invalid");
         return -1;
@@ -120,7 +120,7 @@ int IdeDeviceProfileInit() {
     return ret;
 }
 
-int IdeDeviceProfileProcess(drvHdcSession_t session, const IdeRequest* request) {
+int IdeDeviceProfileProcess(const HdcSessionPtr& session, const IdeRequest* request) {
     PROF_EVENT("Begin to process profiling");
     const int ret = Guarded([&] { return Process(session, request); });
     PROF_EVENT("End to process profiling, ret:%d", ret);

@@ -95,6 +95,7 @@ int Receiver::SendMessage(const message::MessagePtr& message) {
         return -1;
     }
     const std::string encoded = message::EncodeMessage(message);
+    const std::lock_guard<std::mutex> lock(sendMutex_);
     const int ret = transport->SendBuffer(encoded.data(), static_cast<int>(encoded.size()));
     PROF_LOGI("DeviceOnHost(%d) Send message size %u ret %d", devIdOnHost_.load(),
               static_cast<uint32_t>(encoded.size()), ret);

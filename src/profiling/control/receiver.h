@@ -54,6 +54,8 @@ private:
     std::atomic<bool> isInited_{false};
     std::atomic<bool> isClosed_{false};  // by this side
 
+    std::mutex sendMutex_;  // held for the sending of one message
+
     mutable std::mutex mutex_;
     std::shared_ptr<transport::ITransport> transport_;  // guarded by mutex_
 };

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <exception>
 #include <string>
+#include <utility>
 
 #include "hdc/hdc_api.h"
 #include "hdc/log_side.h"
@@ -29,34 +30,21 @@ bool IsRefusal(const IdeRequest& packet, uint32_t length) {
 
 HDCTransport::~HDCTransport() {
     HDCTransport::CloseSession();
-    if (isClient_ && client_ != nullptr) {
+    if (client_ != nullptr) {
         HdcClientDestroy(client_, kProfilingSide);
-        client_ = nullptr;
     }
 }
 
 int HDCTransport::CloseSession() {
-    // Of two that close at once only one may have the handle.
-    const drvHdcSession_t session = session_.exchange(nullptr);
-    if (session == nullptr) {
-        return 0;
+    if (!closed_.exchange(true)) {
+        PROF_LOGI("close HDC session");
     }
-    PROF_LOGI("close HDC session");
-    if (isClient_) {
-        HdcSessionDestroy(session, kProfilingSide);
-    } else {
-        HdcSessionClose(session, kProfilingSide);
-    }
+    HdcSessionClose(session_, kProfilingSide);
     return 0;
 }
 
 bool HDCTransport::IsPeerGone() {
     return HdcIsPeerGone(session_, kProfilingSide);
-}
-
-void HDCTransport::Release() {
-    session_ = nullptr;
-    client_ = nullptr;
 }
 
 namespace {
@@ -103,49 +91,28 @@ void HDCTransport::DestroyPacket(IdeRequest* packet) {
 
 namespace {
 
-using TransportPtr = std::shared_ptr<HDCTransport>;
-
-TransportPtr MakeTransport(drvHdcSession_t session, bool isClient = false,
-                           drvHdcClient_t client = nullptr) {
+// Null, with a log line, when memory is out; session and client are then still the caller's.
+std::shared_ptr<ITransport> MakeTransport(const HdcSessionPtr& session, int devId,
+                                          drvHdcClient_t client = nullptr) {
     try {
-        return std::make_shared<HDCTransport>(session, isClient, client);
-    } catch (const std::exception& e) {
-        PROF_LOGE("make shared failed, message: %s", e.what());
-        return nullptr;
-    }
-}
-
-// Null when there is no transport or its counter cannot be made; the session is then not the
-// transport's any more.
-TransportPtr WithCounter(TransportPtr transport, int devId) {
-    if (transport == nullptr) {
-        return nullptr;
-    }
-    try {
-        transport->perfCount =
+        auto counter =
             std::make_shared<PerfCount>("HdcTransport_" + std::to_string(devId), kPacketsPerReport);
+        auto transport = std::make_shared<HDCTransport>(session, client);
+        transport->perfCount = std::move(counter);
+        return transport;
     } catch (const std::exception& e) {
         PROF_LOGE("make shared failed, message: %s", e.what());
-        transport->Release();
         return nullptr;
     }
-    return transport;
 }
 
-// For a session that this side has made and nobody else knows.
-TransportPtr OrClosed(TransportPtr transport, drvHdcSession_t session) {
-    if (transport == nullptr) {
-        HdcSessionClose(session, kProfilingSide);
-    }
-    return transport;
-}
-
-TransportPtr FromConnect(int ret, drvHdcSession_t session, int devId, drvHdcClient_t owned) {
+std::shared_ptr<ITransport> FromConnect(int ret, const HdcSessionPtr& session, int devId,
+                                        drvHdcClient_t owned) {
     if (ret != 0) {
         PROF_LOGW("CreateHdcTransport failed, ret is %d", ret);
         return nullptr;
     }
-    return OrClosed(WithCounter(MakeTransport(session, true, owned), devId), session);
+    return MakeTransport(session, devId, owned);
 }
 
 bool IsClient(drvHdcClient_t client) {
@@ -155,7 +122,7 @@ bool IsClient(drvHdcClient_t client) {
     return client != nullptr;
 }
 
-bool KnowsDevice(drvHdcSession_t session, int* devId) {
+bool KnowsDevice(const HdcSessionPtr& session, int* devId) {
     if (const int err = IdeGetDevIdBySession(session, devId, kProfilingSide); err != 0) {
         PROF_LOGE("IdeGetDevIdBySession failed, err: %d", err);
         return false;
@@ -169,33 +136,28 @@ bool KnowsDevice(drvHdcSession_t session, int* devId) {
 
 }  // namespace
 
-std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcTransport(drvHdcSession_t session) {
+std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcTransport(const HdcSessionPtr& session) {
     if (session == nullptr) {
         PROF_LOGE("HDC session is invalid");
         return nullptr;
     }
-    TransportPtr transport = MakeTransport(session);
-    if (transport == nullptr) {
-        return nullptr;
-    }
     int devId = 0;
     if (!KnowsDevice(session, &devId)) {
-        transport->Release();
         return nullptr;
     }
     PROF_LOGI("IdeGetDevIdBySession success, devid:%d", devId);
-    return WithCounter(std::move(transport), devId);
+    return MakeTransport(session, devId);
 }
 
-std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcServerTransport(int logicDevId,
-                                                                          drvHdcServer_t server) {
+std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcServerTransport(
+    int logicDevId, const HdcServerPtr& server) {
     PROF_LOGI("CreateHdcServerTransport begin, logicDevId:%d", logicDevId);
-    const drvHdcSession_t session = HdcServerAccept(server, kProfilingSide);
+    const HdcSessionPtr session = HdcServerAccept(server, kProfilingSide);
     if (session == nullptr) {
         PROF_LOGW("HDC session is invalid");
         return nullptr;
     }
-    TransportPtr transport = OrClosed(WithCounter(MakeTransport(session), logicDevId), session);
+    const auto transport = MakeTransport(session, logicDevId);
     if (transport != nullptr) {
         PROF_LOGI("CreateHdcServerTransport success, logicDevId:%d", logicDevId);
     }
@@ -207,7 +169,7 @@ std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcClientTransport(drvHdc
     if (!IsClient(client)) {
         return nullptr;
     }
-    drvHdcSession_t session = nullptr;
+    HdcSessionPtr session;
     const int ret = HdcSessionConnect(kDeviceSide, devId, client, &session, kProfilingSide);
     return FromConnect(ret, session, devId, nullptr);
 }
@@ -218,7 +180,7 @@ std::shared_ptr<ITransport> HDCTransportFactory::CreateHdcClientTransport(int ho
         return nullptr;
     }
     PROF_LOGI("CreateHdcClientTransport, hostPid:%d, devId:%d", hostPid, devId);
-    drvHdcSession_t session = nullptr;
+    HdcSessionPtr session;
     const int ret =
         HdcSessionConnectEx(kDeviceSide, devId, hostPid, client, &session, kProfilingSide);
     return FromConnect(ret, session, devId, client);

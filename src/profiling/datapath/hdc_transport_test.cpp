@@ -58,10 +58,10 @@ protected:
         return std::string(reinterpret_cast<const char*>(&head), sizeof(head)) + value;
     }
 
-    drvHdcServer_t server_ = nullptr;
+    HdcServerPtr server_;
     drvHdcClient_t client_ = nullptr;
-    drvHdcSession_t host_ = nullptr;
-    drvHdcSession_t session_ = nullptr;
+    HdcSessionPtr host_;
+    HdcSessionPtr session_;
     std::shared_ptr<ITransport> transport_;
 };
 

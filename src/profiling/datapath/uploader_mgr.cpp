@@ -68,6 +68,7 @@ void UploaderMgr::DelUploader(const std::string& id) {
 }
 
 void UploaderMgr::DelForsaken(const std::function<bool(const std::string& id)>& isInUse) {
+    const std::lock_guard<std::mutex> sweep(sweepMutex_);
     UploaderMap all;
     {
         const std::lock_guard<std::mutex> lock(mutex_);

@@ -86,6 +86,8 @@ private:
     // Empties the map and releases the uploaders.
     void ReleaseAll();
 
+    std::mutex sweepMutex_;  // one thread at a time asks whether peers have gone
+
     std::mutex mutex_;
     // Guarded by mutex_.
     UploaderMap uploaderMap_;
