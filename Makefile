@@ -32,13 +32,20 @@ sanitize: setup  ## all tests under address and undefined-behaviour, then thread
 	@$(call build,asan) && ctest --preset asan
 	@$(call build,tsan) && ctest --preset tsan
 
+# What one input may cost, of a fuzzer whose code has to promise that: a message of the greatest
+# length in memory, a text in time. The sanitizer's own memory must stay small beside it.
+FUZZ_COST = case $$name in \
+    envelope_fuzzer) cost="-max_len=4194304 -rss_limit_mb=256";; \
+    json_records_fuzzer|tuning_file_fuzzer) cost="-max_len=65536 -timeout=2";; \
+    *) cost=;; esac
+
 fuzz: setup  ## run each fuzzer for FUZZ_SECONDS (30) from its corpus in tests/corpus
 	@$(call build,fuzz)
 	@set -e; for fuzzer in build/fuzz/bin/*_fuzzer; do \
 	    name=$${fuzzer##*/}; found=build/fuzz/found/$$name; mkdir -p $$found; \
-	    echo "== $$name: $(FUZZ_SECONDS) s"; \
-	    ORLA_LOG_FILE=/tmp/log $(SANDBOX) --quiet --bind $$found -- \
-	        $$fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 \
+	    echo "== $$name: $(FUZZ_SECONDS) s"; $(FUZZ_COST); \
+	    ASAN_OPTIONS=quarantine_size_mb=8 ORLA_LOG_FILE=/tmp/log $(SANDBOX) --quiet --bind $$found -- \
+	        $$fuzzer -max_total_time=$(FUZZ_SECONDS) -timeout=10 -rss_limit_mb=2048 $$cost \
 	        -verbosity=0 -print_final_stats=1 -artifact_prefix=$(CURDIR)/$$found/ $(CURDIR)/$$found tests/corpus/$$name; \
 	done
 

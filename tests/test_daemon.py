@@ -1,6 +1,7 @@
 """The life of the daemon and its request loop, seen from outside."""
 import os
 import random
+import select
 import signal
 import struct
 import time
@@ -37,6 +38,17 @@ def is_served(device):
         assert peer.closed(5)
     device.logged(words, before + 1)
     return True
+
+
+def test_standard_output_is_read_while_the_daemon_runs():
+    with Device() as device:
+        config = device.root / "var/log/npu/conf/slog/slog.conf"
+        config.parent.mkdir(parents=True)
+        config.write_text("logAgentFileDir=/proc/nowhere\n")
+        program = device.daemon()
+        assert select.select([program.stdout], [], [], 10)[0], "nothing is said"
+        assert "[WARNING]" in program.stdout.readline()
+        assert program.poll() is None
 
 
 def test_only_one_instance_and_stop_in_order():

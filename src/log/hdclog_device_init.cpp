@@ -13,13 +13,13 @@
 #include "log/log_path_mgr.h"
 #include "log/log_platform.h"
 #include "log/self_log.h"
-#include "log/slogd_queue.h"
+#include "log/slogd_client.h"
+
+using orla::SlogdClient;
 
 namespace {
 
 constexpr uint32_t kMaxRequestLength = 1023;
-constexpr int kMaxPolls = 10;
-constexpr uint32_t kPollPauseMs = 100;
 constexpr int kVirtualEnvironment = 4;
 
 constexpr char kSetDone[] = "++OK++";
@@ -31,21 +31,8 @@ constexpr char kReceiveFailed[] = "receive message from slogd failed, maybe slog
 
 constexpr SlogdMessage kEmptyMessage = {0, 0xFFFFFFFF, {}};
 
-// How long after its time a reply is waited for, so that it is nobody else's answer.
-constexpr int64_t kLateReplyMs = 1000;
-
 orla::LogMutex g_queueMutex;
-
-// The reply that the last request did not get, and may get yet. Guarded by g_queueMutex.
-struct {
-    int queue;
-    int64_t untilMs;  // 0: none is outstanding
-} g_lateReply = {-1, 0};
-
-int64_t NowMs() {
-    const mmTimespec now = mmGetTickCount();
-    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
+orla::SlogdClient g_slogd;  // guarded by g_queueMutex
 
 int32_t WriteToHost(const HdcSessionPtr& session, const char* text) {
     const int result = HdcWrite(session, text, static_cast<int>(std::strlen(text)));
@@ -87,67 +74,8 @@ int32_t CheckSession(const HdcSessionPtr& session) {
     return kLogServiceDone;
 }
 
-int Receive(int queue, SlogdMessage* message, int flags) {
-    *message = kEmptyMessage;
-    return static_cast<int>(msgrcv(queue, message, kSlogdTransferSize, kSlogdReply, flags));
-}
-
-// A reply carries no word of its request. One that is only late would come while the next
-// request waits for its own, so its time is granted before that request is sent. A log daemon
-// that has started anew has another queue, and owes nothing.
-void AwaitLateReply(int queue) {
-    SlogdMessage late;
-    while (g_lateReply.queue == queue && NowMs() < g_lateReply.untilMs) {
-        if (Receive(queue, &late, IPC_NOWAIT | MSG_NOERROR) >= 0 ||
-            (errno != ENOMSG && errno != EINTR)) {
-            break;
-        }
-        static_cast<void>(ToolSleep(kPollPauseMs / 2));
-    }
-    g_lateReply.untilMs = 0;
-}
-
-// What else lies in the queue answers nobody. A message that is too large for a reply is cut
-// rather than left, since nobody else ever takes it out.
-void DrainReplies(int queue) {
-    SlogdMessage stale;
-    while (Receive(queue, &stale, IPC_NOWAIT | MSG_NOERROR) >= 0 || errno == EINTR) {
-    }
-}
-
-// 0, or -1 with errno.
-int Send(int queue, const SlogdMessage& message) {
-    int result = 0;
-    do {
-        result = msgsnd(queue, &message, kSlogdTransferSize, IPC_NOWAIT);
-    } while (result != 0 && errno == EINTR);
-    return result;
-}
-
 bool IsQueueGone(int error) {
     return error == EIDRM || error == EINVAL;
-}
-
-// Waits for the reply. Null when it is there, else the text for the host.
-const char* WaitForReply(int queue, SlogdMessage* reply) {
-    for (int polls = 0;;) {
-        const int result = Receive(queue, reply, IPC_NOWAIT);
-        if (result >= 0) {
-            return nullptr;
-        }
-        const int error = ToolGetErrorCode();
-        if (error == EINTR) {
-            continue;
-        }
-        if (error == ENOMSG && ++polls < kMaxPolls) {
-            static_cast<void>(ToolSleep(kPollPauseMs));
-            continue;
-        }
-        SELF_LOG_ERROR(
-            "receive level setting result failed from slogd, result=%d, strerr=%s, retry_time=%d.",
-            result, std::strerror(error), polls);
-        return error == ENOMSG || IsQueueGone(error) ? kReceiveFailed : kUnknownError;
-    }
 }
 
 int32_t ForwardReply(const HdcSessionPtr& session, const char* text) {
@@ -167,24 +95,23 @@ int32_t ForwardReply(const HdcSessionPtr& session, const char* text) {
 }
 
 int32_t Converse(const HdcSessionPtr& session, int queue, const SlogdMessage& message) {
-    orla::LogLock lock(g_queueMutex);
-    AwaitLateReply(queue);
-    DrainReplies(queue);
-    if (Send(queue, message) != 0) {
-        const int error = ToolGetErrorCode();
-        SELF_LOG_ERROR("send level info to slogd failed, strerr=%s.", std::strerror(error));
-        lock.Release();
-        return Refuse(session, IsQueueGone(error) ? kSendFailed : kUnknownError,
-                      kLogServiceNotSent);
-    }
-    SELF_LOG_INFO("send level info to slogd succeed.");
     SlogdMessage reply;
-    const char* const failure = WaitForReply(queue, &reply);
-    if (failure != nullptr) {
-        g_lateReply = {queue, NowMs() + kLateReplyMs};
-        return Refuse(session, failure, kLogServiceNoAnswer);
+    SlogdClient::Outcome outcome;
+    {
+        const orla::LogLock lock(g_queueMutex);
+        outcome = g_slogd.Ask(queue, message, &reply);
     }
-    lock.Release();
+    const bool isGone = IsQueueGone(outcome.error);
+    switch (outcome.result) {
+        case SlogdClient::Result::kNotSent:
+            return Refuse(session, isGone ? kSendFailed : kUnknownError, kLogServiceNotSent);
+        case SlogdClient::Result::kNoAnswer:
+            return Refuse(session,
+                          isGone || outcome.error == ENOMSG ? kReceiveFailed : kUnknownError,
+                          kLogServiceNoAnswer);
+        case SlogdClient::Result::kAnswered:
+            break;
+    }
     return ForwardReply(session, reply.text);
 }
 

@@ -37,6 +37,6 @@ int32_t IdeDeviceLogInit();
 int32_t IdeDeviceLogDestroy();
 
 // Serves one request; both arguments stay the caller's. Takes
-// up to 0.9 s when slogd is slow, another second when the request before got no answer and its
-// reply may yet come, and the time of the requests before it.
+// up to 0.9 s when slogd is slow, up to another second when slogd may still answer the request
+// before, and the time of the requests before it.
 int32_t IdeDeviceLogProcess(const HdcSessionPtr& session, const IdeRequest* request);

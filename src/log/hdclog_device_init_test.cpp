@@ -179,6 +179,48 @@ TEST_F(LogServiceTest, StaleRepliesAreThrownAway) {
     EXPECT_EQ(slogd.queue.Status().msg_qnum, 0u);
 }
 
+// A log daemon that takes no request, none but the first, or all, and answers nothing: no request
+// stays behind, and only one request waits for a late reply.
+TEST_F(LogServiceTest, ASilentDaemonHoldsNobodyUpTwice) {
+    for (const int taken : {0, 1, 9}) {
+        SCOPED_TRACE(taken);
+        const SlogdQueue queue;
+        std::vector<std::chrono::steady_clock::duration> times;
+        for (int i = 0; i < 3; ++i) {
+            const auto start = std::chrono::steady_clock::now();
+            auto answer = std::async(std::launch::async, [this] { return Ask("get"); });
+            if (i < taken) {
+                SlogdMessage request;
+                ASSERT_GE(msgrcv(queue.id(), &request, sizeof(request) - sizeof(long), 1, 0), 0);
+            }
+            EXPECT_EQ(answer.get(), Full(kLogServiceNoAnswer, kReceiveFailed));
+            EXPECT_EQ(queue.Status().msg_qnum, 0u);
+            times.push_back(std::chrono::steady_clock::now() - start);
+        }
+        EXPECT_LT(times[2], times[0] * 3 / 2);
+        EXPECT_EQ(times[1] < times[0] * 3 / 2, taken == 0);
+    }
+}
+
+// It comes long after the last request that waits for it, while another one waits for its own.
+TEST_F(LogServiceTest, AVeryLateReplyIsNobodyElses) {
+    std::promise<void> released;
+    ScriptedSlogd slogd([&, first = true](int queue, const SlogdMessage& request) mutable {
+        if (first) {
+            released.get_future().wait();
+            first = false;
+        }
+        SendReply(queue, SlogdMessage("[event] " + std::string(request.text)));
+    });
+    EXPECT_EQ(Ask("first"), Full(kLogServiceNoAnswer, kReceiveFailed));
+    EXPECT_EQ(Ask("second"), Full(kLogServiceNoAnswer, kReceiveFailed));
+    auto third = std::async(std::launch::async, [this] { return Ask("third"); });
+    ASSERT_TRUE(WaitFor([&] { return slogd.queue.Status().msg_qnum > 0; }));
+    std::this_thread::sleep_for(250ms);  // two looks of the service
+    released.set_value();
+    EXPECT_EQ(third.get(), Full(0, "[event] third"));
+}
+
 TEST_F(LogServiceTest, TellsWhyTheQueueIsOfNoUse) {
     {
         const SlogdQueue full;

@@ -56,11 +56,10 @@ LogLock::LogLock(LogMutex& mutex) : mutex_(&mutex) {
     }
 }
 
-void LogLock::Release() {
+LogLock::~LogLock() {
     if (mutex_ != nullptr && mutex_->Unlock() != EN_OK) {
         SELF_LOG_WARN("can not unlock, strerr=%s", SelfLogErrorText());
     }
-    mutex_ = nullptr;
 }
 
 }  // namespace orla

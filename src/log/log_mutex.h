@@ -26,16 +26,15 @@ private:
     std::atomic<uint32_t> users_{0};  // threads that hold it, wait for it or are about to
 };
 
-// Holds a LogMutex for a scope, or until Release. A failure to lock costs a warning only: a
+// Holds a LogMutex for a scope. A failure to lock costs a warning only: a
 // reply that may be mixed up is worth more to the user than none. What was not locked is not
 // released.
 class LogLock {
 public:
     explicit LogLock(LogMutex& mutex);
-    ~LogLock() { Release(); }
+    ~LogLock();
     LogLock(const LogLock&) = delete;
     LogLock& operator=(const LogLock&) = delete;
-    void Release();
 
 private:
     LogMutex* mutex_;  // null when not held

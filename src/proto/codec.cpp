@@ -6,6 +6,7 @@
 #include <google/protobuf/io/zero_copy_stream.h>
 #include <google/protobuf/stubs/logging.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <cstring>
@@ -221,6 +222,23 @@ std::shared_ptr<Message> DecodeMessage(std::string_view buffer) {
         return nullptr;
     }
     return message;
+}
+
+std::shared_ptr<Message> DecodeOneOf(Types types, size_t maxSize, std::string_view buffer) {
+    std::string_view name;
+    if (!ReadTypeName(buffer, &name)) {
+        return nullptr;
+    }
+    name = name.substr(0, name.find('\0'));
+    const bool isWanted = std::any_of(types.begin(), types.end(), [&](const Descriptor* type) {
+        return type->full_name() == name;
+    });
+    if (!isWanted || buffer.size() > maxSize) {
+        PROF_LOGW("Nobody takes %zu bytes of a message of type:%.*s", buffer.size(),
+                  static_cast<int>(name.size()), name.data());
+        return nullptr;
+    }
+    return DecodeMessage(buffer);
 }
 
 }  // namespace analysis::nedra::message

@@ -16,6 +16,7 @@
 #include <google/protobuf/message.h>
 
 #include <cstddef>
+#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -24,6 +25,7 @@ namespace analysis::nedra::message {
 
 constexpr size_t kMaxTypeName = 1024;                // characters, without the terminating zero
 constexpr size_t kMaxEnvelope = 128u * 1024 * 1024;  // bytes that the decoder looks at
+constexpr size_t kMaxCommand = 4u * 1024 * 1024;     // bytes of a command; real ones have some KiB
 
 // The envelope of `message`; empty on failure.
 [[nodiscard]] std::string EncodeMessage(const std::shared_ptr<google::protobuf::Message>& message);
@@ -40,6 +42,14 @@ constexpr size_t kMaxEnvelope = 128u * 1024 * 1024;  // bytes that the decoder l
 // The message in an envelope, of the type that the envelope names; null on failure. The bytes
 // are foreign: nothing about them is trusted, and they are parsed where they lie.
 [[nodiscard]] std::shared_ptr<google::protobuf::Message> DecodeMessage(std::string_view buffer);
+
+using Types = std::initializer_list<const google::protobuf::Descriptor*>;
+
+// The same for a reader that acts on a few types only: null, with a log line, also for an envelope
+// of another type or of more than `maxSize` bytes. A message may take 70 times the memory of its
+// envelope, so one that nobody wants is not built.
+[[nodiscard]] std::shared_ptr<google::protobuf::Message> DecodeOneOf(Types types, size_t maxSize,
+                                                                     std::string_view buffer);
 
 // A new, empty message of the type with that full name; null when there is none. The name ends
 // at its first zero byte.

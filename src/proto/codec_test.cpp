@@ -150,6 +150,32 @@ TEST(Codec, RefusesAndSaysWhy) {
     }
 }
 
+TEST(Codec, DecodesWhatIsWantedAndShort) {
+    const Types wanted = {Make("Header", "")->GetDescriptor(),
+                          Make("Response", "")->GetDescriptor()};
+    const std::string response = Envelope(Named("Response") + "\0behind"s, "\x22\x01m");
+    const struct {
+        std::string buffer;
+        size_t maxSize;
+        const char* line;  // null: it is decoded
+    } cases[] = {
+        {response, response.size(), nullptr},
+        {response, response.size() - 1, "W Nobody takes 43 bytes of a message of type:"},
+        {Envelope(Named("InfoMain") + '\0', ""), 100, "W Nobody takes 34 bytes of a message of"},
+        {Envelope(Named("Nothing") + '\0', ""), 100, "W Nobody takes 33 bytes of a message of"},
+        {Envelope(Named("Respons") + '\0', ""), 100, "W Nobody takes 33 bytes of a message of"},
+        {Envelope(Named("Response"), "\x22\x05"), 100, "E Failed to ParseFromArray, dataLen=2"},
+        {"\0\0\1"s, 100, "E bufLen less than name len, bufLen=3, expected_len=4"},
+    };
+    for (const auto& c : cases) {
+        orla::test::LogCapture log;
+        EXPECT_EQ(c.line == nullptr, DecodeOneOf(wanted, c.maxSize, c.buffer) != nullptr);
+        const Lines lines = log.Take();
+        ASSERT_EQ(c.line == nullptr ? 0u : 1u, lines.size());
+        EXPECT_TRUE(lines.empty() || lines[0].find(c.line) == 0) << lines[0];
+    }
+}
+
 TEST(Codec, EndlessNestingFitsASmallStack) {
     const std::string response = Named("Response") + '\0';
     std::shared_ptr<Message> shallow;

@@ -12,6 +12,7 @@ namespace Analysis::Nedra::JobWrapper {
 using analysis::nedra::common::MakeShared;
 using analysis::nedra::common::utils::Utils;
 using analysis::nedra::driver::DrvChannelsMgr;
+using analysis::nedra::driver::DrvHasProfFlush;
 using analysis::nedra::driver::DrvStop;
 using analysis::nedra::transport::ChannelReader;
 using Tracelets::Parser::JsonParser;
@@ -90,7 +91,7 @@ int ProfDrvJob::StopAndDrain(int devId, int channelId) {
     const auto reader = poller == nullptr ? nullptr
                                           : poller->GetReader(static_cast<uint32_t>(devId),
                                                               static_cast<uint32_t>(channelId));
-    if (reader != nullptr) {
+    if (reader != nullptr && DrvHasProfFlush()) {
         reader->FlushDrvBuff();  // a side buffer does not outlive the stop
     }
     const int ret = DrvStop(devId, channelId);

@@ -14,11 +14,11 @@
 namespace Tracelets::Parser {
 
 using analysis::nedra::common::utils::Utils;
+using analysis::nedra::message::kMaxJsonLength;
+using analysis::nedra::message::ParseBoundedJson;
 using nlohmann::json;
 
 namespace {
-
-constexpr size_t kMaxFileSize = 1024 * 1024;
 
 struct Range {
     uint32_t min;
@@ -180,19 +180,19 @@ const Row* FindByName(const Row (&table)[N], const std::string& name) {
     return nullptr;
 }
 
-// Nothing for an unreadable file. One that is too long comes out empty, which is no JSON.
+// Nothing for an unreadable file. One that is longer than the parser takes comes out longer, too.
 std::optional<std::string> ReadFile(const std::string& path) {
     std::ifstream stream(path);
     if (!stream.is_open()) {
         return std::nullopt;
     }
-    std::string text(kMaxFileSize + 1, '\0');
+    std::string text(kMaxJsonLength + 1, '\0');
     stream.read(text.data(), static_cast<std::streamsize>(text.size()));
     if (stream.bad()) {
         return std::nullopt;
     }
     text.resize(static_cast<size_t>(stream.gcount()));
-    return text.size() > kMaxFileSize ? std::string() : text;
+    return text;
 }
 
 // What an entry says, or what one that was never named would say.
@@ -222,7 +222,7 @@ void JsonParser::Init(const std::string& path) {
 void JsonParser::Load(std::string_view text, const std::string& path) {
     json root = json::object();
     try {
-        root = analysis::nedra::message::ParseBoundedJson(text);
+        root = ParseBoundedJson(text);
     } catch (const std::exception&) {
         PROF_LOGW("Json file config load fail, path:%s", Utils::BaseName(path).c_str());
     }

@@ -15,6 +15,8 @@
 // number is 0, which means "use your own". A bad value costs that value only, with a log line; a
 // bad file means defaults for everything. The first entry of a channel or module counts.
 //
+// What acts is said in docs/operations.md; the other members are read and checked only.
+//
 // One thread calls Init, before any other thread calls a getter. After that nothing changes, and
 // the getters, which the data path calls for every channel event, take no lock.
 #pragma once
@@ -37,7 +39,7 @@ class JsonParser : public analysis::nedra::common::singleton::Singleton<JsonPars
 public:
     JsonParser() = default;
 
-    // Reads the file. Once: a second call does nothing. Of no more than 1 MiB, nested no deeper
+    // Reads the file. Once: a second call does nothing. The file is no longer and no deeper nested
     // than JSON of the agent may be.
     void Init(const std::string& path);
     // What Init does with the bytes of the file: `path` is for log lines.

@@ -1,6 +1,7 @@
 // The three JSON records: what they are when new, what a text makes of them, what goes out.
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <map>
 #include <sstream>
 
@@ -96,6 +97,33 @@ TYPED_TEST(JsonRecords, NestingIsBoundedOnASmallStack) {
     }));
 }
 
+// The members beside each other, as many as fit in `length` bytes.
+std::string Wide(size_t length) {
+    std::string text = "{\"x\":[{}";
+    while (text.size() + 5 <= length) {
+        text += ",{}";
+    }
+    return text + std::string(length - text.size() - 2, ' ') + "]}";
+}
+
+double ProcessorSeconds(const std::string& text) {
+    const std::clock_t start = std::clock();
+    EXPECT_TRUE(StatusInfo().FromString(text));
+    return static_cast<double>(std::clock() - start) / CLOCKS_PER_SEC;
+}
+
+TEST(BoundedJson, TimeIsLinearInTheLengthWhichIsBounded) {
+    constexpr size_t kTimes = 16;
+    const std::string small = Wide(kMaxJsonLength / kTimes);
+    double smallTime = 0;
+    for (size_t i = 0; i < kTimes; ++i) {
+        smallTime += ProcessorSeconds(small);
+    }
+    // In quadratic time this is kTimes as much.
+    EXPECT_LT(ProcessorSeconds(Wide(kMaxJsonLength)), smallTime * kTimes / 3);
+    EXPECT_FALSE(StatusInfo().FromString(Wide(kMaxJsonLength + 1)));
+}
+
 TEST(StatusInfo, TextsOfTheConversation) {
     StatusInfo status;
     EXPECT_EQ(R"({"dev_id":"-1","info":"","status":1})", status.ToString());
@@ -125,10 +153,23 @@ TEST(JobContext, TextsAndRanges) {
         context.FromString(R"({"chunkEndTime":18446744073709551615,"dataModule":-2147483648})"));
     EXPECT_EQ(UINT64_MAX, context.chunkEndTime);
     EXPECT_EQ(INT32_MIN, context.dataModule);
+    ASSERT_TRUE(context.FromString(R"({"chunkEndTime":-0,"dataModule":-0})"));
+    EXPECT_EQ(0u, context.chunkEndTime);
+    EXPECT_EQ(0, context.dataModule);
     for (const char* text : {R"({"chunkEndTime":-1})", R"({"chunkEndTime":18446744073709551616})",
                              R"({"dataModule":2147483648})", R"({"dataModule":-2147483649})"}) {
         EXPECT_FALSE(context.FromString(text)) << text;
     }
+}
+
+TYPED_TEST(JsonRecords, ReadsTheObjectThatItWrote) {
+    TypeParam written;
+    ASSERT_TRUE(written.FromString("{}"));
+    json object;
+    written.ToObject(object);
+    TypeParam read;
+    ASSERT_NO_THROW(read.FromObject(object));
+    EXPECT_TRUE(written == read);
 }
 
 TEST(JobContext, KeepsWhatWasReadBeforeAFailure) {

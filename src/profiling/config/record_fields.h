@@ -31,11 +31,14 @@ inline bool TakeValue(const nlohmann::json& value, std::string& out) {
 
 template <typename Integer>
 bool TakeValue(const nlohmann::json& value, Integer& out) {
+    if (!value.is_number_integer()) {
+        return false;
+    }
     using Limits = std::numeric_limits<Integer>;
-    const bool fits = value.is_number_unsigned()
-                          ? value.get<uint64_t>() <= uint64_t{Limits::max()}
-                          : value.is_number_integer() && value.get<int64_t>() < 0 &&
-                                value.get<int64_t>() >= int64_t{Limits::min()};
+    // The library keeps a number of either sign as signed when a program or "-0" made it.
+    const bool isNegative = !value.is_number_unsigned() && value.get<int64_t>() < 0;
+    const bool fits = isNegative ? value.get<int64_t>() >= int64_t{Limits::min()}
+                                 : value.get<uint64_t>() <= uint64_t{Limits::max()};
     if (fits) {
         out = value.get<Integer>();
     }

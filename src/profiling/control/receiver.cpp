@@ -138,7 +138,10 @@ bool Receiver::ServeOne(ITransport& transport) {
     message::MessagePtr message;
     // What the packet says of itself must be true before it is believed.
     if (packet->len == static_cast<uint32_t>(length) - sizeof(IdeRequest)) {
-        message = message::DecodeMessage({packet->value, packet->len});
+        message = message::DecodeOneOf(
+            {proto::JobStartReq::descriptor(), proto::JobStopReq::descriptor(),
+             proto::ReplayStartReq::descriptor(), proto::ReplayStopReq::descriptor()},
+            message::kMaxCommand, {packet->value, packet->len});
     }
     transport.DestroyPacket(packet);
     Guarded("A command", [&] { dispatcher_->OnNewMessage(message); });

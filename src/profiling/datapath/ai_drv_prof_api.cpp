@@ -343,13 +343,17 @@ int DrvStop(int devId, int channel) {
     return 0;
 }
 
-int DrvChannelRead(int devId, int channel, void* outBuf, uint32_t bufSize) {
+int DrvChannelRead(int devId, int channel, void* outBuf, uint32_t bufSize, bool isStopped) {
     if (outBuf == nullptr) {
         PROF_LOGE("outBuf is nullptr");
         return -1;
     }
     const int ret = prof_channel_read(static_cast<uint32_t>(devId), static_cast<uint32_t>(channel),
                                       static_cast<char*>(outBuf), bufSize);
+    if (ret == PROF_STOPPED_ALREADY && isStopped) {
+        PROF_LOGD("profChannel has no more data, profDeviceId=%d, profChannel=%d", devId, channel);
+        return 0;
+    }
     if (ret == PROF_STOPPED_ALREADY) {
         PROF_LOGW("profChannel has stopped already, profDeviceId=%d, profChannel=%d, bufSize=%d",
                   devId, channel, static_cast<int>(bufSize));
@@ -379,8 +383,12 @@ int DrvChannelPoll(ProfPollInfo* pollInfo, int num, int timeout) {
     return ret;
 }
 
+bool DrvHasProfFlush() {
+    return halProfDataFlush != nullptr;
+}
+
 int DrvProfFlush(uint32_t devId, uint32_t channel, uint32_t& bufSize) {
-    if (halProfDataFlush == nullptr) {
+    if (!DrvHasProfFlush()) {
         PROF_LOGW("Function halProfDataFlush not supported, deviceId=%u, channelId=%u", devId,
                   channel);
         return -1;

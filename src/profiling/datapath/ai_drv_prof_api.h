@@ -105,11 +105,15 @@ using Events = std::vector<std::string>;
 
 [[nodiscard]] int DrvStop(int devId, int channel);
 // Bytes read; 0 when nothing is there or the channel has stopped; -1 on an error, and the content
-// of the buffer is then undefined.
-[[nodiscard]] int DrvChannelRead(int devId, int channel, void* outBuf, uint32_t bufSize);
+// of the buffer is then undefined. A channel that has stopped is worth a warning, unless its reader
+// knows: `isStopped`.
+[[nodiscard]] int DrvChannelRead(int devId, int channel, void* outBuf, uint32_t bufSize,
+                                 bool isStopped = false);
 // The number of channels in `pollInfo`, PROF_STOPPED_ALREADY, or another negative value on an
 // error: -1 also when the driver claims more than `num`. `timeout` is in the driver's unit.
 [[nodiscard]] int DrvChannelPoll(ProfPollInfo* pollInfo, int num, int timeout);
+// Whether the driver has side buffers at all. Any thread.
+[[nodiscard]] bool DrvHasProfFlush();
 // Moves the driver's side buffer into the channel; `bufSize` then holds its bytes. -1 on an error,
 // with `bufSize` unchanged, and with drivers that have no such buffers.
 [[nodiscard]] int DrvProfFlush(uint32_t devId, uint32_t channel, uint32_t& bufSize);

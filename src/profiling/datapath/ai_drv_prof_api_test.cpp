@@ -103,6 +103,8 @@ TEST_F(DrvProf, AnswersOfTheDriverBecomeThoseOfTheAgent) {
         std::function<int()> run;
     };
     const Operation read = {"prof_channel_read", [&] { return DrvChannelRead(0, 7, bytes, 64); }};
+    const Operation drain = {"prof_channel_read",
+                             [&] { return DrvChannelRead(0, 7, bytes, 64, true); }};
     const Operation poll = {"prof_channel_poll", [&] { return DrvChannelPoll(events, 2, 1); }};
     const Operation flush = {"halProfDataFlush", [&] { return DrvProfFlush(0, 44, size); }};
     const Operation fmk = {"prof_drv_start", [] { return DrvFmkDataStart(0, 46); }};
@@ -125,6 +127,7 @@ TEST_F(DrvProf, AnswersOfTheDriverBecomeThoseOfTheAgent) {
          "E Failed to prof_channel_read, profDeviceId=0, profChannel=7, bufSize=64, ret=-3"},
         {read, -4, 0,
          "W profChannel has stopped already, profDeviceId=0, profChannel=7, bufSize=64"},
+        {drain, -4, 0, nullptr},
         {poll, 2, 2, nullptr},
         {poll, 3, -1, "E Failed to prof_channel_poll, num=2, timeout=1, ret=3"},
         {poll, -1, -1, "E Failed to prof_channel_poll, num=2, timeout=1, ret=-1"},

@@ -127,7 +127,7 @@ int ChannelReader::Execute() {
             if (!inited_ || quit_) {
                 break;
             }
-            const int ret = ReadOnce();
+            const int ret = ReadOnce(false);
             if (ret <= 0) {
                 break;
             }
@@ -155,7 +155,7 @@ void ChannelReader::Drain() {
     const std::lock_guard<std::mutex> lock(mtx_);
     uint64_t total = 0;
     int ret = 0;
-    while (inited_ && !quit_ && (ret = ReadOnce()) > 0) {
+    while (inited_ && !quit_ && (ret = ReadOnce(true)) > 0) {
         total += static_cast<uint64_t>(ret);
         if (total > kMaxDrain) {
             PROF_LOGE("device id %d, channel: %d still gives data after its stop, bytes read:%llu",
@@ -176,8 +176,9 @@ bool ChannelReader::MakeRoom() {
     return spaceSize_ != 0;
 }
 
-// Bytes read; 0 when there is nothing to read or no room, negative on an error.
-int ChannelReader::ReadOnce() {
+// Bytes read; 0 when there is nothing to read or no room, negative on an error. `isStopped`: the
+// driver has been told to stop the channel, and may well say so.
+int ChannelReader::ReadOnce(bool isStopped) {
     char* const data = MakeRoom() ? buffer_->Data() : nullptr;
     if (data == nullptr) {
         return 0;
@@ -186,7 +187,8 @@ int ChannelReader::ReadOnce() {
     int ret = 0;
     {
         const std::lock_guard<std::mutex> lock(flushMtx_);
-        ret = driver::DrvChannelRead(deviceId_, channelId_, data + dataSize_, spaceSize_);
+        ret =
+            driver::DrvChannelRead(deviceId_, channelId_, data + dataSize_, spaceSize_, isStopped);
         AccountFlush(ret);
     }
     PROF_LOGD("deviceId:%d, channelId:%d fileName:%s, bufSize:%u, currLen:%d, spaceSize:%u",

@@ -73,7 +73,7 @@ private:
     [[nodiscard]] bool IsReported() const;
 
     // These need mtx_.
-    int ReadOnce();
+    int ReadOnce(bool isStopped);
     bool MakeRoom();
     void UploadData();
     // What the buffer holds does not reach the host.
