@@ -56,6 +56,7 @@ public:
         slot.value = static_cast<uint64_t>(kKind) << kHandleKindShift |
                      (slot.generation & kGenerationMask) << kSlotBits | (index + 1);
         ++slot.generation;
+        ++added_;
         // NOLINTNEXTLINE(performance-no-int-to-ptr): a handle is never followed.
         return reinterpret_cast<void*>(slot.value);
     }
@@ -126,6 +127,12 @@ public:
                           [](const Slot& slot) { return slot.object.use_count() == 1; }));
     }
 
+    // All that were ever given out.
+    [[nodiscard]] uint64_t added() const {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return added_;
+    }
+
     [[nodiscard]] size_t size() const {
         const std::lock_guard<std::mutex> lock(mutex_);
         return slots_.size() - free_.size();
@@ -188,6 +195,7 @@ private:
     std::vector<uint64_t> free_;  // has room for every slot, so giving back can't fail
     std::array<Close, kRememberedCloses> closes_ = {};  // the newest, in a ring
     uint64_t closeCount_ = 0;
+    uint64_t added_ = 0;
 };
 
 }  // namespace orla::emulation

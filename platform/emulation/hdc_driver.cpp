@@ -12,69 +12,14 @@
 
 #include "driver_state.h"
 #include "hdc_connect.h"
-#include "hdc_handles.h"
-#include "log_book.h"
+#include "hdc_frame.h"
 
 using namespace orla::emulation;
 
 namespace {
 
-CallSubject About(const Server& server) {
-    return {server.device()};
-}
-
-CallSubject About(const Session& session) {
-    return {session.device()};
-}
-
-template <typename T>
-CallSubject About(const T&) {
-    return {};
-}
-
 CallSubject AboutDevice(int device) {
     return device < 0 ? CallSubject{} : CallSubject{static_cast<uint32_t>(device)};
-}
-
-SessionVisit Visit(Session* session, const void* handle, Call call, const Caller& caller) {
-    return {session, ValueOf(handle), call, caller};
-}
-
-struct NoVisit {
-    void SetResult(int) const {}
-};
-
-template <typename T>
-NoVisit Visit(T*, const void*, Call, const Caller&) {
-    return {};
-}
-
-// An operation on the object of a handle, which is there from the first instruction of the call to
-// its last; `body(object, caller)`. Null is refused, and misuse ends the process.
-template <typename T, HandleKind kKind, typename Body>
-int OnHandle(Call call, HandleTable<T, kKind>& table, const void* handle, Body&& body) noexcept {
-    const Caller caller(call);
-    const std::shared_ptr<T> object = table.Use(handle, caller);
-    if (object == nullptr) {
-        return RunCall(call, {}, [] { return kInvalidHandle; });
-    }
-    auto visit = Visit(object.get(), handle, call, caller);
-    const int result = RunCall(call, About(*object), [&]() -> int { return body(object, caller); });
-    visit.SetResult(result);
-    return result;
-}
-
-// An operation that gives a handle back; `body(object, caller)`. One that fails leaves it valid.
-template <typename T, HandleKind kKind, typename Body>
-int Closing(Call call, HandleTable<T, kKind>& table, const void* handle, Body&& body) noexcept {
-    const Caller caller(call);
-    const std::shared_ptr<T> object = table.BeginClose(handle, caller);
-    if (object == nullptr) {
-        return RunCall(call, {}, [] { return kInvalidHandle; });
-    }
-    const int result = RunCall(call, About(*object), [&]() -> int { return body(object, caller); });
-    table.EndClose(handle, result == kDone);
-    return result;
 }
 
 template <typename Body>
@@ -85,25 +30,6 @@ int OnSession(Call call, drvHdcSession_t handle, Body&& body) noexcept {
 template <typename Body>
 int OnMessage(Call call, drvHdcMsg_t handle, Body&& body) noexcept {
     return OnHandle(call, Handles::Get().messages, handle, body);
-}
-
-// Once the last server has gone nothing should be left; what a call is inside of may yet go.
-void TellWhatIsLeft() {
-    const Handles& handles = Handles::Get();
-    if (handles.servers.size() != 0 || !LogBook::Get().Enabled(LogLevel::kDebug)) {
-        return;
-    }
-    std::string text = "no server is left;";
-    const auto add = [&text](const char* kind, size_t idle, size_t all) {
-        text += " " + std::string(kind) + " " + std::to_string(idle) + " and " +
-                std::to_string(all - idle) + " in a call,";
-    };
-    add("clients", handles.clients.CountIdle(), handles.clients.size());
-    add("sessions", handles.sessions.CountIdle(), handles.sessions.size());
-    add("messages", handles.messages.CountIdle(), handles.messages.size());
-    add("event waits", handles.epolls.CountIdle(), handles.epolls.size());
-    text.pop_back();
-    LogBook::Get().Write(kDriverModule, LogLevel::kDebug, std::move(text));
 }
 
 }  // namespace
@@ -154,19 +80,15 @@ drvError_t drvHdcServerCreate(int logicalDevice, int serviceType, drvHdcServer_t
 }
 
 drvError_t drvHdcServerDestroy(drvHdcServer_t handle) {
-    const int result = Closing(Call::drvHdcServerDestroy, Handles::Get().servers, handle,
-                               [&](const auto& server, const Caller&) -> int {
-                                   if (server->IsBusyYet()) {
-                                       return DRV_ERROR_CLIENT_BUSY;
-                                   }
-                                   EventWait::Forget(ValueOf(handle), server.get());
-                                   server->Stop(EBADF);
-                                   return kDone;
-                               });
-    if (result == kDone) {
-        TellWhatIsLeft();
-    }
-    return result;
+    return Closing(Call::drvHdcServerDestroy, Handles::Get().servers, handle,
+                   [&](const auto& server, const Caller&) -> int {
+                       if (server->IsBusyYet()) {
+                           return DRV_ERROR_CLIENT_BUSY;
+                       }
+                       EventWait::Forget(ValueOf(handle), server.get());
+                       server->Stop(EBADF);
+                       return kDone;
+                   });
 }
 
 drvError_t drvHdcSessionAccept(drvHdcServer_t handle, drvHdcSession_t* session) {
@@ -248,21 +170,17 @@ drvError_t drvHdcSetSessionReference(drvHdcSession_t handle) {
 }
 
 drvError_t drvHdcSessionClose(drvHdcSession_t handle) {
-    const int result =
-        Closing(Call::drvHdcSessionClose, Handles::Get().sessions, handle,
-                [&](const auto& session, const Caller&) {
-                    EventWait::Forget(ValueOf(handle), session.get());
-                    session->End();
-                    session->LeaveClient();
-                    while (DriverState::Get().scenario()->liberties.closeWaits && session->busy()) {
-                        std::this_thread::sleep_for(std::chrono::microseconds(100));
-                    }
-                    return kDone;
-                });
-    if (result == kDone) {
-        TellWhatIsLeft();
-    }
-    return result;
+    return Closing(
+        Call::drvHdcSessionClose, Handles::Get().sessions, handle,
+        [&](const auto& session, const Caller&) {
+            EventWait::Forget(ValueOf(handle), session.get());
+            session->End();
+            session->LeaveClient();
+            while (DriverState::Get().scenario()->liberties.closeWaits && session->busy()) {
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
+            return kDone;
+        });
 }
 
 drvError_t halHdcGetSessionAttr(drvHdcSession_t handle, int attribute, int* value) {

@@ -177,9 +177,7 @@ Value ReadWord(ObjectReader& reader, const char* key,
 
 DeviceState ReadState(ObjectReader& reader) {
     return ReadWord<DeviceState>(reader, "state",
-                                 {{"up", DeviceState::kUp},
-                                  {"not_ready", DeviceState::kNotReady},
-                                  {"down", DeviceState::kDown}});
+                                 {{"up", DeviceState::kUp}, {"down", DeviceState::kDown}});
 }
 
 Flaps ReadFlaps(ObjectReader& reader) {

@@ -35,9 +35,10 @@ protected:
 TEST_F(ScenarioTest, DeviceNumbers) {
     EXPECT_EQ(Ids(), std::vector<uint32_t>{0});  // the built-in scenario
     ASSERT_EQ(control::LoadScenario(R"({"devices": [
-        {"logical": 3, "physical": 7}, {"logical": 1, "state": "not_ready"},
+        {"logical": 3, "physical": 7}, {"logical": 1},
         {"logical": 2, "state": "down"}]})"),
               "");
+    ASSERT_TRUE(control::SetDeviceState(1, control::DeviceState::kNotReady));
     EXPECT_EQ(Ids(), (std::vector<uint32_t>{3, 1}));
     uint32_t physical = 99;
     EXPECT_NE(drvDeviceGetPhyIdByIndex(2, &physical), 0);  // down
