@@ -1,10 +1,11 @@
 # The ways in. Everything is built below build/<preset>; CMakePresets.json has the presets.
 .DEFAULT_GOAL := help
-.PHONY: help setup build demo test sanitize fuzz bench bench-smoke soak stacks device aarch64 package format format-check check tidy clean
+.PHONY: help setup build demo test sanitize shake fuzz bench bench-smoke soak stacks device aarch64 package format format-check check tidy clean
 
 JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 30
 SOAK_SECONDS ?= 600
+SEEDS ?= 1 2
 STACK_SECONDS ?= 60
 PRESET ?= release
 SANDBOX := platform/standins/orla-sandbox
@@ -31,6 +32,9 @@ test: build  ## build, and run all tests in the sandbox
 sanitize: setup  ## all tests under address and undefined-behaviour, then thread sanitizer
 	@$(call build,asan) && ctest --preset asan
 	@$(call build,tsan) && ctest --preset tsan
+
+shake: setup  ## races under the thread sanitizer, calls of the driver held as each of SEEDS (1 2) has it
+	@$(call build,tsan) && scripts/shake $(SEEDS)
 
 # What one input may cost, of a fuzzer whose code has to promise that: a message of the greatest
 # length in memory, a text in time. The sanitizer's own memory must stay small beside it.

@@ -2,6 +2,7 @@
 import json
 import os
 import pathlib
+import re
 import shutil
 import signal
 import subprocess
@@ -46,6 +47,7 @@ class Device:
         program = subprocess.Popen([SANDBOX, *where, "--", *map(str, command)], text=True,
                                    env=self.environment, stdout=subprocess.PIPE,
                                    stderr=subprocess.STDOUT, **options)
+        program.device = self
         self.programs.append(program)
         return program
 
@@ -75,6 +77,13 @@ class Device:
     def logged(self, words, count=1):
         return wait_for(lambda: sum(words in line for line in self.lines()) >= count,
                         f"log line '{words}'")
+
+    def check_left(self):
+        """Nothing of the driver's is left at a daemon's end, but for what a thread waits in."""
+        told = [line for line in self.lines() if "no server is left; " in line]
+        if told:
+            left = re.findall(r"([a-z ]+) (\d+) and \d+ in a call", told[-1].split(";")[1])
+            assert len(left) == 4 and all(idle == "0" for _, idle in left), told[-1]
 
     def close(self):
         for program in self.programs:
@@ -124,4 +133,7 @@ def end(program, number=signal.SIGTERM, seconds=10):
     started = time.monotonic()
     program.send_signal(number)
     code = program.wait(seconds)
-    return code, time.monotonic() - started
+    took = time.monotonic() - started
+    if code == 0:
+        program.device.check_left()
+    return code, took

@@ -97,7 +97,8 @@ def largest_frames(program, count):
 def main():
     chance = random.Random(1)
     faults = list(test_chaos.make_faults(chance))
-    with Device({"devices": test_chaos.DEVICES, "faults": faults}) as device:
+    scenario = test_chaos.make_scenario({})
+    with Device({**scenario, "faults": faults}) as device:
         device.start(BIN / "orla-appmon")
         wait_for((device.root / "var/driver/appmon.socket").exists, "application monitor")
         daemon = device.daemon(join=True)
@@ -107,7 +108,7 @@ def main():
         settled(daemon)
         sampler = Sampler(daemon.pid)
         try:
-            test_chaos.Hosts(device, chance).run(chance, float(sys.argv[1]))
+            test_chaos.Hosts(device, chance, scenario).run(chance, float(sys.argv[1]))
         finally:
             sampler.over.set()
             sampler.join()

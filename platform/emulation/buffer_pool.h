@@ -1,14 +1,29 @@
 // Receive buffers that are used again: a fresh block of half a megabyte costs more in page
 // faults than copying into it does. One pool per session, shared with its messages, since a
 // message outlives its session. Any thread.
+//
+// What is in the pool is nobody's: the address sanitizer stops whoever reads it, and without that
+// the reader finds other bytes where the segment began.
 #pragma once
 
 #include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define ORLA_POISONS_BUFFERS
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define ORLA_POISONS_BUFFERS
+#endif
+#endif
+#ifdef ORLA_POISONS_BUFFERS
+#include <sanitizer/asan_interface.h>
+#endif
 
 namespace orla::emulation {
 
@@ -20,6 +35,13 @@ struct Buffer {
 class BufferPool {
 public:
     BufferPool() { spare_.reserve(kMaxSpare); }
+    ~BufferPool() {
+        for (Buffer& buffer : spare_) {
+            Open(buffer);
+        }
+    }
+    BufferPool(const BufferPool&) = delete;
+    BufferPool& operator=(const BufferPool&) = delete;
 
     // At least `size` bytes of unspecified content.
     [[nodiscard]] Buffer Take(size_t size) {
@@ -31,6 +53,7 @@ public:
                 spare_.pop_back();
             }
         }
+        Open(buffer);
         if (buffer.capacity < size) {
             const size_t capacity = std::max(size, kSmallest);
             buffer.data.reset();  // before the larger one is made
@@ -46,14 +69,31 @@ public:
             return;
         }
         const std::lock_guard<std::mutex> lock(mutex_);
+        Spoil(buffer);
         if (spare_.size() < kMaxSpare) {
             spare_.push_back(std::move(buffer));
+        } else {
+            Open(buffer);
         }
     }
 
 private:
     static constexpr size_t kMaxSpare = 2;  // one under way, one with the caller
     static constexpr size_t kSmallest = 4096;
+    static constexpr int kSpoilt = 0xDB;
+    static constexpr size_t kSpoiltBytes = 64;  // a header, and what follows it
+
+    static void Spoil(const Buffer& buffer) {
+        std::memset(buffer.data.get(), kSpoilt, std::min(buffer.capacity, kSpoiltBytes));
+#ifdef ORLA_POISONS_BUFFERS
+        __asan_poison_memory_region(buffer.data.get(), buffer.capacity);
+#endif
+    }
+    static void Open([[maybe_unused]] const Buffer& buffer) {
+#ifdef ORLA_POISONS_BUFFERS
+        __asan_unpoison_memory_region(buffer.data.get(), buffer.capacity);
+#endif
+    }
 
     std::mutex mutex_;
     std::vector<Buffer> spare_;  // guarded by mutex_

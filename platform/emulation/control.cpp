@@ -1,7 +1,6 @@
 #include "control.h"
 
-#include <cerrno>
-
+#include "device_life.h"
 #include "driver_state.h"
 #include "hdc_handles.h"
 #include "log_book.h"
@@ -14,24 +13,6 @@ using emulation::Handles;
 using emulation::LogBook;
 using emulation::ProfChannels;
 
-namespace {
-
-void EndWhatRunsOn(uint32_t device) {
-    for (const auto& server : Handles::Get().servers.All()) {
-        if (server->device() == device) {
-            server->Stop(ENODEV);
-        }
-    }
-    for (const auto& session : Handles::Get().sessions.All()) {
-        if (session->peer().device == device) {
-            session->End();
-        }
-    }
-    ProfChannels::Get().EndDevice(device);
-}
-
-}  // namespace
-
 void Reset() {
     DriverState::Get().ReadEnvironment();
     DriverState::Get().faults().ClearCounts();
@@ -41,21 +22,14 @@ void Reset() {
 
 std::string LoadScenario(std::string_view json) {
     std::string error;
-    auto scenario = emulation::ParseScenario(json, &error);
-    if (scenario != nullptr) {
-        DriverState::Get().Use(std::move(scenario));
+    if (const auto scenario = emulation::ParseScenario(json, &error)) {
+        DriverState::Get().Use(scenario);
     }
     return error;
 }
 
 bool SetDeviceState(uint32_t logicalDevice, DeviceState state) {
-    if (!DriverState::Get().SetState(logicalDevice, state)) {
-        return false;
-    }
-    if (state != DeviceState::kUp) {
-        EndWhatRunsOn(logicalDevice);
-    }
-    return true;
+    return emulation::ChangeDeviceState(logicalDevice, state);
 }
 
 bool InjectFault(const Fault& fault) {

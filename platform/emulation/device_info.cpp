@@ -40,7 +40,8 @@ int Answer(const SimulatedDevice& device, int32_t module, int32_t info, int64_t*
         return DRV_ERROR_NONE;
     }
     if (module == DEV_MODULE_SYSTEM && info == DEV_INFO_START_MONO) {
-        *value = MonotonicNanoseconds();
+        static const int64_t start = MonotonicNanoseconds();  // devices start when they are asked
+        *value = start;
         return DRV_ERROR_NONE;
     }
     return DRV_ERROR_NOT_SUPPORT;

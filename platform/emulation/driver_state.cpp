@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "device_life.h"
+
 namespace orla::emulation {
 
 DriverState& DriverState::Get() {
@@ -31,22 +33,22 @@ std::vector<DeviceIds> DriverState::PresentDevices() const {
     return present;
 }
 
-void DriverState::Use(std::shared_ptr<const Scenario> scenario) {
+void DriverState::Use(const std::shared_ptr<const Scenario>& scenario) {
     faults_.Set(scenario->faults);
     const std::lock_guard<std::mutex> lock(mutex_);
     states_.clear();
     for (const SimulatedDevice& device : scenario->devices) {
         states_[device.logicalId] = device.state;
     }
-    scenario_ = std::move(scenario);
+    scenario_ = scenario;
     usable_ = true;
+    FollowFlaps(scenario);
 }
 
 void DriverState::ReadEnvironment() {
     std::string error;
-    std::shared_ptr<const Scenario> scenario = LoadScenarioFromEnvironment(&error);
-    if (scenario != nullptr) {
-        Use(std::move(scenario));
+    if (const auto scenario = LoadScenarioFromEnvironment(&error)) {
+        Use(scenario);
         return;
     }
     std::fprintf(stderr, "orla platform: the scenario can't be used: %s\n", error.c_str());

@@ -12,6 +12,7 @@
 #include "faults.h"
 #include "results.h"
 #include "scenario.h"
+#include "shake.h"
 
 namespace orla::emulation {
 
@@ -35,9 +36,10 @@ public:
     // The devices that are not down, in the order of the scenario.
     [[nodiscard]] std::vector<DeviceIds> PresentDevices() const;
     [[nodiscard]] FaultPlan& faults() { return faults_; }
+    [[nodiscard]] Shake& shake() { return shake_; }
 
     // Makes `scenario` the current one, with its faults and states.
-    void Use(std::shared_ptr<const Scenario> scenario);
+    void Use(const std::shared_ptr<const Scenario>& scenario);
     // Takes the scenario of the environment; tells stderr what is wrong with it.
     void ReadEnvironment();
     // False for an unknown device. The caller ends what the change ends.
@@ -48,6 +50,7 @@ private:
 
     std::atomic<bool> usable_{false};
     FaultPlan faults_;
+    Shake shake_;
     mutable std::mutex mutex_;
     // Guarded by mutex_.
     std::shared_ptr<const Scenario> scenario_;
@@ -59,16 +62,20 @@ private:
 [[nodiscard]] int CopyPresentIds(uint32_t* ids, uint32_t length);
 
 // Runs the body of a driver operation: counted, refused without a usable scenario, replaced by a
-// fault that fires, and with nothing thrown into C callers.
+// fault that fires, shaken, and with nothing thrown into C callers. What the call uses has been
+// told that it begins.
 template <typename Body>
 [[nodiscard]] int RunCall(Call call, const CallSubject& subject, Body&& body,
                           const FrameResults& failures = {}) noexcept {
     try {
         DriverState& driver = DriverState::Get();
+        driver.shake().Hold();
         if (const auto fault = driver.faults().Check(call, subject)) {
             return *fault;
         }
-        return driver.usable() ? body() : failures.noScenario;
+        const int result = driver.usable() ? body() : failures.noScenario;
+        driver.shake().Hold();
+        return result;
     } catch (const std::bad_alloc&) {
         return failures.noMemory;
     } catch (...) {

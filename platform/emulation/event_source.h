@@ -4,7 +4,6 @@
 #pragma once
 
 #include <algorithm>
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -19,20 +18,18 @@ class EventSource {
 public:
     virtual ~EventSource() = default;
 
-    // Readable at least whenever Collect may have something to tell, except for what Pending
-    // tells. Constant.
+    // Readable at least whenever Collect may have something to tell. Constant.
     [[nodiscard]] virtual int eventFd() const = 0;
     // The HDC_EPOLL_* bit that a readable descriptor stands for.
     [[nodiscard]] virtual uint32_t inputBit() const = 0;
     // HDC_EPOLL_* bits that hold now, given the epoll bits of the descriptor.
     [[nodiscard]] virtual uint32_t Collect(uint32_t epollEvents) = 0;
-    // True when Collect has something to tell that the descriptor doesn't show.
-    [[nodiscard]] virtual bool Pending() const { return false; }
+    // From now on the descriptor shows all there is. False when it can't any more.
+    [[nodiscard]] virtual bool BeginShowing() { return true; }
 
     void AddWatcher(const std::shared_ptr<EventWait>& wait) {
         const std::lock_guard<std::mutex> lock(watchersMutex_);
         watchers_.push_back(wait);
-        watched_ = true;
     }
     void RemoveWatcher(const EventWait* wait) {
         const std::lock_guard<std::mutex> lock(watchersMutex_);
@@ -42,7 +39,6 @@ public:
                                            return live == nullptr || live.get() == wait;
                                        }),
                         watchers_.end());
-        watched_ = !watchers_.empty();
     }
     // Takes all, for a source that closes.
     [[nodiscard]] std::vector<std::weak_ptr<EventWait>> TakeWatchers() {
@@ -50,11 +46,7 @@ public:
         return std::exchange(watchers_, {});
     }
 
-protected:
-    [[nodiscard]] bool watched() const { return watched_.load(std::memory_order_relaxed); }
-
 private:
-    std::atomic<bool> watched_{false};
     std::mutex watchersMutex_;
     std::vector<std::weak_ptr<EventWait>> watchers_;  // guarded by watchersMutex_
 };

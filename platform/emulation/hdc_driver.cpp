@@ -1,116 +1,35 @@
 // The C operations of the host-device channel: arguments and handles are checked here, the work
 // is done by the classes. Each operation runs in RunCall, so that it is counted, can be made to
-// fail, and throws nothing.
+// fail, and throws nothing; each one on a handle in OnHandle or Closing, which hold the call
+// against what others do to the handle.
 #include <hdc_driver.h>
 
-#include <sys/socket.h>
-
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <thread>
 
 #include "driver_state.h"
-#include "hdc_handles.h"
+#include "hdc_connect.h"
+#include "hdc_frame.h"
 
 using namespace orla::emulation;
 
 namespace {
 
-template <typename T>
-CallSubject About(const std::shared_ptr<T>& object) {
-    return object == nullptr ? CallSubject{} : CallSubject{object->device()};
-}
-
-CallSubject About(const std::shared_ptr<Session>& session) {
-    return session == nullptr ? CallSubject{} : CallSubject{session->peer().device};
-}
-
 CallSubject AboutDevice(int device) {
     return device < 0 ? CallSubject{} : CallSubject{static_cast<uint32_t>(device)};
 }
 
-// The number in an environment variable. A text that is none fails, and stderr is told.
-bool ReadEnvironment(const char* name, uint32_t* value) {
-    const char* text = std::getenv(name);
-    if (text == nullptr || *text == '\0') {
-        return true;
-    }
-    char* end = nullptr;
-    errno = 0;
-    const unsigned long number = std::strtoul(text, &end, 10);
-    if (*text < '0' || *text > '9' || *end != '\0' || errno != 0 || number > INT32_MAX) {
-        std::fprintf(stderr, "orla platform: %s is not a number: %s\n", name, text);
-        return false;
-    }
-    *value = static_cast<uint32_t>(number);
-    return true;
+template <typename Body>
+int OnSession(Call call, drvHdcSession_t handle, Body&& body) noexcept {
+    return OnHandle(call, Handles::Get().sessions, handle, body);
 }
 
-// `pid`: in whose name; 0: what the environment says, or this process.
-bool MakeHello(uint32_t pid, Hello* hello) {
-    *hello = {};
-    std::memcpy(hello->magic, kHelloMagic, sizeof(hello->magic));
-    hello->version = kHelloVersion;
-    hello->runEnvironment = 1;
-    if (!ReadEnvironment("ORLA_HDC_RUN_ENV", &hello->runEnvironment) ||
-        !ReadEnvironment("ORLA_HDC_VF_ID", &hello->virtualFunction) ||
-        !ReadEnvironment("ORLA_HDC_PID", &hello->pid)) {
-        return false;
-    }
-    hello->pid = pid != 0 ? pid : hello->pid;
-    return true;
-}
-
-int ConnectFailure() {
-    switch (errno) {
-        case ENOENT:
-        case ECONNREFUSED:
-            return DRV_ERROR_DEVICE_NOT_READY;
-        case EAGAIN:
-            return DRV_ERROR_WAIT_TIMEOUT;
-        default:
-            return kSystemError;
-    }
-}
-
-int Connect(int peerNode, int peerDevice, uint32_t pid, drvHdcClient_t clientHandle,
-            drvHdcSession_t* session) {
-    if (peerNode != 0 || peerDevice < 0 || session == nullptr) {
-        return kInvalidArgument;
-    }
-    const auto client = Handles::Get().clients.Find(clientHandle);
-    if (client == nullptr) {
-        return kInvalidHandle;
-    }
-    // A device that this side's scenario doesn't have may well be there on the other side.
-    const auto device = static_cast<uint32_t>(peerDevice);
-    const DriverState& driver = DriverState::Get();
-    const auto scenario = driver.scenario();
-    if (scenario->FindDevice(device) != nullptr && driver.StateOf(device) != DeviceState::kUp) {
-        return DRV_ERROR_DEVICE_NOT_READY;
-    }
-    Hello hello;
-    if (!MakeHello(pid, &hello)) {
-        return kInvalidArgument;
-    }
-    if (!client->Enter()) {
-        return kTooManySessions;
-    }
-    ClientPlace place(client);
-    UniqueFd fd = orla::emulation::Connect(SocketPath(peerDevice, client->serviceType()));
-    if (!fd.valid()) {
-        return ConnectFailure();
-    }
-    // 24 bytes always fit into a fresh socket: there is no half of a hello.
-    if (send(fd.get(), &hello, sizeof(hello), MSG_NOSIGNAL) != sizeof(hello)) {
-        return kSystemError;
-    }
-    constexpr uint32_t kPhysical = 1;
-    const PeerFacts peer = {device, kPhysical, 0, PeerPid(fd.get())};
-    *session = Handles::Get().sessions.Add(
-        std::make_shared<Session>(std::move(fd), peer, scenario->maxSegment, std::move(place)));
-    return kDone;
+template <typename Body>
+int OnMessage(Call call, drvHdcMsg_t handle, Body&& body) noexcept {
+    return OnHandle(call, Handles::Get().messages, handle, body);
 }
 
 }  // namespace
@@ -128,17 +47,10 @@ drvError_t drvHdcClientCreate(drvHdcClient_t* client, int maxSessions, int servi
 }
 
 drvError_t drvHdcClientDestroy(drvHdcClient_t handle) {
-    return RunCall(Call::drvHdcClientDestroy, {}, [&]() -> int {
-        auto& clients = Handles::Get().clients;
-        const auto client = clients.Find(handle);
-        if (client == nullptr) {
-            return kInvalidHandle;
-        }
-        if (!client->Retire()) {
-            return DRV_ERROR_CLIENT_BUSY;
-        }
-        return clients.Take(handle) != nullptr ? kDone : kInvalidHandle;
-    });
+    return Closing(Call::drvHdcClientDestroy, Handles::Get().clients, handle,
+                   [](const auto& client, const Caller&) {
+                       return client->Retire() ? kDone : int{DRV_ERROR_CLIENT_BUSY};
+                   });
 }
 
 drvError_t drvHdcServerCreate(int logicalDevice, int serviceType, drvHdcServer_t* server) {
@@ -155,7 +67,7 @@ drvError_t drvHdcServerCreate(int logicalDevice, int serviceType, drvHdcServer_t
         if (driver.StateOf(device) != DeviceState::kUp) {
             return DRV_ERROR_DEVICE_NOT_READY;
         }
-        auto made = Server::Create(device, serviceType, scenario->maxSegment);
+        auto made = Server::Create(device, serviceType, scenario);
         if (made == nullptr) {
             const int reason = errno;
             std::fprintf(stderr, "orla platform: can't listen on %s: %s\n",
@@ -168,102 +80,115 @@ drvError_t drvHdcServerCreate(int logicalDevice, int serviceType, drvHdcServer_t
 }
 
 drvError_t drvHdcServerDestroy(drvHdcServer_t handle) {
-    auto& servers = Handles::Get().servers;
-    return RunCall(Call::drvHdcServerDestroy, About(servers.Find(handle)), [&]() -> int {
-        const auto server = servers.Take(handle);
-        if (server == nullptr) {
-            return kInvalidHandle;
-        }
-        EventWait::Forget(ValueOf(handle), server.get());
-        server->Stop(EBADF);
-        return kDone;
-    });
+    return Closing(Call::drvHdcServerDestroy, Handles::Get().servers, handle,
+                   [&](const auto& server, const Caller&) -> int {
+                       if (server->IsBusyYet()) {
+                           return DRV_ERROR_CLIENT_BUSY;
+                       }
+                       EventWait::Forget(ValueOf(handle), server.get());
+                       server->Stop(EBADF);
+                       return kDone;
+                   });
 }
 
 drvError_t drvHdcSessionAccept(drvHdcServer_t handle, drvHdcSession_t* session) {
-    const auto server = Handles::Get().servers.Find(handle);
-    return RunCall(Call::drvHdcSessionAccept, About(server), [&]() -> int {
-        if (session == nullptr) {
-            return kInvalidArgument;
-        }
-        if (server == nullptr) {
-            return kInvalidHandle;
-        }
-        std::shared_ptr<Session> accepted;
-        if (const int result = server->Accept(&accepted); result != kDone) {
-            return result;
-        }
-        *session = Handles::Get().sessions.Add(std::move(accepted));
-        return kDone;
-    });
+    return OnHandle(Call::drvHdcSessionAccept, Handles::Get().servers, handle,
+                    [&](const auto& server, const Caller&) -> int {
+                        if (session == nullptr) {
+                            return kInvalidArgument;
+                        }
+                        std::shared_ptr<Session> accepted;
+                        if (const int result = server->Accept(&accepted); result != kDone) {
+                            return result;
+                        }
+                        *session = Handles::Get().sessions.Add(std::move(accepted));
+                        return kDone;
+                    });
 }
 
 // ---- Sessions ----------------------------------------------------------------------------------
 
+namespace {
+
+// `pid`: in whose name; 0: of this process.
+drvError_t ConnectAs(Call call, int peerNode, int peerDevice, int pid, drvHdcClient_t handle,
+                     drvHdcSession_t* session) {
+    const Caller caller(call);
+    const auto client = Handles::Get().clients.Use(handle, caller);
+    return RunCall(call, AboutDevice(peerDevice), [&]() -> int {
+        if (client == nullptr) {
+            return kInvalidHandle;
+        }
+        if (peerNode != 0 || peerDevice < 0 || pid < 0 || session == nullptr) {
+            return kInvalidArgument;
+        }
+        std::shared_ptr<Session> made;
+        const int result =
+            Connect(static_cast<uint32_t>(peerDevice), static_cast<uint32_t>(pid), client, &made);
+        if (result == kDone) {
+            *session = Handles::Get().sessions.Add(std::move(made));
+        }
+        return result;
+    });
+}
+
+int AttributeOf(const PeerFacts& peer, int attribute, int* value) {
+    switch (attribute) {
+        case HDC_SESSION_ATTR_DEV_ID:
+            *value = static_cast<int>(peer.device);
+            return kDone;
+        case HDC_SESSION_ATTR_RUN_ENV:
+            *value = static_cast<int>(peer.runEnvironment);
+            return kDone;
+        case HDC_SESSION_ATTR_VFID:
+            *value = static_cast<int>(peer.virtualFunction);
+            return kDone;
+        case HDC_SESSION_ATTR_PEER_PID:
+            *value = static_cast<int>(peer.pid);
+            return kDone;
+        default:
+            return DRV_ERROR_NOT_SUPPORT;
+    }
+}
+
+}  // namespace
+
 drvError_t drvHdcSessionConnect(int peerNode, int peerDevice, drvHdcClient_t client,
                                 drvHdcSession_t* session) {
-    return RunCall(Call::drvHdcSessionConnect, AboutDevice(peerDevice),
-                   [&] { return Connect(peerNode, peerDevice, 0, client, session); });
+    return ConnectAs(Call::drvHdcSessionConnect, peerNode, peerDevice, 0, client, session);
 }
 
 drvError_t halHdcSessionConnectEx(int peerNode, int peerDevice, int hostPid, drvHdcClient_t client,
                                   drvHdcSession_t* session) {
-    return RunCall(Call::halHdcSessionConnectEx, AboutDevice(peerDevice), [&]() -> int {
-        if (hostPid < 0) {
-            return kInvalidArgument;
-        }
-        return Connect(peerNode, peerDevice, static_cast<uint32_t>(hostPid), client, session);
-    });
+    return ConnectAs(Call::halHdcSessionConnectEx, peerNode, peerDevice, hostPid, client, session);
 }
 
+// The system closes a process's sockets when it ends, so there is nothing to remember.
 drvError_t drvHdcSetSessionReference(drvHdcSession_t handle) {
-    const auto session = Handles::Get().sessions.Find(handle);
-    // The system closes a process's sockets when it ends, so there is nothing to remember.
-    return RunCall(Call::drvHdcSetSessionReference, About(session),
-                   [&] { return session != nullptr ? kDone : kInvalidHandle; });
+    return OnSession(Call::drvHdcSetSessionReference, handle,
+                     [](const auto&, const Caller&) { return kDone; });
 }
 
 drvError_t drvHdcSessionClose(drvHdcSession_t handle) {
-    auto& sessions = Handles::Get().sessions;
-    return RunCall(Call::drvHdcSessionClose, About(sessions.Find(handle)), [&]() -> int {
-        const auto session = sessions.Take(handle);
-        if (session == nullptr) {
-            return kInvalidHandle;
-        }
-        EventWait::Forget(ValueOf(handle), session.get());
-        session->End();
-        session->LeaveClient();
-        return kDone;
-    });
+    return Closing(
+        Call::drvHdcSessionClose, Handles::Get().sessions, handle,
+        [&](const auto& session, const Caller&) {
+            EventWait::Forget(ValueOf(handle), session.get());
+            session->End();
+            session->LeaveClient();
+            while (DriverState::Get().scenario()->liberties.closeWaits && session->busy()) {
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
+            return kDone;
+        });
 }
 
 drvError_t halHdcGetSessionAttr(drvHdcSession_t handle, int attribute, int* value) {
-    const auto session = Handles::Get().sessions.Find(handle);
-    return RunCall(Call::halHdcGetSessionAttr, About(session), [&]() -> int {
-        if (value == nullptr) {
-            return kInvalidArgument;
-        }
-        if (session == nullptr) {
-            return kInvalidHandle;
-        }
-        const PeerFacts& peer = session->peer();
-        switch (attribute) {
-            case HDC_SESSION_ATTR_DEV_ID:
-                *value = static_cast<int>(peer.device);
-                return kDone;
-            case HDC_SESSION_ATTR_RUN_ENV:
-                *value = static_cast<int>(peer.runEnvironment);
-                return kDone;
-            case HDC_SESSION_ATTR_VFID:
-                *value = static_cast<int>(peer.virtualFunction);
-                return kDone;
-            case HDC_SESSION_ATTR_PEER_PID:
-                *value = static_cast<int>(peer.pid);
-                return kDone;
-            default:
-                return DRV_ERROR_NOT_SUPPORT;
-        }
-    });
+    return OnSession(Call::halHdcGetSessionAttr, handle,
+                     [&](const auto& session, const Caller&) -> int {
+                         return value == nullptr ? kInvalidArgument
+                                                 : AttributeOf(session->peer(), attribute, value);
+                     });
 }
 
 drvError_t drvHdcGetCapacity(drvHdcCapacity* capacity) {
@@ -279,53 +204,43 @@ drvError_t drvHdcGetCapacity(drvHdcCapacity* capacity) {
 // ---- Messages ----------------------------------------------------------------------------------
 
 drvError_t drvHdcAllocMsg(drvHdcSession_t handle, drvHdcMsg_t* message, int count) {
-    const auto session = Handles::Get().sessions.Find(handle);
-    return RunCall(Call::drvHdcAllocMsg, About(session), [&]() -> int {
-        if (message == nullptr || count < 1 || count > Message::kMaxBuffers) {
+    return OnSession(Call::drvHdcAllocMsg, handle, [&](const auto& session, const Caller&) -> int {
+        if (message == nullptr || count != 1) {
             return kInvalidArgument;
         }
-        if (session == nullptr) {
-            return kInvalidHandle;
-        }
-        *message = Handles::Get().messages.Add(std::make_shared<Message>(
-            ValueOf(handle), session->pool(), count, session->maxSegment()));
+        *message = Handles::Get().messages.Add(
+            std::make_shared<Message>(ValueOf(handle), session->pool(), session->maxSegment()));
         return kDone;
     });
 }
 
-drvError_t drvHdcFreeMsg(drvHdcMsg_t message) {
-    return RunCall(Call::drvHdcFreeMsg, {}, [&] {
-        return Handles::Get().messages.Take(message) != nullptr ? kDone : kInvalidHandle;
-    });
+drvError_t drvHdcFreeMsg(drvHdcMsg_t handle) {
+    return Closing(Call::drvHdcFreeMsg, Handles::Get().messages, handle,
+                   [&](const auto& message, const Caller& caller) {
+                       message->CheckOutgoing(ValueOf(handle), caller);
+                       return kDone;
+                   });
 }
 
 drvError_t drvHdcReuseMsg(drvHdcMsg_t handle) {
-    return RunCall(Call::drvHdcReuseMsg, {}, [&]() -> int {
-        const auto message = Handles::Get().messages.Find(handle);
-        if (message == nullptr) {
-            return kInvalidHandle;
-        }
+    return OnMessage(Call::drvHdcReuseMsg, handle, [&](const auto& message, const Caller& caller) {
+        message->CheckOutgoing(ValueOf(handle), caller);
         message->Clear();
         return kDone;
     });
 }
 
 drvError_t drvHdcAddMsgBuffer(drvHdcMsg_t handle, char* buffer, int length) {
-    return RunCall(Call::drvHdcAddMsgBuffer, {}, [&]() -> int {
-        const auto message = Handles::Get().messages.Find(handle);
-        if (message == nullptr) {
-            return kInvalidHandle;
-        }
-        return buffer != nullptr && message->AddOutgoing(buffer, length) ? kDone : kInvalidArgument;
-    });
+    return OnMessage(Call::drvHdcAddMsgBuffer, handle,
+                     [&](const auto& message, const Caller& caller) {
+                         return buffer != nullptr && message->SetOutgoing(buffer, length, caller)
+                                    ? kDone
+                                    : kInvalidArgument;
+                     });
 }
 
 drvError_t drvHdcGetMsgBuffer(drvHdcMsg_t handle, int index, char** buffer, int* length) {
-    return RunCall(Call::drvHdcGetMsgBuffer, {}, [&]() -> int {
-        const auto message = Handles::Get().messages.Find(handle);
-        if (message == nullptr) {
-            return kInvalidHandle;
-        }
+    return OnMessage(Call::drvHdcGetMsgBuffer, handle, [&](const auto& message, const Caller&) {
         return buffer != nullptr && length != nullptr && message->GetReceived(index, buffer, length)
                    ? kDone
                    : kInvalidArgument;
@@ -334,38 +249,40 @@ drvError_t drvHdcGetMsgBuffer(drvHdcMsg_t handle, int index, char** buffer, int*
 
 drvError_t halHdcSend(drvHdcSession_t handle, drvHdcMsg_t messageHandle, uint64_t flag,
                       uint32_t timeout) {
-    const auto session = Handles::Get().sessions.Find(handle);
-    return RunCall(Call::halHdcSend, About(session), [&]() -> int {
-        const auto message = Handles::Get().messages.Find(messageHandle);
-        if (session == nullptr || message == nullptr || message->session() != ValueOf(handle)) {
-            return kInvalidHandle;
-        }
-        if ((flag != HDC_FLAG_WAIT && flag != HDC_FLAG_NOWAIT) || timeout != 0 ||
-            message->outgoing().empty()) {
-            return kInvalidArgument;
-        }
-        return session->Send(message->outgoing(), flag);
-    });
+    return OnSession(Call::halHdcSend, handle,
+                     [&](const auto& session, const Caller& caller) -> int {
+                         const auto message = Handles::Get().messages.Use(messageHandle, caller);
+                         if (message == nullptr || message->session() != ValueOf(handle)) {
+                             return kInvalidHandle;
+                         }
+                         if ((flag != HDC_FLAG_WAIT && flag != HDC_FLAG_NOWAIT) || timeout != 0 ||
+                             !message->outgoing()) {
+                             return kInvalidArgument;
+                         }
+                         message->CheckOutgoing(ValueOf(messageHandle), caller);
+                         return session->Send(*message->outgoing(), flag);
+                     });
 }
 
 drvError_t halHdcRecv(drvHdcSession_t handle, drvHdcMsg_t messageHandle, int size, uint64_t flag,
                       int* bufferCount, uint32_t timeout) {
-    const auto session = Handles::Get().sessions.Find(handle);
-    return RunCall(Call::halHdcRecv, About(session), [&]() -> int {
-        const auto message = Handles::Get().messages.Find(messageHandle);
-        if (session == nullptr || message == nullptr || message->session() != ValueOf(handle)) {
-            return kInvalidHandle;
-        }
-        if (size < 0 || flag > HDC_FLAG_TIMEOUT || bufferCount == nullptr || !message->empty()) {
-            return kInvalidArgument;
-        }
-        const uint32_t largest = size == 0 ? UINT32_MAX : static_cast<uint32_t>(size);
-        const int result = session->Receive(message.get(), largest, flag, timeout);
-        if (result == kDone) {
-            *bufferCount = 1;
-        }
-        return result;
-    });
+    return OnSession(
+        Call::halHdcRecv, handle, [&](const auto& session, const Caller& caller) -> int {
+            const auto message = Handles::Get().messages.Use(messageHandle, caller);
+            if (message == nullptr || message->session() != ValueOf(handle)) {
+                return kInvalidHandle;
+            }
+            if (size < 0 || flag > HDC_FLAG_TIMEOUT || bufferCount == nullptr ||
+                !message->empty()) {
+                return kInvalidArgument;
+            }
+            const uint32_t largest = size == 0 ? UINT32_MAX : static_cast<uint32_t>(size);
+            const int result = session->Receive(message.get(), largest, flag, timeout);
+            if (result == kDone) {
+                *bufferCount = static_cast<int>(message->receivedCount());
+            }
+            return result;
+        });
 }
 
 // ---- Event wait --------------------------------------------------------------------------------
@@ -384,77 +301,72 @@ drvError_t drvHdcEpollCreate(int size, drvHdcEpoll_t* epoll) {
     });
 }
 
-drvError_t drvHdcEpollClose(drvHdcEpoll_t epoll) {
-    return RunCall(Call::drvHdcEpollClose, {}, [&]() -> int {
-        const auto wait = Handles::Get().epolls.Take(epoll);
-        if (wait == nullptr) {
-            return kInvalidHandle;
-        }
-        wait->Close();
-        return kDone;
-    });
+drvError_t drvHdcEpollClose(drvHdcEpoll_t handle) {
+    return Closing(Call::drvHdcEpollClose, Handles::Get().epolls, handle,
+                   [](const auto& wait, const Caller&) {
+                       wait->Close();
+                       return kDone;
+                   });
 }
 
 namespace {
 
-// The live server or session of a handle, null for none.
-std::shared_ptr<EventSource> FindSource(const void* target) {
-    if (auto server = Handles::Get().servers.Find(target)) {
-        return server;
+// The server or session of a handle, null for null.
+std::shared_ptr<EventSource> SourceOf(const void* target, const Caller& caller) {
+    if (IsOfKind(target, HandleKind::kServer)) {
+        return Handles::Get().servers.Use(target, caller);
     }
-    return Handles::Get().sessions.Find(target);
+    return Handles::Get().sessions.Use(target, caller);
 }
 
-int AddToWait(EventWait* wait, void* target, const drvHdcEvent* event) {
+bool IsOpen(const void* target) {
+    return Handles::Get().servers.Find(target) != nullptr ||
+           Handles::Get().sessions.Find(target) != nullptr;
+}
+
+int AddToWait(EventWait* wait, void* target, const std::shared_ptr<EventSource>& source,
+              const drvHdcEvent* event) {
     constexpr uint32_t kKnown = HDC_EPOLL_CONN_IN | HDC_EPOLL_DATA_IN | HDC_EPOLL_SESSION_CLOSE;
     if (event == nullptr || (event->events & ~kKnown) != 0) {
         return kInvalidArgument;
     }
-    const auto source = FindSource(target);
-    if (source == nullptr) {
-        return kInvalidHandle;
-    }
-    if (!wait->Add(ValueOf(target), source, *event)) {
-        return kInvalidArgument;
-    }
-    if (FindSource(target) == nullptr) {
-        // Closed meanwhile, perhaps before the close could know of this wait.
+    const int result = wait->Add(ValueOf(target), source, *event);
+    if (result == kDone && !IsOpen(target)) {  // a close may not have known of this wait
         static_cast<void>(wait->Remove(ValueOf(target)));
         return kInvalidHandle;
     }
-    return kDone;
+    return result;
 }
 
 }  // namespace
 
-drvError_t drvHdcEpollCtl(drvHdcEpoll_t epoll, int operation, void* target,
+drvError_t drvHdcEpollCtl(drvHdcEpoll_t handle, int operation, void* target,
                           const drvHdcEvent* event) {
-    return RunCall(Call::drvHdcEpollCtl, {}, [&]() -> int {
-        const auto wait = Handles::Get().epolls.Find(epoll);
-        if (wait == nullptr) {
-            return kInvalidHandle;
-        }
-        switch (operation) {
-            case HDC_EPOLL_CTL_ADD:
-                return AddToWait(wait.get(), target, event);
-            case HDC_EPOLL_CTL_DEL:
-                return wait->Remove(ValueOf(target)) ? kDone : kInvalidHandle;
-            default:
-                return kInvalidArgument;
-        }
-    });
+    return OnHandle(Call::drvHdcEpollCtl, Handles::Get().epolls, handle,
+                    [&](const auto& wait, const Caller& caller) -> int {
+                        const auto source = SourceOf(target, caller);
+                        if (source == nullptr) {
+                            return kInvalidHandle;
+                        }
+                        switch (operation) {
+                            case HDC_EPOLL_CTL_ADD:
+                                return AddToWait(wait.get(), target, source, event);
+                            case HDC_EPOLL_CTL_DEL:
+                                return wait->Remove(ValueOf(target)) ? kDone : kInvalidHandle;
+                            default:
+                                return kInvalidArgument;
+                        }
+                    });
 }
 
-drvError_t drvHdcEpollWait(drvHdcEpoll_t epoll, drvHdcEvent* events, int maxEvents, int timeout,
+drvError_t drvHdcEpollWait(drvHdcEpoll_t handle, drvHdcEvent* events, int maxEvents, int timeout,
                            int* eventCount) {
-    return RunCall(Call::drvHdcEpollWait, {}, [&]() -> int {
-        const auto wait = Handles::Get().epolls.Find(epoll);
-        if (wait == nullptr) {
-            return kInvalidHandle;
-        }
-        if (events == nullptr || maxEvents < 1 || timeout < -1 || eventCount == nullptr) {
-            return kInvalidArgument;
-        }
-        return wait->Wait(events, maxEvents, timeout, eventCount);
-    });
+    return OnHandle(
+        Call::drvHdcEpollWait, Handles::Get().epolls, handle,
+        [&](const auto& wait, const Caller&) -> int {
+            if (events == nullptr || maxEvents < 1 || timeout < -1 || eventCount == nullptr) {
+                return kInvalidArgument;
+            }
+            return wait->Wait(events, maxEvents, timeout, eventCount);
+        });
 }

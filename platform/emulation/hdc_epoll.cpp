@@ -35,12 +35,15 @@ EventWait::EventWait(int size)
 
 // ---- The set -----------------------------------------------------------------------------------
 
-bool EventWait::Add(HandleValue handle, const std::shared_ptr<EventSource>& source,
-                    const drvHdcEvent& event) {
+int EventWait::Add(HandleValue handle, const std::shared_ptr<EventSource>& source,
+                   const drvHdcEvent& event) {
+    if (!source->BeginShowing()) {
+        return DRV_ERROR_NOT_SUPPORT;
+    }
     const std::lock_guard<std::mutex> lock(mutex_);
     const auto [place, added] = entries_.insert({handle, Entry{source, event, source->eventFd()}});
     if (!added) {
-        return false;
+        return kInvalidArgument;
     }
     epoll_event request = {};
     request.events = EPOLLRDHUP;
@@ -50,10 +53,10 @@ bool EventWait::Add(HandleValue handle, const std::shared_ptr<EventSource>& sour
     request.data.u64 = handle;
     if (epoll_ctl(poll_.get(), EPOLL_CTL_ADD, source->eventFd(), &request) != 0) {
         entries_.erase(place);
-        return false;
+        return kSystemError;
     }
     source->AddWatcher(shared_from_this());
-    return true;
+    return kDone;
 }
 
 bool EventWait::Remove(HandleValue handle) {
@@ -95,29 +98,11 @@ void EventWait::Close() {
 
 // ---- The wait ----------------------------------------------------------------------------------
 
-std::vector<HandleValue> EventWait::PendingEntries() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    std::vector<HandleValue> pending;
-    for (const auto& [handle, entry] : entries_) {
-        const std::shared_ptr<EventSource> source = entry.source.lock();
-        if (source != nullptr && source->Pending() &&
-            (entry.event.events & source->inputBit()) != 0) {
-            pending.push_back(handle);
-        }
-    }
-    // Those that the descriptors show and those that they don't take turns in being first, so
-    // that a small array starves neither.
-    pendingFirst_ = !pendingFirst_;
-    return pending;
-}
-
 // Fills `noticed` with entries that may have something to tell, each once.
 int EventWait::Look(int room, int timeoutMs, std::vector<Noticed>* noticed) {
     noticed->clear();
-    const std::vector<HandleValue> pending = PendingEntries();
     epoll_event events[kEventsAtOnce];
-    const int count = epoll_wait(poll_.get(), events, std::min(room, kEventsAtOnce),
-                                 pending.empty() ? timeoutMs : 0);
+    const int count = epoll_wait(poll_.get(), events, std::min(room, kEventsAtOnce), timeoutMs);
     if (count < 0 && errno != EINTR) {
         return kSystemError;
     }
@@ -126,12 +111,6 @@ int EventWait::Look(int room, int timeoutMs, std::vector<Noticed>* noticed) {
             return kInvalidHandle;
         }
         noticed->push_back({events[i].data.u64, events[i].events});
-    }
-    for (const HandleValue handle : pending) {
-        const auto same = [handle](const Noticed& other) { return other.handle == handle; };
-        if (std::none_of(noticed->begin(), noticed->end(), same)) {
-            noticed->insert(pendingFirst_ ? noticed->begin() : noticed->end(), {handle, kNoticed});
-        }
     }
     return kDone;
 }

@@ -26,9 +26,9 @@ public:
     // False when the system gave no descriptors.
     [[nodiscard]] bool valid() const { return poll_.valid() && closed_.valid(); }
 
-    // False when it is in the set already.
-    [[nodiscard]] bool Add(HandleValue handle, const std::shared_ptr<EventSource>& source,
-                           const drvHdcEvent& event);
+    // DRV_ERROR_NOT_SUPPORT for a session that has received something.
+    [[nodiscard]] int Add(HandleValue handle, const std::shared_ptr<EventSource>& source,
+                          const drvHdcEvent& event);
     // False when it isn't in the set.
     [[nodiscard]] bool Remove(HandleValue handle);
     // Takes out a source that closes, wherever it is.
@@ -40,8 +40,6 @@ public:
     void Close();
 
 private:
-    static constexpr uint32_t kNoticed = 0;  // epoll bits of an entry that only Pending shows
-
     struct Entry {
         std::weak_ptr<EventSource> source;
         drvHdcEvent event;
@@ -52,7 +50,6 @@ private:
         uint32_t epollEvents;
     };
 
-    [[nodiscard]] std::vector<HandleValue> PendingEntries();
     [[nodiscard]] int Look(int room, int timeoutMs, std::vector<Noticed>* noticed);
     [[nodiscard]] bool Report(const Noticed& noticed, drvHdcEvent* event);
 
@@ -61,9 +58,7 @@ private:
     const UniqueFd closed_;  // an eventfd, readable after Close
 
     std::mutex mutex_;
-    // Guarded by mutex_.
-    std::map<HandleValue, Entry> entries_;
-    bool pendingFirst_ = false;
+    std::map<HandleValue, Entry> entries_;  // guarded by mutex_
 };
 
 }  // namespace orla::emulation

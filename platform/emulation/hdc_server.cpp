@@ -30,12 +30,13 @@ constexpr auto kNever = std::chrono::steady_clock::time_point::max();
 // ---- Making and stopping -----------------------------------------------------------------------
 
 std::shared_ptr<Server> Server::Create(uint32_t logicalDevice, int serviceType,
-                                       uint32_t maxSegment) {
+                                       std::shared_ptr<const Scenario> scenario) {
     Listener listener = Listen(static_cast<int>(logicalDevice), serviceType);
     if (!listener.fd.valid()) {
         return nullptr;
     }
-    std::shared_ptr<Server> server(new Server(logicalDevice, maxSegment, std::move(listener)));
+    std::shared_ptr<Server> server(
+        new Server(logicalDevice, std::move(scenario), std::move(listener)));
     return server->OpenPoll() ? server : nullptr;
 }
 
@@ -99,7 +100,8 @@ int Server::Accept(std::shared_ptr<Session>* session) {
 uint32_t Server::Collect(uint32_t) {
     const std::lock_guard<std::mutex> lock(mutex_);
     Pump();
-    return stopReason_ != 0 || !sessions_.empty() ? uint32_t{HDC_EPOLL_CONN_IN} : 0;
+    const bool toBlock = scenario_->liberties.acceptMayBlock && !greetings_.empty();
+    return stopReason_ != 0 || !sessions_.empty() || toBlock ? uint32_t{HDC_EPOLL_CONN_IN} : 0;
 }
 
 // The eventfd tells waiters in poll_ what only this process knows.
@@ -218,12 +220,12 @@ Server::HelloState Server::ReadHello(Greeting* greeting) {
 }
 
 void Server::MakeSession(Greeting greeting) {
-    SetBufferSizes(greeting.fd.get());
+    SetBufferSizes(greeting.fd.get(), scenario_->liberties.socketBuffer);
     const Hello& hello = greeting.hello;
     const uint32_t pid = hello.pid != 0 ? hello.pid : PeerPid(greeting.fd.get());
     const PeerFacts peer = {device_, hello.runEnvironment, hello.virtualFunction, pid};
     sessions_.push_back(
-        std::make_shared<Session>(std::move(greeting.fd), peer, maxSegment_, ClientPlace()));
+        std::make_shared<Session>(std::move(greeting.fd), peer, *scenario_, ClientPlace()));
 }
 
 void Server::DropOldest() {

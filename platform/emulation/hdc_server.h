@@ -13,6 +13,7 @@
 
 #include <hdc_driver.h>
 
+#include <atomic>
 #include <chrono>
 #include <deque>
 #include <map>
@@ -30,7 +31,7 @@ class Server : public EventSource {
 public:
     // Listens. On a failure null, with errno as Listen sets it.
     [[nodiscard]] static std::shared_ptr<Server> Create(uint32_t logicalDevice, int serviceType,
-                                                        uint32_t maxSegment);
+                                                        std::shared_ptr<const Scenario> scenario);
     ~Server() override { Stop(EBADF); }
 
     [[nodiscard]] uint32_t device() const { return device_; }
@@ -41,9 +42,15 @@ public:
     // Stops listening, drops what wasn't accepted, and makes every accept fail with `reason`.
     void Stop(int reason);
 
+    // True once, for a server that its scenario doesn't let go at the first request.
+    [[nodiscard]] bool IsBusyYet() {
+        return scenario_->liberties.destroyBusy && !busyTold_.exchange(true);
+    }
+
     [[nodiscard]] int eventFd() const override { return poll_.get(); }
     [[nodiscard]] uint32_t inputBit() const override { return HDC_EPOLL_CONN_IN; }
-    // CONN_IN when an accept will not block, which is also so once it can only fail.
+    // CONN_IN when an accept will not block, which is also so once it can only fail; where the
+    // scenario lets an accept block, at every connection.
     [[nodiscard]] uint32_t Collect(uint32_t epollEvents) override;
 
 private:
@@ -58,8 +65,8 @@ private:
     };
     enum class HelloState { kIncomplete, kComplete, kRefused };
 
-    Server(uint32_t device, uint32_t maxSegment, Listener listener)
-        : device_(device), maxSegment_(maxSegment), listener_(std::move(listener)) {}
+    Server(uint32_t device, std::shared_ptr<const Scenario> scenario, Listener listener)
+        : device_(device), scenario_(std::move(scenario)), listener_(std::move(listener)) {}
 
     [[nodiscard]] bool OpenPoll();
     [[nodiscard]] bool Poll(int operation, int fd, uint32_t events, Id id);
@@ -75,7 +82,8 @@ private:
     void ShowReady();
 
     const uint32_t device_;
-    const uint32_t maxSegment_;
+    const std::shared_ptr<const Scenario> scenario_;  // of the time of its creation
+    std::atomic<bool> busyTold_{false};
     // Constant after Create.
     UniqueFd poll_;
     UniqueFd ready_;  // an eventfd, readable while an accept will not block

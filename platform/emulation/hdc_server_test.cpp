@@ -84,7 +84,9 @@ TEST_F(HdcServerTest, DestroyAndLostDeviceWakeTheAccept) {
         for (std::thread& thread : threads) {
             thread.join();
         }
-        EXPECT_EQ(drvHdcServerDestroy(server), destroy ? 4 : 0);
+        if (!destroy) {
+            EXPECT_EQ(drvHdcServerDestroy(server), 0);
+        }
         EXPECT_FALSE(std::filesystem::exists(Path()));
     }
     server_ = nullptr;
@@ -153,6 +155,33 @@ TEST_F(HdcServerTest, DeviceThatIsNotReadyOrNotThere) {
     EXPECT_EQ(drvGetDevNum(&count), 0);
     EXPECT_EQ(count, 1U);
     Close(ends);
+}
+
+TEST_F(HdcServerTest, ADestroyMayAnswerThatTheServerIsBusy) {
+    ASSERT_EQ(control::LoadScenario(R"({"liberties": {"destroy_busy": true}})"), "");
+    Listen();
+    EXPECT_EQ(drvHdcServerDestroy(server_), DRV_ERROR_CLIENT_BUSY);
+    Close(MakeSession());  // it serves on
+    const control::LogCapture capture;
+    control::SetLogLevel(control::LogLevel::kDebug);
+    EXPECT_EQ(drvHdcServerDestroy(std::exchange(server_, nullptr)), 0);
+    const auto lines = control::CapturedLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().text,
+              "no server is left; clients 1 and 0 in a call, sessions 0 and 0 in a call, "
+              "messages 0 and 0 in a call, event waits 0 and 0 in a call");
+}
+
+TEST_F(HdcServerTest, DevicesGoAndComeBySchedule) {
+    Listen();
+    ASSERT_EQ(control::LoadScenario(R"({"devices": [{"logical": 0,
+        "flaps": {"up_ms": 1, "down_ms": 1, "count": 3}}]})"),
+              "");
+    drvHdcSession_t session = nullptr;
+    EXPECT_NE(drvHdcSessionAccept(server_, &session), 0);  // wakes when the device goes
+    EXPECT_EQ(errno, ENODEV);
+    EXPECT_EQ(drvHdcServerDestroy(server_), 0);
+    EXPECT_TRUE(Eventually([this] { return drvHdcServerCreate(0, kService, &server_) == 0; }));
 }
 
 TEST_F(HdcServerTest, ShortageOfDescriptorsPasses) {

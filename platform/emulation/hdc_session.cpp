@@ -1,6 +1,7 @@
 #include "hdc_session.h"
 
 #include <hdc_driver.h>
+#include <linux/sockios.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
@@ -8,8 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <exception>
-#include <thread>
 
 #include "results.h"
 
@@ -19,22 +18,15 @@ namespace {
 
 constexpr int kIncomplete = -1;  // of AssembleFrame: more bytes are needed
 
-// A lock for a call that may wait, or the attempt for one that may not.
-std::unique_lock<std::mutex> LockFor(std::mutex& mutex, bool wait) {
-    return wait ? std::unique_lock<std::mutex>(mutex)
-                : std::unique_lock<std::mutex>(mutex, std::try_to_lock);
-}
-
-void Skip(std::vector<iovec>* pieces, size_t* first, size_t count) {
-    while (count > 0) {
-        iovec& piece = (*pieces)[*first];
-        const size_t step = std::min(count, piece.iov_len);
-        piece.iov_base = static_cast<char*>(piece.iov_base) + step;
-        piece.iov_len -= step;
-        count -= step;
-        if (piece.iov_len == 0) {
-            ++*first;
-        }
+void Skip(iovec** pieces, size_t* count, size_t bytes) {
+    while (*count > 0 && bytes >= (*pieces)->iov_len) {
+        bytes -= (*pieces)->iov_len;
+        ++*pieces;
+        --*count;
+    }
+    if (bytes > 0) {
+        (*pieces)->iov_base = static_cast<char*>((*pieces)->iov_base) + bytes;
+        (*pieces)->iov_len -= bytes;
     }
 }
 
@@ -42,87 +34,53 @@ void Skip(std::vector<iovec>* pieces, size_t* first, size_t count) {
 
 // ---- Sending -----------------------------------------------------------------------------------
 
-// Sends until all is out, or until there is no room when `flags` has MSG_DONTWAIT. What is left
-// stays in `pieces`.
-int Session::SendPieces(std::vector<iovec>* pieces, int flags) {
-    size_t first = 0;
-    int result = kDone;
-    while (first < pieces->size()) {
+// A failure ends the session: the stream may have stopped in the middle of a frame. Once a part is
+// out, the rest is waited for.
+int Session::SendAll(iovec* pieces, size_t count, int flags) {
+    while (count > 0) {
         msghdr message = {};
-        message.msg_iov = pieces->data() + first;
-        message.msg_iovlen = pieces->size() - first;
+        message.msg_iov = pieces;
+        message.msg_iovlen = count;
         const ssize_t sent = sendmsg(fd_.get(), &message, flags | MSG_NOSIGNAL);
         if (sent >= 0) {
-            Skip(pieces, &first, static_cast<size_t>(sent));
+            Skip(&pieces, &count, static_cast<size_t>(sent));
+            flags = 0;
         } else if (errno == EAGAIN) {
-            result = DRV_ERROR_NON_BLOCK;
-            break;
+            return DRV_ERROR_NON_BLOCK;
         } else if (errno != EINTR) {
+            End();
             return DRV_ERROR_SOCKET_CLOSE;
         }
-    }
-    pieces->erase(pieces->begin(), pieces->begin() + static_cast<ptrdiff_t>(first));
-    return result;
-}
-
-int Session::FlushTail(int flags) {
-    if (tail_.empty()) {
-        return kDone;
-    }
-    std::vector<iovec> pieces = {{tail_.data(), tail_.size()}};
-    const int result = SendPieces(&pieces, flags);
-    const size_t left = pieces.empty() ? 0 : pieces[0].iov_len;
-    tail_.erase(tail_.begin(), tail_.end() - static_cast<ptrdiff_t>(left));
-    return result;
-}
-
-int Session::KeepTail(const std::vector<iovec>& pieces) {
-    try {
-        for (const iovec& piece : pieces) {
-            const char* data = static_cast<const char*>(piece.iov_base);
-            tail_.insert(tail_.end(), data, data + piece.iov_len);
-        }
-        std::thread([self = shared_from_this()] {
-            const std::lock_guard<std::mutex> lock(self->sendMutex_);
-            static_cast<void>(self->FlushTail(0));
-        }).detach();
-    } catch (const std::exception&) {
-        End();  // the peer must not wait for a rest that nobody sends
-        return DRV_ERROR_SOCKET_CLOSE;
     }
     return kDone;
 }
 
-int Session::Send(const std::vector<OutgoingBuffer>& buffers, uint64_t flag) {
-    const bool wait = flag == HDC_FLAG_WAIT;
-    const std::unique_lock<std::mutex> lock = LockFor(sendMutex_, wait);
+// The system accounts for more than the bytes: a head of some hundreds for every 32 KiB, and whole
+// pages.
+bool Session::HasRoomFor(size_t bytes) const {
+    int all = 0;
+    int taken = 0;
+    socklen_t size = sizeof(all);
+    if (getsockopt(fd_.get(), SOL_SOCKET, SO_SNDBUF, &all, &size) != 0 ||
+        ioctl(fd_.get(), SIOCOUTQ, &taken) != 0) {
+        return true;  // sending tells what is wrong
+    }
+    constexpr size_t kHead = 8192;
+    return taken + bytes + bytes / 4 + kHead <= static_cast<size_t>(all);
+}
+
+int Session::Send(const OutgoingBuffer& buffer, uint64_t flag) {
     if (ended_) {
         return DRV_ERROR_SOCKET_CLOSE;
     }
-    if (!lock.owns_lock()) {
+    FrameHeader header = {buffer.length()};
+    const bool wait = flag == HDC_FLAG_WAIT;
+    if (!wait && !HasRoomFor(sizeof(header) + buffer.length())) {
         return DRV_ERROR_NON_BLOCK;
     }
-    const int flags = wait ? 0 : MSG_DONTWAIT;
-    if (const int result = FlushTail(flags); result != kDone) {
-        return result;
-    }
-    headers_.resize(buffers.size());
-    pieces_.clear();
-    size_t total = 0;
-    for (size_t i = 0; i < buffers.size(); ++i) {
-        headers_[i].length = buffers[i].length;
-        pieces_.push_back({&headers_[i], sizeof(FrameHeader)});
-        pieces_.push_back({const_cast<char*>(buffers[i].data), buffers[i].length});
-        total += sizeof(FrameHeader) + buffers[i].length;
-    }
-    const int result = SendPieces(&pieces_, flags);
-    if (result != DRV_ERROR_NON_BLOCK) {
-        return result;
-    }
-    for (const iovec& piece : pieces_) {
-        total -= piece.iov_len;
-    }
-    return total == 0 ? result : KeepTail(pieces_);
+    iovec pieces[] = {{&header, sizeof(header)},
+                      {const_cast<char*>(buffer.data()), buffer.length()}};
+    return SendAll(pieces, std::size(pieces), wait ? 0 : MSG_DONTWAIT);
 }
 
 // ---- Receiving ---------------------------------------------------------------------------------
@@ -143,14 +101,13 @@ int Session::AssembleFrame(uint32_t largest) {
         frameLength_ = header.length;
     }
     if (frameLength_ > largest) {
-        frameAhead_ = true;
         return kTooLarge;
     }
     if (frame_.data == nullptr) {
-        frame_ = pool_->Take(frameLength_);
+        frame_ = pool_->Take(frameLength_ + Offset());
     }
     const size_t count = std::min<size_t>(aheadEnd_ - aheadBegin_, frameLength_ - frameHave_);
-    std::memcpy(&frame_.data[frameHave_], &ahead_[aheadBegin_], count);
+    std::memcpy(FrameEnd(), &ahead_[aheadBegin_], count);
     aheadBegin_ += count;
     frameHave_ += static_cast<uint32_t>(count);
     return frameHave_ == frameLength_ ? kDone : kIncomplete;
@@ -184,8 +141,8 @@ int Session::Fill(uint64_t flag, std::optional<Clock::time_point> deadline) {
     }
     const size_t header = frameLength_ == 0 ? sizeof(FrameHeader) - aheadEnd_ : 0;
     iovec pieces[2] = {
-        {frameLength_ == 0 ? nullptr : &frame_.data[frameHave_], frameLength_ - frameHave_},
-        {&ahead_[aheadEnd_], watched() ? header : kAhead - aheadEnd_},
+        {frameLength_ == 0 ? nullptr : FrameEnd(), frameLength_ - frameHave_},
+        {&ahead_[aheadEnd_], input_ == Input::kShown ? header : kAhead - aheadEnd_},
     };
     msghdr message = {};
     message.msg_iov = pieces;
@@ -208,26 +165,34 @@ bool Session::HoldsFrameAhead() const {
         return false;
     }
     std::memcpy(&header, &ahead_[aheadBegin_], sizeof(header));
-    // A length that lies is to be told as well.
-    return header.length == 0 || header.length > maxSegment_ ||
-           header.length <= have - sizeof(header);
+    return header.length != 0 && header.length <= have - sizeof(header);
+}
+
+// Gives the message the frame, and what else the scenario wants it to carry.
+void Session::HandOver(Message* message) {
+    if (style_ == ReceiveStyle::kEmpty) {
+        message->AddReceived({}, 0, 0);
+    }
+    message->AddReceived(std::exchange(frame_, {}), Offset(), frameLength_);
+    frameLength_ = frameHave_ = 0;
+    while (style_ == ReceiveStyle::kSeveral && message->receivedCount() < Message::kMaxReceived &&
+           HoldsFrameAhead() && AssembleFrame(UINT32_MAX) == kDone) {
+        message->AddReceived(std::exchange(frame_, {}), 0, frameLength_);
+        frameLength_ = frameHave_ = 0;
+    }
 }
 
 int Session::Receive(Message* message, uint32_t largest, uint64_t flag, uint32_t timeoutMs) {
-    const std::unique_lock<std::mutex> lock = LockFor(receiveMutex_, flag != HDC_FLAG_NOWAIT);
+    Input untouched = Input::kUntouched;
+    input_.compare_exchange_strong(untouched, Input::kReadAhead);
     std::optional<Clock::time_point> deadline;
     if (flag == HDC_FLAG_TIMEOUT) {
         deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     }
     while (!ended_) {
-        if (!lock.owns_lock()) {
-            return DRV_ERROR_NON_BLOCK;
-        }
         int result = AssembleFrame(largest);
         if (result == kDone) {
-            message->SetReceived(std::exchange(frame_, {}), frameLength_);
-            frameLength_ = frameHave_ = 0;
-            frameAhead_ = HoldsFrameAhead();
+            HandOver(message);
             return kDone;
         }
         if (result == kIncomplete) {
@@ -247,15 +212,72 @@ void Session::End() {
     shutdown(fd_.get(), SHUT_RDWR);
 }
 
+bool Session::BeginShowing() {
+    Input input = Input::kUntouched;
+    return input_.compare_exchange_strong(input, Input::kShown) || input == Input::kShown;
+}
+
 uint32_t Session::Collect(uint32_t epollEvents) {
     int waiting = 0;
-    const bool data = frameAhead_ || (ioctl(fd_.get(), FIONREAD, &waiting) == 0 && waiting > 0);
+    const bool data = ioctl(fd_.get(), FIONREAD, &waiting) == 0 && waiting > 0;
     const bool gone = (epollEvents & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0;
     uint32_t bits = data ? uint32_t{HDC_EPOLL_DATA_IN} : 0;
     if (gone) {
         bits |= HDC_EPOLL_SESSION_CLOSE;
     }
     return bits;
+}
+
+// ---- Calls -------------------------------------------------------------------------------------
+
+SessionVisit::SessionVisit(Session* session, HandleValue handle, Call call, const Caller& caller)
+    : session_(session), caller_(caller), role_(RoleOf(call)) {
+    if (session_ == nullptr) {
+        return;
+    }
+    ++session_->visits_;
+    if (role_ == nullptr) {
+        return;
+    }
+    if (const uint64_t other = role_->exchange(caller_.value())) {
+        Breach("two at once on a session", HandleText(handle), caller_.Text(),
+               Caller::Of(other).Text());
+    }
+    const uint64_t failed = session_->failedSender_;
+    if (call == Call::halHdcSend && failed != 0) {
+        Breach("a send after one that failed", HandleText(handle), caller_.Text(),
+               Caller::Of(failed).Text());
+    }
+}
+
+SessionVisit::~SessionVisit() {
+    if (role_ != nullptr) {
+        *role_ = 0;
+    }
+    if (session_ != nullptr) {
+        --session_->visits_;
+    }
+}
+
+std::atomic<uint64_t>* SessionVisit::RoleOf(Call call) const {
+    if (session_ == nullptr) {
+        return nullptr;
+    }
+    switch (call) {
+        case Call::halHdcSend:
+            return &session_->sender_;
+        case Call::halHdcRecv:
+            return &session_->receiver_;
+        default:
+            return nullptr;
+    }
+}
+
+void SessionVisit::SetResult(int result) {
+    if (session_ != nullptr && role_ == &session_->sender_ && result != kDone &&
+        result != DRV_ERROR_NON_BLOCK) {
+        session_->failedSender_ = caller_.value();
+    }
 }
 
 }  // namespace orla::emulation

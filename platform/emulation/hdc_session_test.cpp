@@ -168,81 +168,72 @@ TEST_F(HdcSessionTest, LyingFrameLengthEndsTheSession) {
     }
 }
 
-// Every operation refuses every handle that isn't a live one of its kind.
-TEST_F(HdcSessionTest, HandlesAreLookedUpNeverFollowed) {
-    const auto session = MakeSession();
-    drvHdcMsg_t message = nullptr;
-    ASSERT_EQ(drvHdcAllocMsg(session.first, &message, 1), 0);
-    std::string bytes = "x";
-    ASSERT_EQ(drvHdcAddMsgBuffer(message, bytes.data(), 1), 0);
-    EXPECT_NE(halHdcSend(session.second, message, HDC_FLAG_WAIT, 0), 0);  // of the other session
-    Close(session);
-
-    const auto other = MakeSession();  // takes the places of those that were closed
-    int number = 0;
-    char* buffer = nullptr;
-    // NOLINTBEGIN(performance-no-int-to-ptr): what hostile callers do
-    std::vector<void*> strange = {session.first, message,
-                                  client_,       server_,
-                                  nullptr,       reinterpret_cast<void*>(-1),
-                                  &number,       reinterpret_cast<void*>(0x123456789ABCULL)};
-    // NOLINTEND(performance-no-int-to-ptr)
-    for (void* handle : strange) {
-        EXPECT_NE(drvHdcSessionClose(handle), 0);
-        EXPECT_NE(drvHdcSetSessionReference(handle), 0);
-        EXPECT_NE(halHdcGetSessionAttr(handle, HDC_SESSION_ATTR_DEV_ID, &number), 0);
-        EXPECT_NE(halHdcSend(handle, message, HDC_FLAG_WAIT, 0), 0);
-        EXPECT_NE(halHdcRecv(handle, message, 0, HDC_FLAG_WAIT, &number, 0), 0);
-        EXPECT_NE(drvHdcAllocMsg(handle, &message, 1), 0);
-        if (handle != message) {
-            EXPECT_NE(drvHdcFreeMsg(handle), 0);
-            EXPECT_NE(drvHdcReuseMsg(handle), 0);
-            EXPECT_NE(drvHdcAddMsgBuffer(handle, bytes.data(), 1), 0);
-            EXPECT_NE(drvHdcGetMsgBuffer(handle, 0, &buffer, &number), 0);
+// What the contract leaves to the driver, and a scenario turns on.
+TEST_F(HdcSessionTest, LibertiesOfAReceive) {
+    const auto received = [](drvHdcSession_t session) {
+        drvHdcMsg_t message = nullptr;
+        EXPECT_EQ(drvHdcAllocMsg(session, &message, 1), 0);
+        int count = 0;
+        EXPECT_EQ(halHdcRecv(session, message, 0, HDC_FLAG_WAIT, &count, 0), 0);
+        std::vector<std::string> all;
+        for (int i = 0; i < count; ++i) {
+            char* buffer = nullptr;
+            int length = -1;
+            EXPECT_EQ(drvHdcGetMsgBuffer(message, i, &buffer, &length), 0);
+            const bool odd = reinterpret_cast<uintptr_t>(buffer) % 2 != 0;
+            all.push_back((odd ? "odd " : "") + std::string(buffer, static_cast<size_t>(length)));
         }
-        if (handle != server_) {
-            EXPECT_NE(drvHdcServerDestroy(handle), 0);
-            EXPECT_NE(drvHdcSessionAccept(handle, &handle), 0);
+        EXPECT_EQ(drvHdcFreeMsg(message), 0);
+        return all;
+    };
+    const std::pair<const char*, std::vector<std::string>> cases[] = {
+        {"plain", {"a"}},
+        {"unaligned", {"odd a"}},
+        {"several", {"a", "b", "c", "d"}},
+        {"empty", {"", "a"}},
+    };
+    ASSERT_EQ(drvHdcServerDestroy(std::exchange(server_, nullptr)), 0);
+    for (const auto& [style, wanted] : cases) {
+        ASSERT_EQ(
+            control::LoadScenario(std::string(R"({"liberties": {"receive": ")") + style + R"("}})"),
+            "");
+        Listen();
+        const auto session = MakeSession();
+        for (const char* bytes : {"a", "b", "c", "d", "e"}) {
+            ASSERT_EQ(Send(session.first, bytes), 0);
         }
-        if (handle != client_) {
-            EXPECT_NE(drvHdcClientDestroy(handle), 0);
-            EXPECT_NE(drvHdcSessionConnect(0, 0, handle, &handle), 0);
-        }
+        EXPECT_EQ(received(session.second), wanted) << style;
+        Close(session);
+        EXPECT_EQ(drvHdcServerDestroy(std::exchange(server_, nullptr)), 0);
     }
-    EXPECT_EQ(Send(other.first, "untouched"), 0);
-    EXPECT_EQ(Receive(other.second), (Received{0, "untouched"}));
-    Close(other);
-    // The message has outlived its session, and is freed once.
-    EXPECT_NE(drvHdcGetMsgBuffer(message, 0, &buffer, &number), 0);
-    EXPECT_EQ(drvHdcFreeMsg(message), 0);
-    EXPECT_NE(drvHdcFreeMsg(message), 0);
 }
 
-TEST_F(HdcSessionTest, CloseRacesWithEverythingElse) {
-    for (int round = 0; round < 100; ++round) {
-        const auto session = MakeSession();
-        std::atomic<int> closed{0};
-        std::vector<std::thread> threads;
-        threads.emplace_back([&] {
-            while (Send(session.first, "abc", HDC_FLAG_NOWAIT) != DRV_ERROR_SOCKET_CLOSE) {
-                if (closed > 0) {
-                    break;  // the handle itself is refused by now
-                }
-            }
-        });
-        threads.emplace_back([&] {
-            while (Receive(session.second).result == 0) {
-            }
-        });
-        for (int i = 0; i < 2; ++i) {
-            threads.emplace_back([&] { closed += drvHdcSessionClose(session.first) == 0; });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-        EXPECT_EQ(closed, 1);
-        EXPECT_EQ(drvHdcSessionClose(session.second), 0);
-    }
+TEST_F(HdcSessionTest, ACloseMayWaitForTheCallsInside) {
+    ASSERT_EQ(control::LoadScenario(R"({"liberties": {"close_waits": true}})"), "");
+    const auto session = MakeSession();
+    std::atomic<bool> left{false};
+    // It leaves the driver only after the fault's time, whatever the close does.
+    control::InjectFault({"halHdcGetSessionAttr", {}, {}, {}, 0, 1, 100});
+    std::thread inside([&] {
+        int value = 0;
+        EXPECT_EQ(halHdcGetSessionAttr(session.first, HDC_SESSION_ATTR_VFID, &value), 0);
+        left = true;
+    });
+    EXPECT_TRUE(Eventually([] { return control::CallCount("halHdcGetSessionAttr") == 1; }));
+    Close(session);
+    inside.join();
+}
+
+TEST_F(HdcSessionTest, ASmallSocketTakesNothingUntilThePeerReceives) {
+    ASSERT_EQ(drvHdcServerDestroy(std::exchange(server_, nullptr)), 0);
+    ASSERT_EQ(control::LoadScenario(R"({"liberties": {"socket_buffer": 4608}})"), "");
+    Listen();
+    const auto session = MakeSession();
+    EXPECT_EQ(Send(session.first, std::string(20000, 'x'), HDC_FLAG_NOWAIT), DRV_ERROR_NON_BLOCK);
+    std::thread sender([&] { EXPECT_EQ(Send(session.first, Pattern(kMaxSegment, 1)), 0); });
+    EXPECT_TRUE(Receive(session.second) == (Received{0, Pattern(kMaxSegment, 1)}));
+    sender.join();
+    Close(session);
 }
 
 }  // namespace

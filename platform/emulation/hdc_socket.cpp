@@ -14,7 +14,6 @@ namespace orla::emulation {
 
 namespace {
 
-constexpr int kBufferSize = 1 << 20;
 constexpr int kBacklog = 1024;
 constexpr timeval kConnectTimeout = {5, 0};
 constexpr mode_t kDirectoryMode = 0700;
@@ -133,7 +132,6 @@ UniqueFd Connect(const std::string& path) {
     if (!fd.valid()) {
         return fd;
     }
-    SetBufferSizes(fd.get());
     // A send timeout is what bounds a Unix socket's wait for room in the listener's queue.
     setsockopt(fd.get(), SOL_SOCKET, SO_SNDTIMEO, &kConnectTimeout, sizeof(kConnectTimeout));
     int result = 0;
@@ -148,11 +146,12 @@ UniqueFd Connect(const std::string& path) {
     return fd;
 }
 
-void SetBufferSizes(int fd) {
+void SetBufferSizes(int fd, uint32_t bytes) {
+    const auto size = static_cast<int>(bytes);
     for (const auto& [forced, ordinary] :
          {std::pair{SO_SNDBUFFORCE, SO_SNDBUF}, std::pair{SO_RCVBUFFORCE, SO_RCVBUF}}) {
-        if (setsockopt(fd, SOL_SOCKET, forced, &kBufferSize, sizeof(kBufferSize)) != 0) {
-            setsockopt(fd, SOL_SOCKET, ordinary, &kBufferSize, sizeof(kBufferSize));
+        if (setsockopt(fd, SOL_SOCKET, forced, &size, sizeof(size)) != 0) {
+            setsockopt(fd, SOL_SOCKET, ordinary, &size, sizeof(size));
         }
     }
 }

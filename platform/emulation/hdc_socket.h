@@ -58,8 +58,8 @@ void RemoveSocketFile(const Listener& listener);
 // no connection for 5 s.
 [[nodiscard]] UniqueFd Connect(const std::string& path);
 
-// Asks for buffers of 1 MiB, which the system may cut down for an ordinary user.
-void SetBufferSizes(int fd);
+// Asks for buffers of so many bytes, which the system may cut down for an ordinary user.
+void SetBufferSizes(int fd, uint32_t bytes);
 // Process id of the other end, 0 when it isn't visible from here.
 [[nodiscard]] uint32_t PeerPid(int fd);
 

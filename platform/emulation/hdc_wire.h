@@ -22,7 +22,7 @@ constexpr uint32_t kHelloVersion = 1;
 struct Hello {
     char magic[4];
     uint32_t version;
-    uint32_t runEnvironment;  // 1 physical, 2 container, 3 virtual
+    uint32_t runEnvironment;  // 1 physical, 2 container, 3 virtual, 4 container in it
     uint32_t virtualFunction;
     uint32_t pid;       // 0: the process that the socket's peer credentials name
     uint32_t reserved;  // 0

@@ -6,14 +6,15 @@
 #include <cstring>
 #include <utility>
 
+#include "breach.h"
 #include "driver_state.h"
 #include "prof_channels.h"
+#include "start_records.h"
 
 using namespace orla::emulation;
 
 namespace {
 
-constexpr uint32_t kMaxConfigSize = 64 << 10;
 constexpr FrameResults kProfFailures = {PROF_ERROR, PROF_ERROR, PROF_ERROR};
 
 template <typename Body>
@@ -44,18 +45,16 @@ void FillList(const SimulatedDevice& device, ProfChannelList* list) {
     }
 }
 
-bool IsWellFormed(const ProfStartPara* para) {
-    return para != nullptr && para->channelType <= PROF_START_PERIPHERAL &&
-           (para->userData == nullptr) == (para->userDataSize == 0) &&
-           para->userDataSize <= kMaxConfigSize;
-}
-
 int Start(uint32_t device, uint32_t channel, const ProfStartPara* para) {
     const auto scenario = DriverState::Get().scenario();
     const SimulatedDevice* found = FindUp(*scenario, device);
     const SimulatedChannel* config = found == nullptr ? nullptr : found->FindChannel(channel);
-    if (config == nullptr || !IsWellFormed(para)) {
+    if (config == nullptr || para == nullptr) {
         return PROF_ERROR;
+    }
+    if (const char* problem = StartRecordProblem(config->name, *para)) {
+        Breach(problem, "device " + std::to_string(device) + ", channel " + std::to_string(channel),
+               Caller(Call::prof_drv_start).Text());
     }
     const int result = ProfChannels::Get().Start(device, *config);
     if (DriverState::Get().StateOf(device) != DeviceState::kUp) {  // it went meanwhile
@@ -72,7 +71,7 @@ void Keep(uint32_t device, uint32_t channel, const ProfStartPara* para, int resu
     try {
         orla::control::ProfStart start = {device, channel, *para, {}, result};
         start.para.userData = nullptr;
-        if (IsWellFormed(para) && para->userDataSize != 0) {
+        if (para->userData != nullptr) {
             start.config.assign(static_cast<const char*>(para->userData), para->userDataSize);
         }
         ProfChannels::Get().KeepStart(std::move(start));
@@ -125,7 +124,8 @@ int prof_channel_poll(ProfPollInfo* events, int num, int timeout) {
     return RunProfCall(Call::prof_channel_poll, {}, [&]() -> int {
         return events == nullptr || num < 1 || timeout < 0
                    ? PROF_ERROR
-                   : ProfChannels::Get().Poll(events, num, timeout);
+                   : ProfChannels::Get().Poll(events, num, timeout,
+                                              DriverState::Get().scenario()->liberties.idlePoll);
     });
 }
 

@@ -166,6 +166,16 @@ TEST_F(ProfChannelsTest, SideBufferIsMovedByFlushOrWhenFull) {
     EXPECT_EQ(full.Read(0, 46, 1 << 20) % 320, 0);
 }
 
+TEST_F(ProfChannelsTest, AnIdlePollMayAnswerAtOnce) {
+    for (const int answer : {0, int{PROF_STOPPED_ALREADY}}) {
+        ASSERT_EQ(control::LoadScenario(R"({"liberties": {"idle_poll": )" + std::to_string(answer) +
+                                        "}}"),
+                  "");
+        ProfPollInfo event = {};
+        EXPECT_EQ(prof_channel_poll(&event, 1, 1 << 20), answer);  // far too long to be waited for
+    }
+}
+
 TEST_F(ProfChannelsTest, PollTellsEveryChannelInTurnAndEndsWithAStop) {
     std::string channels;
     for (int id = 1; id <= 20; ++id) {

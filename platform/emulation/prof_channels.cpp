@@ -120,8 +120,11 @@ uint64_t ProfChannels::NextDue(uint64_t now) {
     return next;
 }
 
-int ProfChannels::Poll(ProfPollInfo* events, int num, int timeout) {
+int ProfChannels::Poll(ProfPollInfo* events, int num, int timeout, std::optional<int> idle) {
     std::unique_lock<std::mutex> lock(mutex_);
+    if (idle && started_ == 0) {
+        return *idle;
+    }
     const uint64_t stopsBefore = stops_;
     const uint64_t deadline =
         Now() + static_cast<uint64_t>(std::chrono::nanoseconds(kPollUnit).count()) *

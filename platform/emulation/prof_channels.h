@@ -30,7 +30,8 @@ public:
     [[nodiscard]] int Start(uint32_t device, const SimulatedChannel& config);
     [[nodiscard]] int Stop(const Key& key);
     [[nodiscard]] int Read(const Key& key, char* buffer, uint32_t size);
-    [[nodiscard]] int Poll(ProfPollInfo* events, int num, int timeout);
+    // `idle`: the answer while no channel is started; none waits.
+    [[nodiscard]] int Poll(ProfPollInfo* events, int num, int timeout, std::optional<int> idle);
     [[nodiscard]] int Flush(const Key& key, uint32_t* size);
 
     // Stops all channels of a device that goes away; their data is gone.

@@ -1,10 +1,12 @@
 #include "scenario.h"
 
 #include <device_driver.h>
+#include <prof_driver.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
@@ -26,6 +28,8 @@ constexpr size_t kMaxChannelName = 32;
 constexpr uint64_t kDefaultRate = 64 << 10;
 constexpr uint64_t kMaxChannelBuffer = 1 << 30;
 constexpr uint32_t kMaxDelayMs = 3600 * 1000;
+constexpr uint32_t kMaxFlaps = 1000000;
+constexpr uint32_t kSmallestSocketBuffer = 4608;  // the system gives no less
 
 // One object of the file, member by member. A member that nobody took is an error: a misspelt
 // key must not silently mean its default. Everything here throws std::runtime_error with the
@@ -112,6 +116,16 @@ public:
         return true;
     }
 
+    // Calls `read(reader)` for the object of that name, if there is one.
+    template <typename Read>
+    void Object(const char* key, Read&& read) {
+        if (const Json* value = Find(key)) {
+            ObjectReader reader(*value, place_ + "." + key);
+            read(reader);
+            reader.Finish();
+        }
+    }
+
     void Finish() const {
         for (const auto& member : value_.items()) {
             if (taken_.count(member.key()) == 0) {
@@ -146,17 +160,56 @@ std::map<SimulatedDevice::InfoKey, InfoAnswer> DefaultInfo() {
     };
 }
 
-DeviceState ReadState(ObjectReader& reader) {
-    static const std::map<std::string, DeviceState> names = {
-        {"up", DeviceState::kUp},
-        {"not_ready", DeviceState::kNotReady},
-        {"down", DeviceState::kDown},
-    };
-    const auto found = names.find(reader.Text("state").value_or("up"));
-    if (found == names.end()) {
-        reader.Fail("state must be \"up\", \"not_ready\" or \"down\"");
+// One of the words that a member may have; the first when there is no such member.
+template <typename Value>
+Value ReadWord(ObjectReader& reader, const char* key,
+               std::initializer_list<std::pair<const char*, Value>> words) {
+    const std::string text = reader.Text(key).value_or(words.begin()->first);
+    std::string known;
+    for (const auto& [word, value] : words) {
+        if (text == word) {
+            return value;
+        }
+        known += std::string(known.empty() ? "" : ", ") + '"' + word + '"';
     }
-    return found->second;
+    reader.Fail(std::string(key) + " must be one of " + known);
+}
+
+DeviceState ReadState(ObjectReader& reader) {
+    return ReadWord<DeviceState>(reader, "state",
+                                 {{"up", DeviceState::kUp}, {"down", DeviceState::kDown}});
+}
+
+Flaps ReadFlaps(ObjectReader& reader) {
+    Flaps flaps;
+    reader.Object("flaps", [&](ObjectReader& member) {
+        const auto number = [&](const char* key, uint32_t most) {
+            return member.Required(key, member.Integer<uint32_t>(key, 1, most));
+        };
+        flaps = {number("up_ms", kMaxDelayMs), number("down_ms", kMaxDelayMs),
+                 number("count", kMaxFlaps)};
+    });
+    return flaps;
+}
+
+Liberties ReadLiberties(ObjectReader& reader) {
+    Liberties liberties;
+    liberties.acceptMayBlock = reader.Switch("accept_may_block");
+    liberties.idlePoll = reader.Integer<int>("idle_poll", PROF_STOPPED_ALREADY, 0);
+    if (liberties.idlePoll.value_or(0) != 0 && liberties.idlePoll != PROF_STOPPED_ALREADY) {
+        reader.Fail("idle_poll must be -4 or 0");
+    }
+    liberties.closeWaits = reader.Switch("close_waits");
+    liberties.socketBuffer =
+        reader.Integer<uint32_t>("socket_buffer", kSmallestSocketBuffer, kLargestSegment)
+            .value_or(liberties.socketBuffer);
+    liberties.destroyBusy = reader.Switch("destroy_busy");
+    liberties.receive = ReadWord<ReceiveStyle>(reader, "receive",
+                                               {{"plain", ReceiveStyle::kPlain},
+                                                {"unaligned", ReceiveStyle::kUnaligned},
+                                                {"several", ReceiveStyle::kSeveral},
+                                                {"empty", ReceiveStyle::kEmpty}});
+    return liberties;
 }
 
 void ReadInfo(ObjectReader& reader, std::map<SimulatedDevice::InfoKey, InfoAnswer>* info) {
@@ -235,6 +288,7 @@ void AddDevice(ObjectReader& reader, Scenario* scenario) {
         }
     }
     device.state = ReadState(reader);
+    device.flaps = ReadFlaps(reader);
     device.info = DefaultInfo();
     ReadInfo(reader, &device.info);
     if (!reader.Objects("channels", [&](ObjectReader& channel) { AddChannel(channel, &device); })) {
@@ -273,6 +327,8 @@ Scenario ReadScenario(const Json& json) {
         ObjectReader device(builtIn, "built-in device");
         addDevice(device);
     }
+    reader.Object("liberties",
+                  [&](ObjectReader& member) { scenario.liberties = ReadLiberties(member); });
     reader.Objects("faults", [&](ObjectReader& fault) { AddFault(fault, &scenario); });
     reader.Finish();
     return scenario;

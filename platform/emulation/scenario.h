@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -50,12 +51,20 @@ struct SimulatedChannel {
     }
 };
 
+// A device that goes and comes: it is up for `upMs`, then down for `downMs`, `count` times.
+struct Flaps {
+    uint32_t upMs = 0;
+    uint32_t downMs = 0;
+    uint32_t count = 0;
+};
+
 struct SimulatedDevice {
     using InfoKey = std::pair<int32_t, int32_t>;  // module, what is asked
 
     uint32_t logicalId = 0;
     uint32_t physicalId = 0;
     DeviceState state = DeviceState::kUp;
+    Flaps flaps;
     // Every constant answer: chip type and version and both frequencies are here as well. What
     // is not here (and does not run, as a counter does) is not supported.
     std::map<InfoKey, InfoAnswer> info;
@@ -65,12 +74,31 @@ struct SimulatedDevice {
     [[nodiscard]] const SimulatedChannel* FindChannel(uint32_t id) const;
 };
 
+// What one receive hands out.
+enum class ReceiveStyle {
+    kPlain,      // one buffer, aligned
+    kUnaligned,  // one that begins at an odd address
+    kSeveral,    // all that have come, at most 4
+    kEmpty,      // an empty one in front
+};
+
+// What a driver may do, and this one does only when its scenario says so.
+struct Liberties {
+    bool acceptMayBlock = false;  // CONN_IN at the connection, whatever becomes of it
+    std::optional<int> idlePoll;  // the answer of a poll while no channel is started
+    bool closeWaits = false;      // for the calls that are inside the session
+    uint32_t socketBuffer = 1 << 20;
+    bool destroyBusy = false;  // each server's first destroy answers DRV_ERROR_CLIENT_BUSY
+    ReceiveStyle receive = ReceiveStyle::kPlain;
+};
+
 struct Scenario {
     uint32_t maxSegment = 524288;
     uint32_t platformInfo = 0;             // answer of drvGetPlatformInfo
     int32_t apiVersion = 465157;           // answer of halGetAPIVersion
     std::vector<SimulatedDevice> devices;  // logical and physical ids are unique
     std::vector<Fault> faults;             // each names an operation of the driver
+    Liberties liberties;
 
     [[nodiscard]] const SimulatedDevice* FindDevice(uint32_t logicalId) const;
 };

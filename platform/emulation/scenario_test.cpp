@@ -35,9 +35,10 @@ protected:
 TEST_F(ScenarioTest, DeviceNumbers) {
     EXPECT_EQ(Ids(), std::vector<uint32_t>{0});  // the built-in scenario
     ASSERT_EQ(control::LoadScenario(R"({"devices": [
-        {"logical": 3, "physical": 7}, {"logical": 1, "state": "not_ready"},
+        {"logical": 3, "physical": 7}, {"logical": 1},
         {"logical": 2, "state": "down"}]})"),
               "");
+    ASSERT_TRUE(control::SetDeviceState(1, control::DeviceState::kNotReady));
     EXPECT_EQ(Ids(), (std::vector<uint32_t>{3, 1}));
     uint32_t physical = 99;
     EXPECT_NE(drvDeviceGetPhyIdByIndex(2, &physical), 0);  // down
@@ -66,6 +67,10 @@ TEST_F(ScenarioTest, WhatIsWrongIsToldAndChangesNothing) {
         {R"({"devices": [{"logical": 0}, {"logical": 0, "physical": 1}]})", "devices[1]: a second"},
         {R"({"devices": [{"logical": 0}, {"logical": 1, "physical": 0}]})", "devices[1]: a second"},
         {R"({"devices": [{"logical": 0, "state": "asleep"}]})", "state must be"},
+        {R"({"devices": [{"logical": 0, "flaps": {"up_ms": 1, "count": 1}}]})",
+         "down_ms is missing"},
+        {R"({"liberties": {"idle_poll": -1}})", "idle_poll must be -4 or 0"},
+        {R"({"liberties": {"receive": "odd"}})", "receive must be one of \"plain\", "},
         {R"({"devices": [{"logical": 0, "info": [{"module": 0, "info": 1}]}]})", "either value"},
         {R"({"devices": [{"logical": 0, "channels": [{"id": 161}]}]})", "from 1 to 160"},
         {R"({"devices": [{"logical": 0, "channels": [{"id": 1}, {"id": 1}]}]})",

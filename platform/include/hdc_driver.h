@@ -8,9 +8,21 @@
  *
  * Every operation returns 0 (DRV_ERROR_NONE) or a positive code; those that callers tell
  * apart are named below, any other is a failure without a special meaning. On a failure
- * out-parameters are unchanged. Operations on different handles may run on any threads at
- * once. One session may be sent on by one thread, received on by another and closed by a
- * third at the same time.
+ * out-parameters are unchanged.
+ *
+ * What callers keep to; nothing says what a driver does when they don't:
+ *
+ * - Operations on different handles may run on any threads at once. One session may be sent on
+ *   by one thread, received on by another and closed by a third at the same time; two sends, or
+ *   two receives, never overlap. The other operations on a session, such as the allocation of a
+ *   message, may run on any threads beside these and beside each other. A message is used by one
+ *   thread at a time.
+ * - No call begins on a handle whose close has begun, on whatever thread; not even another
+ *   close. Calls that are under way may be inside when it begins: a close wakes those that block,
+ *   and may wait until all have left, so no lock that they need is held around it. A close or
+ *   destroy that fails leaves the handle valid.
+ * - After a send that failed with anything but DRV_ERROR_NON_BLOCK nothing more is sent on the
+ *   session.
  */
 #ifndef ORLA_PLATFORM_HDC_DRIVER_H
 #define ORLA_PLATFORM_HDC_DRIVER_H
@@ -53,7 +65,8 @@ typedef struct {
 /* What halHdcGetSessionAttr can be asked. */
 enum {
     HDC_SESSION_ATTR_DEV_ID = 0,   /* logical device id of the server */
-    HDC_SESSION_ATTR_RUN_ENV = 2,  /* where the peer runs: 1 physical, 2 container, 3 virtual */
+    HDC_SESSION_ATTR_RUN_ENV = 2,  /* where the peer runs: 1 physical machine, 2 container in it,
+                                      3 virtual machine, 4 container in a virtual machine */
     HDC_SESSION_ATTR_VFID = 3,     /* virtual function id, 0 for none */
     HDC_SESSION_ATTR_PEER_PID = 5, /* process id of the peer on its own side */
 };
@@ -73,7 +86,8 @@ drvError_t drvHdcClientDestroy(drvHdcClient_t client);
 /* Starts to listen. DRV_ERROR_DEVICE_NOT_READY while the device's channel is down. */
 drvError_t drvHdcServerCreate(int logicalDevice, int serviceType, drvHdcServer_t* server);
 /* Stops listening and makes a blocked accept on this server fail. Accepted sessions live on.
- * DRV_ERROR_CLIENT_BUSY while it can't be released yet; the handle then stays valid. */
+ * DRV_ERROR_CLIENT_BUSY while it can't be released yet; the handle then stays valid. Otherwise
+ * the server leaves event waits by itself, and nothing is asked of them about it later. */
 drvError_t drvHdcServerDestroy(drvHdcServer_t server);
 /* Blocks until a peer is connected. On a failure errno tells the system's reason (EINTR: a
  * signal came; try again), or is unchanged. */
@@ -90,29 +104,32 @@ drvError_t halHdcSessionConnectEx(int peerNode, int peerDevice, int hostPid, drv
 /* Binds the session to the calling process, so that it ends with it. */
 drvError_t drvHdcSetSessionReference(drvHdcSession_t session);
 /* Ends the session on both sides. Sends and receives that are blocked on it return
- * DRV_ERROR_SOCKET_CLOSE, on any thread. The handle is invalid from the call on; using it
- * again is refused with a failure. */
+ * DRV_ERROR_SOCKET_CLOSE, on any thread. The handle is invalid from the beginning of the call on,
+ * for all calls that have not begun before. */
 drvError_t drvHdcSessionClose(drvHdcSession_t session);
 drvError_t halHdcGetSessionAttr(drvHdcSession_t session, int attribute, int* value);
 drvError_t drvHdcGetCapacity(drvHdcCapacity* capacity);
 
 /* ---- Messages: the carriers of buffers ---------------------------------------------- */
 
-/* `count`: buffers that the message can carry; this system uses 1. */
+/* `count`: buffers that the message can carry out; this system uses 1. */
 drvError_t drvHdcAllocMsg(drvHdcSession_t session, drvHdcMsg_t* message, int count);
+/* Also ends the message's hold on a buffer that it carries, sent or not. */
 drvError_t drvHdcFreeMsg(drvHdcMsg_t message);
-/* Empties the message for its next use. */
+/* Empties the message for its next use. Buffers that it has received are gone. */
 drvError_t drvHdcReuseMsg(drvHdcMsg_t message);
-/* Refers to `buffer` until the message is sent and reused or freed; the buffer stays the
- * caller's and must live that long. 1..maximum segment bytes. */
+/* Refers to `buffer` until the message is reused or freed, whatever becomes of its send; the buffer
+ * stays the caller's and must live that long, unchanged. 1..maximum segment bytes. */
 drvError_t drvHdcAddMsgBuffer(drvHdcMsg_t message, char* buffer, int length);
-/* The index-th received buffer; it belongs to the message, until its reuse or free. */
+/* The index-th received buffer; it belongs to the message, until its reuse or free. It may begin at
+ * any address and be empty; `*buffer` may then be null. */
 drvError_t drvHdcGetMsgBuffer(drvHdcMsg_t message, int index, char** buffer, int* length);
-/* Sends the message's buffers. A failure may come after part of a buffer went out; the
- * session is then of no further use. `timeout`: 0. */
+/* Sends the message's buffers. A failure may come after part of a buffer went out: the session is
+ * then of use for closing only. DRV_ERROR_NON_BLOCK means that nothing went out. `timeout`: 0. */
 drvError_t halHdcSend(drvHdcSession_t session, drvHdcMsg_t message, uint64_t flag,
                       uint32_t timeout);
-/* Receives into an empty message; `bufferCount` gets the number of buffers, at least 1.
+/* Receives into a message, which must be empty; `bufferCount` gets the number of buffers, at least
+ * 1. A receive that fails leaves the message empty.
  * `size`: 0 for the driver's own limit, else the largest buffer taken, in bytes.
  * `timeout` in milliseconds counts with HDC_FLAG_TIMEOUT; when it runs out the result is
  * DRV_ERROR_WAIT_TIMEOUT. A peer that has gone gives DRV_ERROR_SOCKET_CLOSE, after all that
@@ -129,7 +146,7 @@ enum {
 
 /* Bits of drvHdcEvent.events. */
 enum {
-    HDC_EPOLL_CONN_IN = 1,       /* a peer wants to connect: accept will not block */
+    HDC_EPOLL_CONN_IN = 1,       /* a peer wants to connect; the accept blocks if it has left */
     HDC_EPOLL_DATA_IN = 2,       /* data can be received */
     HDC_EPOLL_SESSION_CLOSE = 8, /* the peer has gone */
 };
@@ -143,7 +160,9 @@ typedef struct {
 /* `size`: events that one wait hands out at most. */
 drvError_t drvHdcEpollCreate(int size, drvHdcEpoll_t* epoll);
 drvError_t drvHdcEpollClose(drvHdcEpoll_t epoll);
-/* `target`: a server or a session handle. A handle that is closed leaves the set by itself. */
+/* `target`: a server or a session handle. A session joins before anything is received on it, else
+ * DRV_ERROR_NOT_SUPPORT. A handle that is closed leaves the set by itself. `event` is not read by
+ * HDC_EPOLL_CTL_DEL, and may then be null. */
 drvError_t drvHdcEpollCtl(drvHdcEpoll_t epoll, int operation, void* target,
                           const drvHdcEvent* event);
 /* Waits for at most `timeout` milliseconds, -1 for ever. 0 with a count of 0 when it ran out.

@@ -83,7 +83,9 @@ static_assert(offsetof(ProfStartPara, realTime) == 8, "layout of the driver");
 static_assert(offsetof(ProfStartPara, userData) == 16, "layout of the driver");
 static_assert(offsetof(ProfStartPara, userDataSize) == 24, "layout of the driver");
 
-/* Starts a channel. Both records stay the caller's and are read during the call only. */
+/* Starts a channel. Both records stay the caller's and are read during the call only. The
+ * configuration has exactly the size of the channel's record below; a channel that has none there
+ * is started without. */
 int prof_drv_start(uint32_t device, uint32_t channel, const ProfStartPara* para);
 /* Stops it. What was collected until then may be gone at once, or can be read until nothing is
  * left: whoever wants it tries. Polls that wait return soon. PROF_STOPPED_ALREADY: it was not
@@ -107,8 +109,8 @@ int prof_channel_read(uint32_t device, uint32_t channel, char* buffer, uint32_t 
 /* Waits until started channels, of any device, have data, and fills a record for each, at most
  * `num`. Returns how many, 0 when `timeout` ran out or a channel stopped meanwhile, -1 on an
  * error, PROF_STOPPED_ALREADY when the driver polls no longer. `timeout` counts in a unit of the
- * driver's, some tens of milliseconds; 0 does not wait. Waits just as well while no channel is
- * started. */
+ * driver's, some tens of milliseconds; 0 does not wait. While no channel is started a driver may
+ * wait just as well, or answer 0 or PROF_STOPPED_ALREADY at once. */
 int prof_channel_poll(ProfPollInfo* events, int num, int timeout);
 
 /* Moves the side buffer that the driver keeps for some channels into the channel, where it is

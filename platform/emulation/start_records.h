@@ -1,0 +1,14 @@
+// What the driver wants a channel to be started with: the size and the fixed words of its records.
+#pragma once
+
+#include <prof_driver.h>
+
+#include <string>
+
+namespace orla::emulation {
+
+// Null, or what is wrong with the record of a start of the channel with this name. A channel with
+// a name that is in no table takes any configuration.
+[[nodiscard]] const char* StartRecordProblem(const std::string& channel, const ProfStartPara& para);
+
+}  // namespace orla::emulation
