@@ -68,8 +68,8 @@ void UploaderMgr::DelUploader(const std::string& id) {
 }
 
 void UploaderMgr::DelForsaken(const std::function<bool(const std::string& id)>& isInUse) {
+    UploaderMap all;  // outlives the locks: an uploader may wait for its thread when it goes
     const std::lock_guard<std::mutex> sweep(sweepMutex_);
-    UploaderMap all;
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         all = uploaderMap_;
