@@ -1,9 +1,14 @@
 #include "daemon/ide_daemon_hdc.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -147,6 +152,33 @@ TEST_F(RequestLoop, AFailedAcceptMakesTheServerAnew) {
     }));
     EXPECT_TRUE(WaitForWords("Hdc Session Accept Error: 7"));
     EXPECT_TRUE(WaitForWords("Hdc Server Destroy Error : 23"));
+}
+
+void SignalServerThread() {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream(task.path() / "comm") >> name;
+        if (name == "ide_hdc_server") {
+            syscall(SYS_tgkill, getpid(), std::stoi(task.path().filename()), SIGUSR1);
+        }
+    }
+}
+
+TEST_F(RequestLoop, ASignalCostsNoServer) {
+    struct sigaction ignore {};
+    ignore.sa_handler = [](int) {};  // without SA_RESTART: what blocks is broken off
+    sigaction(SIGUSR1, &ignore, nullptr);
+    Start();
+    ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    EXPECT_TRUE(WaitFor([] {
+        SignalServerThread();
+        const auto lines = orla::control::CapturedLines();
+        return std::any_of(lines.begin(), lines.end(), [](const auto& line) {
+            return line.text.find("Hdc Session Accept Break By EINTR") != std::string::npos;
+        });
+    }));
+    EXPECT_EQ("1000:a", Ask(4, "a"));
+    EXPECT_EQ(1u, orla::control::CallCount("drvHdcServerCreate"));
 }
 
 // It is no use to make another server while the driver keeps this one.
