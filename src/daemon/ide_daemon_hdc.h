@@ -3,9 +3,8 @@
 // component that its type names.
 //
 // Threads: the main thread finds the devices (init), starts the server threads (creation loop)
-// and stops everything (destroy). "ide_hdc_server" accepts for one device and creates the
-// device's server anew whenever accept fails. "ide_hdc_process" serves one session, see
-// ide_session.h.
+// and stops everything (destroy). "ide_hdc_server" accepts for one device, see
+// ide_device_servers.h; "ide_hdc_process" serves one session, see ide_session.h.
 #pragma once
 
 #include <cstdint>

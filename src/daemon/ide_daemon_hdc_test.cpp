@@ -1,9 +1,14 @@
 #include "daemon/ide_daemon_hdc.h"
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -13,6 +18,7 @@
 #include "hdc/hdc_api.h"
 #include "hdc/session_test_support.h"
 #include "hdc/test_support.h"
+#include "hdc/thread_limit_test_support.h"
 
 namespace {
 
@@ -137,6 +143,7 @@ TEST_F(RequestLoop, ADeviceThatIsNotReadyIsTriedAgainAndAStopDoesNotWait) {
 TEST_F(RequestLoop, AFailedAcceptMakesTheServerAnew) {
     Start();
     ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    InjectFault("drvHdcServerDestroy", DRV_ERROR_CLIENT_BUSY, 0, 2);
     InjectFault("drvHdcSessionAccept", 7, 0, 3);
     // Whether the accept that blocks now was called before the fault or after it, sessions make
     // it return, and one is served as soon as the faults are used up.
@@ -144,6 +151,76 @@ TEST_F(RequestLoop, AFailedAcceptMakesTheServerAnew) {
         return Ask(4, "b") == "1000:b" && orla::control::CallCount("drvHdcServerCreate") >= 4;
     }));
     EXPECT_TRUE(WaitForWords("Hdc Session Accept Error: 7"));
+    EXPECT_TRUE(WaitForWords("Hdc Server Destroy Error : 23"));
+}
+
+void SignalServerThread() {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream(task.path() / "comm") >> name;
+        if (name == "ide_hdc_server") {
+            syscall(SYS_tgkill, getpid(), std::stoi(task.path().filename()), SIGUSR1);
+        }
+    }
+}
+
+TEST_F(RequestLoop, ASignalCostsNoServer) {
+    struct sigaction ignore {};
+    ignore.sa_handler = [](int) {};  // without SA_RESTART: what blocks is broken off
+    sigaction(SIGUSR1, &ignore, nullptr);
+    Start();
+    ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    EXPECT_TRUE(WaitFor([] {
+        SignalServerThread();
+        const auto lines = orla::control::CapturedLines();
+        return std::any_of(lines.begin(), lines.end(), [](const auto& line) {
+            return line.text.find("Hdc Session Accept Break By EINTR") != std::string::npos;
+        });
+    }));
+    EXPECT_EQ("1000:a", Ask(4, "a"));
+    EXPECT_EQ(1u, orla::control::CallCount("drvHdcServerCreate"));
+}
+
+// It is no use to make another server while the driver keeps this one.
+TEST_F(RequestLoop, AServerThatStaysBusyIsUsedAgain) {
+    Start();
+    ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    InjectFault("drvHdcServerDestroy", DRV_ERROR_CLIENT_BUSY, 0, 30);
+    InjectFault("drvHdcSessionAccept", 7);
+    EXPECT_TRUE(WaitFor([] {
+        return Ask(4, "b") == "1000:b" && orla::control::CallCount("drvHdcServerDestroy") == 30;
+    }));
+    EXPECT_EQ(1u, orla::control::CallCount("drvHdcServerCreate"));
+}
+
+TEST_F(RequestLoop, ASessionWithoutAThreadIsClosedAndTheNextIsServed) {
+    Start();
+    ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    for (const int refusals : {1, 2}) {
+        orla::test::threadsLeft = 0;
+        EXPECT_TRUE(WaitFor([] { return Ask(4, "a") == "closed"; }));
+        ASSERT_TRUE(WaitFor([&] {
+            return orla::control::CallCount("drvHdcServerDestroy") >=
+                   static_cast<uint64_t>(refusals);
+        }));
+    }
+    orla::test::threadsLeft = -1;
+    EXPECT_TRUE(WaitFor([] { return Ask(4, "b") == "1000:b"; }));
+    EXPECT_TRUE(WaitForWords("Thread Create Error: "));
+}
+
+// What is thrown on the listener's thread ends as a failed accept does.
+TEST_F(RequestLoop, AnExceptionCostsTheServerOnly) {
+    Start();
+    ASSERT_TRUE(WaitForWords("create HDC server successfully"));
+    orla::test::onRefused = [] {
+        orla::test::threadsLeft = -1;
+        throw std::bad_alloc();
+    };
+    orla::test::threadsLeft = 0;
+    EXPECT_TRUE(WaitFor([] { return Ask(4, "a") == "1000:a"; }));
+    orla::test::onRefused = [] {};
+    EXPECT_TRUE(WaitForWords("the server of device 1000 ends: std::bad_alloc"));
 }
 
 TEST_F(RequestLoop, NoReferenceIsNoReasonNotToServe) {

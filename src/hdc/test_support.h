@@ -1,11 +1,12 @@
 // For the unit tests of any module: what the code under test logs, faults and foreign bytes for it,
-// waiting for a condition, and a thread as small as those of the daemon.
+// waiting for a condition, a thread as small as those of the daemon, and a system without threads.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <hdc_driver.h>
 #include <portability.h>
 
+#include <atomic>
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -100,6 +101,12 @@ inline void SendRaw(const HdcSessionPtr& session, std::string bytes) {
     }
     return true;
 }
+
+// In a program with thread_limit_test_support.h: how many more threads the system gives; negative:
+// as many as are wanted.
+inline std::atomic<int> threadsLeft{-1};
+// What happens in the meantime when it gives none.
+inline std::function<void()> onRefused = [] {};
 
 // Runs `body` on a thread with the stack of the daemon's threads and waits for its end. False
 // when the thread could not be started.

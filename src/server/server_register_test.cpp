@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "hdc/test_support.h"
+#include "hdc/thread_limit_test_support.h"
 #include "server/scripted_comm_opt_test.h"
 #include "server/velt_comm_opt_manager.h"
 #include "server/velt_hdc_device.h"
@@ -216,6 +218,35 @@ TEST_F(FrameworkTest, LostDeviceIsServedWhenItIsBack) {
     EXPECT_TRUE(WaitFor([this] { return host_->IsServed(1); }));
 }
 
+// Who can't have a thread is refused, or waits; nobody else's device stands still for it.
+TEST_F(FrameworkTest, SessionsWithoutAThreadAreRefusedUntilThreadsAreBack) {
+    Start();
+    const uint64_t accepted = CallCount("drvHdcSessionAccept");
+    {
+        Host first, second;
+        orla::test::threadsLeft = 0;
+        ASSERT_TRUE(first.Connect(0) && second.Connect(1));
+        // One is refused in each round; the manager goes on to the other.
+        EXPECT_EQ("", first.Answer());
+        EXPECT_EQ("", second.Answer());
+        EXPECT_EQ(accepted + 2, CallCount("drvHdcSessionAccept"));
+        orla::test::threadsLeft = -1;
+    }
+    // Those that wait when threads are back are served.
+    std::vector<std::unique_ptr<Host>> hosts;
+    orla::test::threadsLeft = 0;
+    for (int i = 0; i < 20; ++i) {
+        hosts.push_back(std::make_unique<Host>());
+        ASSERT_TRUE(hosts.back()->Connect(i % 2) && hosts.back()->Send("hello"));
+    }
+    ASSERT_TRUE(WaitFor([&] { return CallCount("drvHdcSessionAccept") > accepted + 2; }));
+    orla::test::threadsLeft = -1;
+    const auto tried = static_cast<long>(CallCount("drvHdcSessionAccept") - accepted - 2);
+    EXPECT_GE(tried, std::count_if(hosts.begin(), hosts.end(),
+                                   [](const auto& host) { return host->Answer() != "hello"; }));
+    EXPECT_TRUE(host_->IsServed(0) && host_->IsServed(1));
+}
+
 TEST_F(FrameworkTest, OnlyTheNamedDeviceIsServed) {
     VeltServerManager manager;
     EXPECT_FALSE(manager.ComponentInit());
@@ -279,19 +310,6 @@ TEST_F(FrameworkTest, CleanupMayFollowTheStartAtOnce) {
     Start();
 }
 
-TEST(BoundQueue, QuitReleasesWhoeverWaits) {
-    BoundQueue<int> full(1), empty(1);
-    int popped = 5;
-    ASSERT_TRUE(full.Push(7));
-    auto pusher = std::async(std::launch::async, [&] { return full.Push(8); });
-    auto popper = std::async(std::launch::async, [&] { return empty.Pop(popped); });
-    full.Quit();
-    empty.Quit();
-    EXPECT_FALSE(pusher.get() || popper.get());
-    EXPECT_EQ(5, popped);
-    EXPECT_TRUE(full.Pop(popped) && popped == 7);  // what was in it is not lost
-}
-
 // A component that doesn't return in time keeps what it uses, and lets go of it at its end.
 TEST(VeltSessions, EndDoesNotWaitForADeafComponent) {
     ScriptedCommOpt::Fresh({{0, DataBytes("deaf")}});
@@ -300,9 +318,8 @@ TEST(VeltSessions, EndDoesNotWaitForADeafComponent) {
     sessions->SetCommOptType(ScriptedCommOpt::Session().type);
     ASSERT_TRUE(sessions->AddComponent(std::make_unique<TestComponent>(counts)));
     counts.deaf = true;
-    sessions->Take(ScriptedCommOpt::Session());
+    ASSERT_TRUE(sessions->Take(ScriptedCommOpt::Session()));
     ASSERT_TRUE(WaitFor([&counts] { return counts.inside == 1; }));
-    sessions->Quit();
     sessions->End();
     sessions.reset();
     EXPECT_EQ(0, counts.uninits.load());

@@ -11,8 +11,6 @@ namespace Velt {
 namespace {
 
 constexpr int kEpollSize = 128;
-// Failed accepts in a row, before a server is opened anew.
-constexpr uint32_t kMaxFailedAccepts = 2;
 
 VeltEvent ListenEvent(int64_t handle) {
     return {kEventConnect, static_cast<uint64_t>(handle)};
@@ -64,12 +62,8 @@ void VeltServerManager::CloseSuspendedServers(VeltDevice& devices) {
     }
 }
 
-// A server whose accept fails once lost a peer. One that fails again belongs to a device that
-// went away, which shows in nothing else: only a new server will do when the device is back.
-void VeltServerManager::AcceptFailed(int64_t handle) {
-    if (++failedAccepts_[handle] < kMaxFailedAccepts) {
-        return;
-    }
+// In the next round, if the device is there.
+void VeltServerManager::ReopenServer(int64_t handle) {
     const auto server = std::find_if(servers_.begin(), servers_.end(), [handle](const auto& entry) {
         return entry.second == handle;
     });
@@ -132,7 +126,7 @@ bool VeltServerManager::CloseServer(int64_t handle) {
         IDE_LOGE("close server failed");
         return false;
     }
-    failedAccepts_.erase(handle);
+    gate_.Forget(handle);
     return true;
 }
 

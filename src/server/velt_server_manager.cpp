@@ -16,9 +16,6 @@ namespace {
 
 constexpr int kWaitMs = 500;
 constexpr uint32_t kStopPauseMs = 500;
-// Rounds in a row whose events led to no session, before the loop pauses. One is a peer that
-// vanished; more are a server whose accept fails again and again, without waiting.
-constexpr uint32_t kMaxEmptyRounds = 2;
 
 }  // namespace
 
@@ -103,19 +100,12 @@ void VeltServerManager::Run() {
 
 void VeltServerManager::Round(std::vector<VeltEvent>& events) {
     RefreshDevices();
-    const bool hasRoom = sessions_->StartMissingThreads();
     const int size = static_cast<int>(events.size());
     const int count = epoll_->Wait(events.data(), size, kWaitMs);
-    if (count < 0 || (count > 0 && !hasRoom)) {
-        epoll_->ProcessOther();
-        return;
-    }
-    accepted_ = false;
     for (int i = 0; i < count && i < size && !IsQuit(); ++i) {
         HandleEvent(events[static_cast<size_t>(i)]);
     }
-    emptyRounds_ = count == 0 || accepted_ ? 0 : emptyRounds_ + 1;
-    if (emptyRounds_ >= kMaxEmptyRounds) {
+    if (gate_.EndRound() || count < 0) {
         epoll_->ProcessOther();
     }
 }
@@ -127,8 +117,10 @@ void VeltServerManager::HandleEvent(const VeltEvent& event) {
         Accept(event);
     } else if ((event.mask & kEventData) != 0) {
         IDE_LOGI("data in");
+        gate_.OtherEvent();
     } else if ((event.mask & kEventHangUp) != 0) {
         IDE_LOGW("hang up state");
+        gate_.OtherEvent();
     } else {
         IDE_LOGW("other epoll state");
         epoll_->ProcessOther();
@@ -137,14 +129,19 @@ void VeltServerManager::HandleEvent(const VeltEvent& event) {
 
 void VeltServerManager::Accept(const VeltEvent& event) {
     const CommHandle server{commOptType_, static_cast<int64_t>(event.data)};
-    const CommHandle session = VeltCommOptManager::instance().Accept(server);
-    if (session.value == kNoHandle) {
-        AcceptFailed(server.value);
+    if (!gate_.MayAccept()) {
         return;
     }
-    accepted_ = true;
-    failedAccepts_.erase(server.value);
-    sessions_->Take(session);
+    const CommHandle session = VeltCommOptManager::instance().Accept(server);
+    if (session.value == kNoHandle) {
+        if (gate_.AcceptFailed(server.value)) {
+            ReopenServer(server.value);
+        }
+    } else if (sessions_->Take(session)) {
+        gate_.Taken(server.value);
+    } else {
+        gate_.Refused();
+    }
 }
 
 // ---- Teardown --------------------------------------------------------------------------------
@@ -152,7 +149,6 @@ void VeltServerManager::Accept(const VeltEvent& event) {
 VeltServerManager::~VeltServerManager() {
     IDE_EVENT("start to deconstruct velt server manager");
     RefuseStart();
-    sessions_->Quit();
     Stop();
     WaitUntilReleased();
     IDE_LOGI("waitOver is %d", waitOver_.load() ? 1 : 0);

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "server/velt_accept_gate.h"
 #include "server/velt_component.h"
 #include "server/velt_epoll.h"
 #include "server/velt_runnable.h"
@@ -61,7 +62,7 @@ private:
     void RefreshDevices();
     void OpenNewServers(const DeviceList& devices);
     void CloseSuspendedServers(VeltDevice& devices);
-    void AcceptFailed(int64_t handle);
+    void ReopenServer(int64_t handle);
     void DropServer(ServerMap::iterator server);
     bool OpenServer(const CommOptions& options);
     bool CloseServer(int64_t handle);
@@ -77,9 +78,7 @@ private:
 
     // Touched by the manager's thread alone while it runs.
     ServerMap servers_;
-    std::map<int64_t, uint32_t> failedAccepts_;  // in a row, by server
-    uint32_t emptyRounds_ = 0;                   // in a row: events, but no session
-    bool accepted_ = false;                      // in this round
+    AcceptGate gate_;
 
     std::atomic<bool> waitOver_{true};  // false while Run is in its loop
 

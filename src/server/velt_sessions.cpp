@@ -42,93 +42,62 @@ VeltComponent* VeltSessions::FindComponent(int32_t type) {
 
 // ---- The manager's thread --------------------------------------------------------------------
 
-void VeltSessions::Take(const CommHandle& session) {
-    try {
-        {
-            const std::lock_guard<std::mutex> lock(mutex_);
-            open_.insert(session.value);
-        }
-        if (!queue_.Push(static_cast<unsigned long>(session.value))) {
-            return;  // End closes it
-        }
-    } catch (const std::bad_alloc&) {
-        Refuse(session);
-        return;
+bool VeltSessions::Take(const CommHandle& session) {
+    if (StartThread(session)) {
+        return true;
     }
-    if (!StartThread()) {
-        IDE_LOGE("creare commponent process thread failed, strerror is %s",
-                 orla::SystemErrorText().c_str());
-        ++unserved_;
-    }
+    IDE_LOGE("creare commponent process thread failed, strerror is %s",
+             orla::SystemErrorText().c_str());
+    CommHandle refused = session;
+    VeltCommOptManager::instance().Close(refused);
+    return false;
 }
 
-void VeltSessions::Refuse(CommHandle session) {
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        open_.erase(session.value);
-    }
-    VeltCommOptManager::instance().Close(session);
-}
-
-bool VeltSessions::StartMissingThreads() {
-    while (unserved_ > 0 && StartThread()) {
-        --unserved_;
-    }
-    return unserved_ < kQueueCapacity;
-}
-
-bool VeltSessions::StartThread() {
-    std::unique_ptr<std::shared_ptr<VeltSessions>> share(
-        new (std::nothrow) std::shared_ptr<VeltSessions>(shared_from_this()));
-    if (share == nullptr) {
+bool VeltSessions::StartThread(const CommHandle& session) {
+    std::unique_ptr<Served> served(new (std::nothrow) Served{shared_from_this(), session});
+    if (served == nullptr || !Enter(session)) {
         return false;
     }
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        ++threads_;
-    }
-    const mmUserBlock_t routine{SessionThread, share.get()};
+    const mmUserBlock_t routine{SessionThread, served.get()};
     mmThread handle = 0;
     if (mmCreateTaskWithDetach(&handle, &routine) != EN_OK) {
         const std::lock_guard<std::mutex> lock(mutex_);
+        open_.erase(session.value);
         --threads_;
         return false;
     }
-    static_cast<void>(share.release());
+    static_cast<void>(served.release());
     return true;
+}
+
+bool VeltSessions::Enter(const CommHandle& session) {
+    try {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        open_.insert(session.value);
+        ++threads_;
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
 }
 
 // ---- A session's thread ----------------------------------------------------------------------
 
-void* VeltSessions::SessionThread(void* share) {
-    if (share == nullptr) {
+void* VeltSessions::SessionThread(void* argument) {
+    if (argument == nullptr) {
         return nullptr;
     }
-    const std::unique_ptr<std::shared_ptr<VeltSessions>> owned(
-        static_cast<std::shared_ptr<VeltSessions>*>(share));
+    const std::unique_ptr<Served> served(static_cast<Served*>(argument));
     mmSetCurrentThreadName("velt_commponent_process");
-    (*owned)->ServeNext();
-    (*owned)->LeaveThread();
-    return nullptr;
-}
-
-void VeltSessions::ServeNext() {
     IDE_LOGI("process new connect");
-    unsigned long value = 0;
-    if (!queue_.Pop(value)) {
-        return;
-    }
-    CommHandle session{commOptType_, static_cast<int64_t>(value)};
-    if (session.value == kNoHandle) {
-        IDE_LOGE("server run process handle invalied");
-        return;
-    }
     try {
-        ServeRequest(session);
+        served->sessions->ServeRequest(served->session);
     } catch (const std::exception& e) {
         IDE_LOGE("a request ends with an exception: %s", e.what());
     }
-    Finish(session);
+    served->sessions->Finish(served->session);
+    served->sessions->LeaveThread();
+    return nullptr;
 }
 
 void VeltSessions::ServeRequest(const CommHandle& session) {
@@ -161,7 +130,7 @@ void VeltSessions::ServeRequest(const CommHandle& session) {
 }
 
 // A server with the log component leaves its sessions to the components.
-void VeltSessions::Finish(CommHandle& session) {
+void VeltSessions::Finish(CommHandle session) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         if (open_.erase(session.value) == 0 || lastComponentType_ == kComponentLog) {

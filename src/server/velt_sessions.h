@@ -1,7 +1,7 @@
-// The sessions of one server manager, and the components that serve them: the queue from the
-// accepting thread to the session threads, one thread a session, one request each.
+// The sessions of one server manager, and the components that serve them: one thread a session,
+// one request each.
 //
-//     manager thread:  accept -> Take -> queue -> thread: read, find component, Process, close
+//     manager thread:  accept -> Take -> session thread: read, find component, Process, close
 //
 // Session threads are detached and hold shares of this object, so that one which outlives the
 // server's end touches nothing that is gone. They count themselves in from before their start:
@@ -16,7 +16,6 @@
 #include <mutex>
 #include <set>
 
-#include "server/velt_bound_queue.h"
 #include "server/velt_component.h"
 
 namespace Velt {
@@ -38,41 +37,36 @@ public:
 
     // ---- The manager's thread ----
 
-    // Hands a session to a thread of its own. A session whose thread can't be started waits for
-    // the next that can. Waits itself while the queue is full.
-    void Take(const CommHandle& session);
-    // Starts the threads that could not be started before. False when that failed again and the
-    // queue is full of sessions that wait for one: there is no place for another.
-    [[nodiscard]] bool StartMissingThreads();
+    // Hands a session to a thread of its own. False when no thread can be had, or memory is out:
+    // the session is then closed.
+    [[nodiscard]] bool Take(const CommHandle& session);
 
     // ---- The end, on any thread ----
 
-    // Wakes a Take that waits; nothing is taken any more.
-    void Quit() { queue_.Quit(); }
     // Closes all sessions and waits for their threads, but not for ever; then UnInit of all
     // components, which go. Threads that are still in a component by then keep them, and the
-    // last one out does it. Called once, after Quit, when the manager's thread has ended.
+    // last one out does it. Called once, when the manager's thread has ended.
     void End();
 
 private:
-    static void* SessionThread(void* share);
+    // What a session thread is started with; it owns the record.
+    struct Served {
+        std::shared_ptr<VeltSessions> sessions;
+        CommHandle session;
+    };
+    static void* SessionThread(void* argument);
 
-    void Refuse(CommHandle session);
-    bool StartThread();
-    void ServeNext();
+    bool StartThread(const CommHandle& session);
+    bool Enter(const CommHandle& session);
     void ServeRequest(const CommHandle& session);
-    void Finish(CommHandle& session);
+    void Finish(CommHandle session);
+    void LeaveThread();
     void CloseAll();
     void UnInitComponents();
-    void LeaveThread();
     VeltComponent* FindComponent(int32_t type);
-
-    static constexpr uint32_t kQueueCapacity = 256;
 
     const std::chrono::milliseconds patience_;
     int32_t commOptType_ = kCommOptNone;  // constant once sessions come
-    BoundQueue<unsigned long> queue_{kQueueCapacity};
-    uint32_t unserved_ = 0;  // manager's thread alone: sessions in the queue without a thread
 
     std::mutex mutex_;  // guards the rest
     std::map<int32_t, std::unique_ptr<VeltComponent>> components_;

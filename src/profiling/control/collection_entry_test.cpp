@@ -6,11 +6,11 @@
 #include <cstring>
 #include <future>
 
+#include "hdc/thread_limit_test_support.h"
 #include "profiling/collect/collect_test_support.h"
 #include "profiling/config/device_test_support.h"
 #include "profiling/control/prof_msg_handler.h"
 #include "profiling/control/task_manager.h"
-#include "profiling/datapath/thread_limit_test_support.h"
 #include "profiling/datapath/transport_test_support.h"
 #include "profiling/datapath/uploader_mgr.h"
 #include "proto/codec.h"

@@ -5,7 +5,8 @@
 
 #include <stdexcept>
 
-#include "profiling/datapath/thread_limit_test_support.h"
+#include "hdc/thread_limit_test_support.h"
+#include "profiling/datapath/thread_test_support.h"
 
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) {
     static const auto real =

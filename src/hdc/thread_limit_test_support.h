@@ -1,5 +1,5 @@
-// For one file of a test program that wants the system to run out of threads, see
-// thread_test_support.h: stands in front of what all threads of the program are made with.
+// For one file of a test program that wants the system to run out of threads: stands in front of
+// what all threads of the program are made with. test_support.h says how many it gives.
 #pragma once
 
 #include <dlfcn.h>
@@ -7,7 +7,7 @@
 
 #include <cerrno>
 
-#include "profiling/datapath/thread_test_support.h"
+#include "hdc/test_support.h"
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*routine)(void*), void* argument) {
