@@ -64,7 +64,7 @@ ReceiveResult Session::Receive(int timeoutMs, std::string* message) {
         }
         void* buffer = nullptr;
         uint32_t length = 0;
-        const int ret = HdcReadNb(session_, &buffer, &length);
+        const int ret = HdcReadNb(session_, &buffer, &length, maxMessage_);
         const HeapBlock received(static_cast<char*>(buffer));
         if (ret == kHdcReadDone) {
             message->assign(received.get(), length);
@@ -81,9 +81,9 @@ void Session::Close() {
     static_cast<void>(session_->Close());
 }
 
-std::unique_ptr<Client> Client::Create(int serviceType) {
+std::unique_ptr<Client> Client::Create(int serviceType, uint32_t maxMessage) {
     const drvHdcClient_t client = HdcClientCreate(serviceType);
-    return client != nullptr ? std::unique_ptr<Client>(new Client(client)) : nullptr;
+    return client != nullptr ? std::unique_ptr<Client>(new Client(client, maxMessage)) : nullptr;
 }
 
 Client::~Client() {
@@ -99,7 +99,7 @@ std::unique_ptr<Session> Client::Connect(uint32_t device) const {
     if (drvHdcEpollCreate(1, &epoll) != DRV_ERROR_NONE) {
         return nullptr;
     }
-    std::unique_ptr<Session> session(new Session(handle, epoll));
+    std::unique_ptr<Session> session(new Session(handle, epoll, maxMessage_));
     const drvHdcEvent event{HDC_EPOLL_DATA_IN | HDC_EPOLL_SESSION_CLOSE, 0, 0};
     if (handle->EpollCtl(epoll, HDC_EPOLL_CTL_ADD, event) != DRV_ERROR_NONE) {
         return nullptr;

@@ -47,7 +47,8 @@ public:
     [[nodiscard]] bool SendRequest(uint32_t type, std::string_view value);
 
     // Waits for at most `timeoutMs` milliseconds (-1: for ever) for the next message to begin.
-    // `*message` is replaced for kMessage and left alone otherwise.
+    // `*message` is replaced for kMessage and left alone otherwise. One that is longer than the
+    // client allows is kFailed, before the memory for it is spent.
     [[nodiscard]] ReceiveResult Receive(int timeoutMs, std::string* message);
 
     // Ends the session; the object then refuses every operation.
@@ -55,17 +56,20 @@ public:
 
 private:
     friend class Client;
-    Session(HdcSessionPtr session, drvHdcEpoll_t epoll)
-        : session_(std::move(session)), epoll_(epoll) {}
+    Session(HdcSessionPtr session, drvHdcEpoll_t epoll, uint32_t maxMessage)
+        : session_(std::move(session)), epoll_(epoll), maxMessage_(maxMessage) {}
 
     const HdcSessionPtr session_;
     const drvHdcEpoll_t epoll_;  // holds the session alone
+    const uint32_t maxMessage_;
 };
 
 class Client {
 public:
-    // Null when the driver refuses.
-    [[nodiscard]] static std::unique_ptr<Client> Create(int serviceType);
+    // `maxMessage`: the most bytes of a message that its sessions receive. Null when the driver
+    // refuses.
+    [[nodiscard]] static std::unique_ptr<Client> Create(int serviceType,
+                                                        uint32_t maxMessage = 1 << 20);
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
@@ -75,9 +79,10 @@ public:
     [[nodiscard]] std::unique_ptr<Session> Connect(uint32_t device) const;
 
 private:
-    explicit Client(drvHdcClient_t client) : client_(client) {}
+    Client(drvHdcClient_t client, uint32_t maxMessage) : client_(client), maxMessage_(maxMessage) {}
 
     const drvHdcClient_t client_;
+    const uint32_t maxMessage_;
 };
 
 }  // namespace orla::host

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "hdc/hdc_api.h"
+#include "proto/codec.h"
 
 namespace orla::host {
 
@@ -15,6 +16,8 @@ using namespace analysis::nedra::proto;  // NOLINT: the messages, by their names
 
 using std::chrono::milliseconds;
 
+// What the decoder looks at; no limit of the device's own messages is promised.
+constexpr uint32_t kMaxMessage = sizeof(IdeRequest) + analysis::nedra::message::kMaxEnvelope;
 constexpr milliseconds kGlance{50};  // how soon an interruption is noticed
 constexpr int kMaxPatiences = 10;    // for a device that goes on sending
 constexpr const char* kSeeLog = "the device's log may tell more";
@@ -105,7 +108,7 @@ bool ProfileRun::Open(std::unique_ptr<Session>* session) {
 
 bool ProfileRun::Begin() {
     const std::string context = JobContextText(job_.id, job_.device);
-    client_ = Client::Create(kHdcServiceRequests);
+    client_ = Client::Create(kHdcServiceRequests, kMaxMessage);
     const auto shakeHands = [this](std::unique_ptr<Session>* session, auto handshake,
                                    const Step& step) {
         handshake.set_jobid(job_.id);

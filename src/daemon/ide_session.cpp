@@ -1,7 +1,6 @@
 #include "daemon/ide_session.h"
 
 #include <portability.h>
-#include <secure_c.h>
 
 #include <cstdlib>
 #include <exception>
@@ -11,7 +10,6 @@
 #include "daemon/ide_common_util.h"
 #include "hdc/hdc_api.h"
 #include "hdc/log_side.h"
-#include "hdc/memory_utils.h"
 
 using orla::HeapBlock;
 
@@ -77,8 +75,9 @@ int IdeRead(const IdeTransport* transport, void** buffer, uint32_t* length, int 
                      {length == nullptr, "recv_len is nullptr"})) {
         return -1;
     }
-    return waitFlag == 0 ? HdcRead(transport->session, buffer, length)
-                         : HdcReadPolling(transport->session, buffer, length, kMaxReadTimes);
+    return waitFlag == 0
+               ? HdcRead(transport->session, buffer, length, kMaxRequest)
+               : HdcReadPolling(transport->session, buffer, length, kMaxReadTimes, kMaxRequest);
 }
 
 int IdeHdcReadRequest(const IdeTransport* transport, IdeRequest** request) {
@@ -89,28 +88,15 @@ int IdeHdcReadRequest(const IdeTransport* transport, IdeRequest** request) {
     void* message = nullptr;
     uint32_t length = 0;
     const int ret = IdeRead(transport, &message, &length, 1);
-    const HeapBlock received(static_cast<char*>(message));
+    HeapBlock received(static_cast<char*>(message));
     if (ret != 0) {
         IDE_LOGW("Ide Read ret: %d", ret);
         return ret;
     }
-    if (length == UINT32_MAX) {
-        IDE_LOGE("too long recv_data: %u", length);
+    if (!IsWhole(reinterpret_cast<const IdeRequest*>(received.get()), length)) {
         return -1;
     }
-    HeapBlock copy(static_cast<char*>(IdeXmalloc(size_t{length} + 1)));
-    if (copy == nullptr) {
-        IDE_LOGE("Ide Xmalloc failed");
-        return -1;
-    }
-    if (memcpy_s(copy.get(), length, received.get(), length) != EOK) {
-        IDE_LOGE("memory copy_s failed");
-        return -1;
-    }
-    if (!IsWhole(reinterpret_cast<const IdeRequest*>(copy.get()), length)) {
-        return -1;
-    }
-    *request = reinterpret_cast<IdeRequest*>(copy.release());
+    *request = reinterpret_cast<IdeRequest*>(received.release());
     return 0;
 }
 

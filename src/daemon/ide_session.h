@@ -21,9 +21,12 @@ struct IdeSession {
     HdcSessionPtr session;
 };
 
-// Reads one message into a heap block that the caller frees. waitFlag 0 blocks. Otherwise the
-// read polls, for 10,011 ms of sleep at most, and then fails. Answers as HdcRead; -1 for a null
-// argument.
+// What a request may have, its record included: no component takes a longer value.
+constexpr uint32_t kMaxRequest = 3 * 1024 * 1024 + sizeof(IdeRequest);
+
+// Reads one message of at most kMaxRequest bytes into a heap block that the caller frees. waitFlag
+// 0 blocks. Otherwise the read polls, for 10,011 ms of sleep at most until a message begins, and
+// then fails. Answers as HdcRead; -1 for a null argument.
 [[nodiscard]] int IdeRead(const IdeTransport* transport, void** buffer, uint32_t* length,
                           int waitFlag);
 

@@ -67,15 +67,20 @@ int HdcServerDestroy(const HdcServerPtr& server, const orla::LogSide& side = orl
 // each later one, whatever the result. A session that nobody shares any more ends by itself.
 int HdcSessionClose(const HdcSessionPtr& session, const orla::LogSide& side = orla::kCoreSide);
 
-// Reads one message: `*buffer` gets a heap block that the caller releases with free(), and
-// `*length` its size, 1 or above. Answers one of kHdcRead…; for all but kHdcReadDone `*buffer`
-// is null and `*length` 0. HdcRead blocks until a message is whole or the session ends.
+// Reads one message of at most `limit` bytes: `*buffer` gets a heap block that the caller releases
+// with free(), and `*length` its size, 1 or above; a zero byte stands behind it and isn't counted.
+// Answers one of kHdcRead…; for all but kHdcReadDone `*buffer` is null and `*length` 0. A longer
+// message fails the read as soon as it passes the limit, and its rest is still to come: the session
+// is then of use for closing only. HdcRead blocks until a message is whole or the session ends.
 [[nodiscard]] int HdcRead(const HdcSessionPtr& session, void** buffer, uint32_t* length,
+                          uint32_t limit = orla::kMaxMessage,
                           const orla::LogSide& side = orla::kCoreSide);
-// Answers kHdcReadEmpty when no message has begun. One that has begun is waited for, with at
-// most 10,011 ms of sleep in the call, since to drop its head would make its tail look like a
-// message of its own; after that the read fails.
+// Answers kHdcReadEmpty when no message has begun. One that has begun is waited for, since to drop
+// its head would make its tail look like a message of its own. The read fails after 10,011 ms of
+// sleep without a segment, and after 5 minutes of sleep in all: a message that comes without
+// pauses may take any time, and one that drips doesn't hold the thread for ever.
 [[nodiscard]] int HdcReadNb(const HdcSessionPtr& session, void** buffer, uint32_t* length,
+                            uint32_t limit = orla::kMaxMessage,
                             const orla::LogSide& side = orla::kCoreSide);
 
 // Whether the peer or this side has closed the session. Asks without waiting and drops what has
@@ -86,7 +91,8 @@ int HdcSessionClose(const HdcSessionPtr& session, const orla::LogSide& side = or
 // HdcReadNb until it answers anything but kHdcReadEmpty, with a sleep of 1, 2, … times - 1 ms
 // behind each empty answer; after the last it fails with a warning. 142 `times` make 10,011 ms.
 [[nodiscard]] int HdcReadPolling(const HdcSessionPtr& session, void** buffer, uint32_t* length,
-                                 int times, const orla::LogSide& side = orla::kCoreSide);
+                                 int times, uint32_t limit = orla::kMaxMessage,
+                                 const orla::LogSide& side = orla::kCoreSide);
 
 // Writes one message of `length` bytes, 1 to 2,147,483,647. `buffer` stays the caller's. After
 // a failure the message may be out in part, and the peer never sees its end: the session is

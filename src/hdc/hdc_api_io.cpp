@@ -10,8 +10,9 @@ using orla::OperationName;
 
 namespace {
 
-constexpr int kMaxDropped = 64;      // segments at a time, of a peer that goes on sending
-constexpr int kMaxReadPauses = 141;  // 1 + 2 + … + 141 ms: 10,011 ms of sleep
+constexpr int kMaxDropped = 64;           // segments at a time, of a peer that goes on sending
+constexpr uint32_t kMaxReadPauses = 141;  // 1 + 2 + … + 141 ms: 10,011 ms of silence
+constexpr uint32_t kMaxReadSleepMs = 5 * 60 * 1000;
 
 // A driver message for one buffer. Free() reports what the destructor would swallow.
 class DriverMessage {
@@ -154,16 +155,36 @@ int StoreBuffers(drvHdcMsg_t message, int count, orla::MessageJoiner& joiner, co
     return 0;
 }
 
+// The pauses of a read that waits for the rest of its message.
+class ReadPauses {
+public:
+    // False when there have been enough.
+    bool Pause() {
+        if (step_ >= kMaxReadPauses || sleptMs_ >= kMaxReadSleepMs) {
+            return false;
+        }
+        mmSleep(++step_);
+        sleptMs_ += step_;
+        return true;
+    }
+    void EndSilence() { step_ = 0; }
+
+private:
+    uint32_t step_ = 0;     // since the last segment; also the length of the last pause
+    uint32_t sleptMs_ = 0;  // in the whole message, so that a peer that drips is bounded too
+};
+
 // One receive, which for a message that has begun is repeated while nothing is there.
-// `pauses` counts over the whole message, so that a peer that drips is bounded too.
 drvError_t Receive(HdcSession::Receiving& turn, drvHdcMsg_t message, uint64_t flag, bool begun,
-                   int* pauses, int* count) {
+                   ReadPauses* pauses, int* count) {
     while (true) {
         const drvError_t ret = turn.Receive(message, 0, flag, count, 0);
-        if (ret != DRV_ERROR_NON_BLOCK || !begun || *pauses >= kMaxReadPauses) {
+        if (ret == DRV_ERROR_NONE && *count > 0) {
+            pauses->EndSilence();
+        }
+        if (ret != DRV_ERROR_NON_BLOCK || !begun || !pauses->Pause()) {
             return ret;
         }
-        mmSleep(static_cast<uint32_t>(++*pauses));
     }
 }
 
@@ -189,8 +210,8 @@ void LogListFreed(const LogSide& side) {
     }
 }
 
-int HdcSessionRead(const HdcSessionPtr& session, void** buffer, uint32_t* length, uint64_t flag,
-                   const LogSide& side) {
+int HdcSessionRead(const HdcSessionPtr& session, void** buffer, uint32_t* length, uint32_t limit,
+                   uint64_t flag, const LogSide& side) {
     if (SIDE_REFUSES(side, {session == nullptr, "session is nullptr"},
                      {buffer == nullptr, "recv_buf is nullptr"},
                      {length == nullptr, "recv_len is nullptr"})) {
@@ -208,8 +229,8 @@ int HdcSessionRead(const HdcSessionPtr& session, void** buffer, uint32_t* length
         SIDE_LOG(side, kError, "Hdc Alloc Msg, error %d", ret);
         return kHdcReadFailed;
     }
-    orla::MessageJoiner joiner(side);
-    int pauses = 0;
+    orla::MessageJoiner joiner(side, limit);
+    ReadPauses pauses;
     while (true) {
         int count = 0;
         ret = Receive(turn, message.get(), flag, !joiner.untouched(), &pauses, &count);
@@ -243,18 +264,20 @@ int HdcSessionRead(const HdcSessionPtr& session, void** buffer, uint32_t* length
 
 }  // namespace
 
-int HdcRead(const HdcSessionPtr& session, void** buffer, uint32_t* length, const LogSide& side) {
-    return HdcSessionRead(session, buffer, length, HDC_FLAG_WAIT, side);
+int HdcRead(const HdcSessionPtr& session, void** buffer, uint32_t* length, uint32_t limit,
+            const LogSide& side) {
+    return HdcSessionRead(session, buffer, length, limit, HDC_FLAG_WAIT, side);
 }
 
-int HdcReadNb(const HdcSessionPtr& session, void** buffer, uint32_t* length, const LogSide& side) {
-    return HdcSessionRead(session, buffer, length, HDC_FLAG_NOWAIT, side);
+int HdcReadNb(const HdcSessionPtr& session, void** buffer, uint32_t* length, uint32_t limit,
+              const LogSide& side) {
+    return HdcSessionRead(session, buffer, length, limit, HDC_FLAG_NOWAIT, side);
 }
 
 int HdcReadPolling(const HdcSessionPtr& session, void** buffer, uint32_t* length, int times,
-                   const LogSide& side) {
+                   uint32_t limit, const LogSide& side) {
     for (int i = 1; i < times; ++i) {
-        const int ret = HdcReadNb(session, buffer, length, side);
+        const int ret = HdcReadNb(session, buffer, length, limit, side);
         if (ret != kHdcReadEmpty) {
             return ret;
         }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <future>
 #include <optional>
@@ -59,7 +60,7 @@ protected:
                     const orla::LogSide& side = kCoreSide) const {
         void* buffer = &read;
         uint32_t length = 77;
-        const int result = read(session_->device, &buffer, &length, side);
+        const int result = read(session_->device, &buffer, &length, orla::kMaxMessage, side);
         if (result != kHdcReadDone) {
             EXPECT_EQ(nullptr, buffer);
             EXPECT_EQ(0u, length);
@@ -110,6 +111,42 @@ TEST_F(HdcTest, ReadsWithoutWaitingTellEmptyFromClosed) {
     EXPECT_EQ(kHdcReadClosed, Read(HdcReadNb).result);
     EXPECT_EQ(kHdcReadClosed, Read(HdcRead, kProfilingSide).result);
     EXPECT_TRUE(Logged("[HdcSessionRead]Session is closed."));
+}
+
+TEST_F(HdcTest, AMessageAboveTheLimitFailsTheRead) {
+    for (const uint32_t length : {99u, 100u}) {
+        const std::string message = Text(length);
+        ASSERT_EQ(0, HdcWrite(session_->host, message.data(), static_cast<int>(length)));
+        void* buffer = nullptr;
+        uint32_t received = 0;
+        EXPECT_EQ(length == 99 ? kHdcReadDone : kHdcReadFailed,
+                  HdcReadPolling(session_->device, &buffer, &received, 100, 99));
+        EXPECT_EQ(length == 99 ? 99u : 0u, received);
+        const orla::HeapBlock owned(static_cast<char*>(buffer));
+    }
+}
+
+// The reader of a message that never pauses is faster than its peer now and then: more often here
+// than it would wait in one silence.
+TEST_F(HdcTest, PausesAreCountedAnewWithEachSegment) {
+    constexpr size_t kSegments = 200;
+    const std::string segment = Segment("x", 0);
+    std::atomic<bool> isRead{false};
+    SendRaw(session_->host, segment);
+    std::thread peer([&] {
+        for (size_t i = 1; i < kSegments; ++i) {
+            const uint64_t calls = orla::control::CallCount("halHdcRecv");
+            while (!isRead && orla::control::CallCount("halHdcRecv") < calls + 2) {
+                std::this_thread::yield();  // until the reader has found nothing
+            }
+            SendRaw(session_->host, segment);
+        }
+        SendRaw(session_->host, Segment("end", 1));
+    });
+    const ReadAnswer answer = Read(HdcReadNb);
+    isRead = true;
+    peer.join();
+    EXPECT_EQ(std::string(kSegments, 'x') + "end", answer.text);
 }
 
 TEST_F(HdcTest, ForeignBytesFailTheReadOnBothSides) {

@@ -42,7 +42,7 @@ bool MessageJoiner::Add(const char* buffer, uint32_t size) {
                  size - sizeof(IdeHdcPacket));
         return false;
     }
-    if (packet->len > UINT32_MAX - length_) {
+    if (packet->len > limit_ - length_) {
         SIDE_LOG(side_, kError, "buf_len : %u, packet->len: %u", length_, packet->len);
         return false;
     }
@@ -66,9 +66,10 @@ bool MessageJoiner::Append(const char* value, uint32_t len) {
     if (needed > capacity_) {
         // Doubling keeps the copying linear in the message; a message of one segment, which is
         // nearly every request, gets exactly its size.
-        const uint32_t doubled = capacity_ > UINT32_MAX / 2 ? UINT32_MAX : capacity_ * 2;
+        const auto doubled =
+            static_cast<uint32_t>(std::min<uint64_t>(uint64_t{capacity_} * 2, limit_));
         const uint32_t wanted = std::max(needed, doubled);
-        void* grown = std::realloc(block_.get(), wanted);
+        void* grown = std::realloc(block_.get(), size_t{wanted} + 1);
         if (grown == nullptr) {
             SIDE_LOG(side_, kError, "Ide Xrmalloc Failed");
             return false;
@@ -88,6 +89,7 @@ HeapBlock MessageJoiner::Take(uint32_t* length) {
         return nullptr;
     }
     *length = length_;
+    block_.get()[length_] = '\0';
     return std::move(block_);
 }
 

@@ -54,6 +54,7 @@ constexpr uint32_t kSegmentFront = sizeof(IdeHdcPacket);
 constexpr uint32_t kSegmentTail = kSegmentOverhead - kSegmentFront;
 constexpr uint32_t kMinMaxSegment = 1024;
 constexpr uint32_t kMaxMaxSegment = 0x80000;
+constexpr uint32_t kMaxMessage = INT32_MAX;  // bytes; what one write can send
 
 // Request types of service type 4.
 constexpr uint32_t kRequestLog = 4;
@@ -75,14 +76,15 @@ uint32_t CutSegment(const char* payload, uint32_t remaining, uint32_t limit, Ide
 // checked before they are used, and a message is never handed out in part.
 //
 // The bytes are kept in one growing block, which becomes the message: a message of one segment
-// is copied once.
+// is copied once. The block never has more than `limit` bytes and one, however long a message is.
 class MessageJoiner {
 public:
-    explicit MessageJoiner(const LogSide& side) : side_(side) {}
+    explicit MessageJoiner(const LogSide& side, uint32_t limit = kMaxMessage)
+        : side_(side), limit_(limit) {}
 
     // Takes one driver buffer of `size` bytes; null or empty is skipped. False for anything
-    // that is no segment, for a message that would not fit a 32-bit length, and when memory is
-    // out; a log line of the side says which.
+    // that is no segment, for a message of more than `limit` bytes, and when memory is out; a log
+    // line of the side says which.
     [[nodiscard]] bool Add(const char* buffer, uint32_t size);
 
     // A segment marked last has been taken.
@@ -90,14 +92,16 @@ public:
     // Nothing of a message has been taken yet.
     bool untouched() const { return segments_ == 0; }
 
-    // Hands out the message and its length; null with a log line for an empty message.
+    // Hands out the message and its length, which does not count the zero byte that stands behind
+    // it; null with a log line for an empty message.
     [[nodiscard]] HeapBlock Take(uint32_t* length);
 
 private:
     bool Append(const char* value, uint32_t len);
 
     const LogSide& side_;
-    HeapBlock block_;
+    const uint32_t limit_;
+    HeapBlock block_;  // of capacity_ bytes and one
     uint32_t capacity_ = 0;
     uint32_t length_ = 0;
     uint64_t segments_ = 0;

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <string>
 
 #include "hdc/test_support.h"
@@ -41,6 +42,24 @@ TEST(Segments, ForeignBytesAreRefused) {
                   joiner.Add(c.bytes.data(), static_cast<uint32_t>(c.bytes.size())));
         EXPECT_EQ(c.answer == kFinished, joiner.finished());
         EXPECT_EQ(c.answer == kRefused, joiner.untouched());
+    }
+}
+
+TEST(Segments, AMessageIsBoundedAndEndsInAZeroByte) {
+    constexpr uint32_t kLimit = 3 * 1000;
+    const std::string head = Segment(std::string(1000, 'h'), 0);
+    const std::string longest = Segment(std::string(1000, 't'), 1);
+    const std::string tooLong = Segment(std::string(1001, 't'), 1);
+    for (const std::string& last : {longest, tooLong}) {
+        MessageJoiner joiner(kCoreSide, kLimit);
+        ASSERT_TRUE(joiner.Add(head.data(), static_cast<uint32_t>(head.size())));
+        ASSERT_TRUE(joiner.Add(head.data(), static_cast<uint32_t>(head.size())));
+        EXPECT_EQ(last == longest, joiner.Add(last.data(), static_cast<uint32_t>(last.size())));
+        EXPECT_EQ(last == longest, joiner.finished());
+        uint32_t length = 0;
+        const HeapBlock message = joiner.Take(&length);
+        EXPECT_EQ(last == longest ? kLimit : 2000u, length);
+        EXPECT_EQ(length, std::strlen(message.get()));
     }
 }
 

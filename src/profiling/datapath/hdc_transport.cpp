@@ -73,9 +73,9 @@ int HDCTransport::RecvPacket(IdeRequest** packet) {
     }
     void* buffer = nullptr;
     uint32_t length = 0;
-    const int ret = HdcRead(session_, &buffer, &length, kProfilingSide);
+    const int ret = HdcRead(session_, &buffer, &length, orla::kMaxMessage, kProfilingSide);
     orla::HeapBlock block(static_cast<char*>(buffer));
-    if (ret != kHdcReadDone || length < sizeof(IdeRequest) || length > INT32_MAX) {
+    if (ret != kHdcReadDone || length < sizeof(IdeRequest)) {
         PROF_LOGW("hdc read failed: ret=%d; bufLen=%d", ret, static_cast<int>(length));
         return kRecvFailed;
     }
