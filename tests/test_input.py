@@ -38,7 +38,7 @@ def test_a_first_request_is_refused_when_it_passes_its_limit(device):
     with Peer(device.hdc) as peer:
         with pytest.raises(OSError):
             peer.message(request(16, bytes(300_000_000)))
-    assert peak.stays_below(20 * MIB)
+    assert peak.stays_below(8 * MIB)
     with Peer(device.hdc) as peer:
         peer.message(request(16, bytes(3 << 20)))
         assert peer.closed()
