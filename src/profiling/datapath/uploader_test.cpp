@@ -223,7 +223,7 @@ TEST(UploaderMgr, AReplacedUploaderEndsAtOnceAndTheNextInheritsTheEndOfTheJob) {
         old.uploader->Stop();
     }
     EXPECT_THAT(log.Take("E"),
-                testing::Contains("E Another data session has come for the job, uploader ends, "
+                testing::Contains("E Another data session has come for the job, uploader gives up, "
                                   "messages lost:2, bytes:2"));
 
     struct Case {
