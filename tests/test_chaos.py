@@ -80,7 +80,7 @@ ERRORS = re.compile("|".join((
     "CollectionJobRegisterAndRun failed", "Hdc Session Accept Error", "[Aa]lloc [Mm]sg",
     "[Gg]et [Ss]ession", "vfid by session failed", "Get run env failed",
     "IdeGetDevIdBySession failed", "create HDC transport failed",
-    "prof_channel_(read|poll)", "read device", "CollectStart",
+    "prof_channel_(read|poll)", "read device", "CollectStart", "server destroy error : 23, times 1$",
     "DrvGetChannels", "Function ret check failed", "DrvStop", "DrvPeripheralStart",
     "[Pp]oll channel", "app mon client init failed")))
 

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from device import BIN, Device, end, settled, threads_and_descriptors, wait_for
-from wire import FRAMEWORK, MAX_SEGMENT, Peer, frame, hello, request, segment
+from wire import FRAMEWORK, MAX_SEGMENT, REQUESTS, Peer, frame, hello, request, segment
 
 
 @pytest.fixture(scope="module")
@@ -29,17 +29,18 @@ def daemon(served):
     wait_for(lambda: threads_and_descriptors(program) == before, "return of threads, descriptors")
 
 
-def is_served(device):
+def is_served(device, number=0):
     """A request that names no component reaches the end of the loop: closed, and logged."""
     words = "req->type: 16, Invalid request or no hdc process func register"
     before = sum(words in line for line in device.lines())
-    with Peer(device.hdc) as peer:
+    with Peer(device.hdc, number) as peer:
         peer.message(request(16, b"x"))
         assert peer.closed(5)
     device.logged(words, before + 1)
     return True
 
 
+<<<<<<< HEAD
 def test_standard_output_is_read_while_the_daemon_runs():
     with Device() as device:
         config = device.root / "var/log/npu/conf/slog/slog.conf"
@@ -49,6 +50,18 @@ def test_standard_output_is_read_while_the_daemon_runs():
         assert select.select([program.stdout], [], [], 10)[0], "nothing is said"
         assert "[WARNING]" in program.stdout.readline()
         assert program.poll() is None
+=======
+def test_a_device_goes_and_comes():
+    flaps = {"up_ms": 1500, "down_ms": 300, "count": 3}
+    with Device({"devices": [{"logical": 0}, {"logical": 1, "flaps": flaps}]}) as device:
+        program = device.daemon()
+        services = (REQUESTS, FRAMEWORK)
+        for there in (True, False, True):
+            wait_for(lambda: all(device.listens(1, each) == there for each in services),
+                     f"device that is {'there' if there else 'gone'}")
+        assert is_served(device) and is_served(device, 1)
+        assert end(program)[0] == 0
+>>>>>>> refs/heads/emu
 
 
 def test_only_one_instance_and_stop_in_order():

@@ -29,7 +29,7 @@ OutgoingBuffer::OutgoingBuffer(const char* data, uint32_t length, const Caller& 
 
 bool OutgoingBuffer::IsIntact() const {
     const char* last = data_ + length_ - Kept();
-    if (length_ >= kOwnMapping && !(IsMapped(data_) && IsMapped(last))) {
+    if (length_ >= kOwnMapping && !IsMapped(data_)) {
         return false;
     }
     return std::memcmp(first_.data(), data_, Kept()) == 0 &&
