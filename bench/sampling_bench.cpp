@@ -162,7 +162,7 @@ public:
     }
     void Sample() {
         handler_->Execute();
-        uploader_->Flush();
+        Check(uploader_->Flush(), "flush");
     }
 
 private:

@@ -40,7 +40,6 @@ def is_served(device, number=0):
     return True
 
 
-<<<<<<< HEAD
 def test_standard_output_is_read_while_the_daemon_runs():
     with Device() as device:
         config = device.root / "var/log/npu/conf/slog/slog.conf"
@@ -50,7 +49,8 @@ def test_standard_output_is_read_while_the_daemon_runs():
         assert select.select([program.stdout], [], [], 10)[0], "nothing is said"
         assert "[WARNING]" in program.stdout.readline()
         assert program.poll() is None
-=======
+
+
 def test_a_device_goes_and_comes():
     flaps = {"up_ms": 1500, "down_ms": 300, "count": 3}
     with Device({"devices": [{"logical": 0}, {"logical": 1, "flaps": flaps}]}) as device:
@@ -61,7 +61,6 @@ def test_a_device_goes_and_comes():
                      f"device that is {'there' if there else 'gone'}")
         assert is_served(device) and is_served(device, 1)
         assert end(program)[0] == 0
->>>>>>> refs/heads/emu
 
 
 def test_only_one_instance_and_stop_in_order():

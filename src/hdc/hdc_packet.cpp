@@ -29,6 +29,10 @@ bool MessageJoiner::Add(const char* buffer, uint32_t size) {
     if (buffer == nullptr || size == 0) {
         return true;
     }
+    if (finished_) {  // nobody may be given the head of the next message as a part of this one
+        SIDE_LOG(side_, kError, "a segment comes after the last one of its message");
+        return false;
+    }
     if (size < sizeof(IdeHdcPacket)) {
         SIDE_LOG(side_, kError, "segment of %u bytes is shorter than its header", size);
         return false;
