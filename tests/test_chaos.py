@@ -71,6 +71,8 @@ REASONS = re.compile("|".join((
 # no application monitor runs.
 ERRORS = re.compile("|".join((
     "Hdc Send, error", "Hdc Recv", "hdc write failed", "Failed to upload data",
+    "uploader gives up, messages lost", "ends without all of its data", "FinishCollection failed",
+    "Push data failed", "Upload Data Failed", "Upload data failed", "bytes lost:",
     "Ide Hdc Read Request failed", "reveice request failed", "get pid failed",
     "send (message|file path|end msg|empty file|respone) failed",
     "Send file name or file content failed", "read or send file failed", "hand shake failed",

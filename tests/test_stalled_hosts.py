@@ -66,13 +66,19 @@ class GoodHost(threading.Thread):
         super().__init__()
         self.device, self.over = device, threading.Event()
         self.worst, self.problem, self.rounds = (0.0, "nothing"), None, 0
+        self.around = []  # lines of the log when the worst answer came
         self.start()
 
     def timed(self, what, step, expected):
         began = time.monotonic()
         answer = step()
-        self.worst = max(self.worst, (time.monotonic() - began, what))
+        self.note(what, time.monotonic() - began)
         assert answer == expected, f"{what}: {answer}"
+
+    def note(self, what, seconds):
+        if seconds > max(self.worst[0], WORST / 2):
+            self.around = self.device.lines()[-400:]
+        self.worst = max(self.worst, (seconds, what))
 
     def run(self):
         try:
@@ -97,7 +103,7 @@ class GoodHost(threading.Thread):
     def handshake(self, host):
         began = time.monotonic()
         answer = host.handshake()  # refused while the last session's end is being noticed
-        self.worst = max(self.worst, (time.monotonic() - began, "handshake"))
+        self.note("handshake", time.monotonic() - began)
         return answer == reply()
 
     def end(self):
@@ -105,7 +111,7 @@ class GoodHost(threading.Thread):
         self.join(LONG)
         print(f"{self.rounds} jobs, worst answer: {self.worst[0]:.3f} s, {self.worst[1]}")
         assert self.problem is None, self.problem
-        assert self.rounds > 5 and self.worst[0] < WORST, self.worst
+        assert self.rounds > 5 and self.worst[0] < WORST, "\n".join([str(self.worst), *self.around])
 
 
 @pytest.fixture(name="device")

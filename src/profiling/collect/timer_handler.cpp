@@ -199,9 +199,11 @@ void ProcTimerHandler::SendData(const char* data, uint64_t len) {
     MessageBuffer message =
         EncodeFileChunk({data, len}, {retFileName_, false, DataModule(GetTag())},
                         road_.jobCtx == nullptr ? none : *road_.jobCtx);
-    if (message == nullptr || road_.upLoader->UploadData(std::move(message)) != 0) {
+    const bool fails = message == nullptr || road_.upLoader->UploadData(std::move(message)) != 0;
+    if (fails && !isFailing_) {
         PROF_LOGE("[ProcTimerHandler::SendData] Upload Data Failed");
     }
+    isFailing_ = fails;
 }
 
 void ProcTimerHandler::FlushBuf() {

@@ -107,6 +107,7 @@ private:
     analysis::nedra::common::memory::Chunk buf_;
     ProcFile source_;  // with the empty path: none
     bool isInited_ = false;
+    bool isFailing_ = false;      // the last upload failed, which is told when it begins
     uint64_t prevTimeStamp_ = 0;  // ns, of the last sample; 0: none yet
     const uint64_t sampleIntervalNs_;
     uint64_t index_ = 0;  // samples so far, empty ones included

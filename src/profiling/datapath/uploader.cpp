@@ -110,12 +110,21 @@ int Uploader::UploadData(MessageBuffer message) {
         if (queue_->Push(std::move(message), kCheckPeriod, [this] { CheckHost(); })) {
             return 0;
         }
-        PROF_LOGE("[Uploader::UploadData]Push data failed.");
+        Refuse();
     } catch (const std::exception& e) {
         PROF_LOGE("make shared failed, message: %s", e.what());
     }
     Settle();  // the producer knows what it has lost
     return -1;
+}
+
+// A host that has gone costs its job a message each time that something is sampled: one line tells
+// that it begins, and one at the end how many.
+void Uploader::Refuse() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (++refused_ == 1) {
+        PROF_LOGE("[Uploader::UploadData]Push data failed.");
+    }
 }
 
 bool Uploader::Flush() {
@@ -330,6 +339,10 @@ int Uploader::Uninit() {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         released.swap(transport_);
+    }
+    if (refused_ > 1) {
+        PROF_LOGE("[Uploader::UploadData]Push data failed, messages lost:%llu",
+                  static_cast<unsigned long long>(refused_));
     }
     inited_ = false;
     return 0;

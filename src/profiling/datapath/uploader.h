@@ -103,6 +103,8 @@ protected:
 private:
     // Whether there is a queue, and `data` for it; a log line when not.
     bool Accepts(const void* data) const;
+    // Counts a message that came when nothing is sent any more.
+    void Refuse();
     void SendQueued();
     void Send(ITransport* transport, std::string& message);
     // One message fewer that waits for its end.
@@ -138,6 +140,7 @@ private:
     bool isLossy_ = false;  // noted
     uint64_t lostMessages_ = 0;
     uint64_t lostBytes_ = 0;
+    uint64_t refused_ = 0;        // messages that came after the queue had quit
     std::string reason_;          // why messages are lost
     Clock::time_point lastSent_;  // when a message last went to the driver
     bool bounded_ = false;        // the job ends
