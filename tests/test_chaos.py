@@ -73,6 +73,7 @@ ERRORS = re.compile("|".join((
     "Hdc Send, error", "Hdc Recv", "hdc write failed", "Failed to upload data",
     "uploader gives up, messages lost", "ends without all of its data", "FinishCollection failed",
     "Push data failed", "Upload Data Failed", "Upload data failed", "bytes lost:",
+    "Upload (cpu|llc) data failed", "slices of the recording", "Destroy Error : 23",
     "Ide Hdc Read Request failed", "reveice request failed", "get pid failed",
     "send (message|file path|end msg|empty file|respone) failed",
     "Send file name or file content failed", "read or send file failed", "hand shake failed",

@@ -335,11 +335,9 @@ int Uploader::Uninit() {
         return 0;
     }
     Stop(true);
-    std::shared_ptr<ITransport> released;
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        released.swap(transport_);
-    }
+    std::shared_ptr<ITransport> released;  // after the lock
+    const std::lock_guard<std::mutex> lock(mutex_);
+    released.swap(transport_);
     if (refused_ > 1) {
         PROF_LOGE("[Uploader::UploadData]Push data failed, messages lost:%llu",
                   static_cast<unsigned long long>(refused_));
