@@ -140,6 +140,26 @@ TEST_F(CollectEngineTest, AnEngineEndsNothingThatAnotherUses) {
     EXPECT_EQ(WorkDirs(), (Names{"1", "a", "other"}));
 }
 
+TEST_F(CollectEngineTest, AJobIdIsOneOwnersUntilItsSessionHasEnded) {
+    const auto owner = std::make_shared<int>();
+    ScriptedEngine own(0);
+    ScriptedEngine sameOwner(1);
+    ScriptedEngine other(1);
+    own.engine.SetOwner(owner);
+    sameOwner.engine.SetOwner(owner);
+    other.engine.SetOwner(std::make_shared<int>());
+    EXPECT_EQ(own.Open("job"), 0);
+    EXPECT_EQ(sameOwner.Open("job"), 0);
+    EXPECT_EQ(other.Open("job"), -1);
+    EXPECT_EQ(other.status.info, "Failed to create tmp root result directory.");
+    EXPECT_EQ(WorkDirs(), (Names{"0", "1", "job", "other"}));
+    EXPECT_EQ(sameOwner.engine.CollectStop(sameOwner.status), 0);
+    EXPECT_EQ(other.Open("job"), -1);
+    EXPECT_EQ(own.engine.CollectStop(own.status), 0);
+    EXPECT_EQ(other.Open("job"), 0);
+    EXPECT_EQ(other.engine.CollectStop(other.status), 0);
+}
+
 TEST_F(CollectEngineTest, WhatAKilledAgentLeftIsNobodysData) {
     const auto slice = [](const char* dir) {
         std::filesystem::create_directories(orla::test::kWorkRoot + dir);

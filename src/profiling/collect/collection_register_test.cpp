@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <future>
+#include <new>
+
 #include "hdc/test_support.h"
 #include "profiling/collect/collect_test_support.h"
 
@@ -44,6 +47,34 @@ TEST_F(CollectionRegister, AJobRunsOncePerDeviceAndAGlobalOneOnce) {
     EXPECT_EQ(registry.CollectionJobRegisterAndRun(1, 28, b), 0);
     EXPECT_EQ(registry.CollectionJobUnregisterAndStop(1, 28, b), 0);
     EXPECT_EQ(a->calls + b->calls, "PUPUPUPU");
+}
+
+TEST_F(CollectionRegister, AJobThatStopsKeepsItsTagAndHoldsNobodyUp) {
+    std::promise<void> goOn;
+    std::promise<void> stops;
+    a->isGlobal = true;
+    a->onUninit = [&] {
+        stops.set_value();
+        goOn.get_future().wait();
+    };
+    ASSERT_EQ(registry.CollectionJobRegisterAndRun(0, 28, a), 0);
+    auto stop = std::async(std::launch::async,
+                           [&] { return registry.CollectionJobUnregisterAndStop(0, 28, a); });
+    stops.get_future().wait();
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(1, 28, b), -1) << "not let go of yet";
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(0, 28, a), -1) << "once";
+    EXPECT_FALSE(registry.Holds(0, 28, a));
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(1, 5, b), 0);
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(1, 5, b), 0);
+    goOn.set_value();
+    EXPECT_EQ(stop.get(), 0);
+    EXPECT_EQ(registry.CollectionJobRegisterAndRun(1, 28, b), 0);
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(1, 28, b), 0);
+    a->onUninit = [] { throw std::bad_alloc(); };
+    ASSERT_EQ(registry.CollectionJobRegisterAndRun(0, 28, a), 0);
+    EXPECT_THROW(static_cast<void>(registry.CollectionJobUnregisterAndStop(0, 28, a)),
+                 std::bad_alloc);
+    EXPECT_EQ(registry.CollectionJobUnregisterAndStop(0, 28, a), -1) << "and not for good";
 }
 
 }  // namespace

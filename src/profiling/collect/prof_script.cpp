@@ -102,12 +102,26 @@ ScriptLimit LimitAfter(milliseconds patience) {
     return [deadline = steady_clock::now() + patience] { return steady_clock::now() >= deadline; };
 }
 
-int StartScript(const std::vector<std::string>& words, const std::string& outputFile,
-                const std::string& environment, int& pid) {
+namespace {
+
+// A kill run ends whatever the script has started, so no recording starts while one runs: it
+// would be ended with those of another job. A leaf, but for what the start of a child locks.
+std::mutex killMutex;
+
+int Launch(const std::vector<std::string>& words, const std::string& outputFile,
+           const std::string& environment, int& pid) {
     ReapScripts();
     const ExecCmdParams params{words.front(), true, outputFile};
     int exitCode = 0;
     return Utils::ExecCmd(params, {words.begin() + 1, words.end()}, {environment}, exitCode, pid);
+}
+
+}  // namespace
+
+int StartScript(const std::vector<std::string>& words, const std::string& outputFile,
+                const std::string& environment, int& pid) {
+    const std::lock_guard<std::mutex> lock(killMutex);
+    return Launch(words, outputFile, environment, pid);
 }
 
 int WaitScript(int pid, const ScriptLimit& isOver, int& exitCode) {
@@ -132,12 +146,13 @@ int RunScript(const std::vector<std::string>& arguments, const std::string& outp
     std::vector<std::string> words = {kScriptSudo, kScriptPath};
     words.insert(words.end(), arguments.begin(), arguments.end());
     int pid = -1;
-    const int ret = StartScript(words, outputFile, kScriptEnvironment, pid);
+    const int ret = Launch(words, outputFile, kScriptEnvironment, pid);
     return ret != 0 ? ret : WaitScript(pid, isOver, exitCode);
 }
 
 int KillScript(const ScriptLimit& isOver) {
     int exitCode = 0;
+    const std::lock_guard<std::mutex> lock(killMutex);
     const int ret = RunScript({"--kill"}, "", isOver, exitCode);
     if (ret != 0) {
         PROF_LOGE("Failed to kill process perf, ret=%d", ret);

@@ -10,7 +10,7 @@
 // account that is not root may not kill it. Such a child is left alone and remembered, and is
 // reaped by one of the next calls, when it has ended after all.
 //
-// Free functions on any thread; what they remember has a lock of its own.
+// Free functions on any thread; what they remember, and their order, have locks of their own.
 #pragma once
 
 #include <chrono>
@@ -46,7 +46,8 @@ using ScriptLimit = std::function<bool()>;
 // A limit that is reached `patience` after this call, however many waits share it.
 [[nodiscard]] ScriptLimit LimitAfter(std::chrono::milliseconds patience);
 
-// Starts a command, which is cut into `words` with the program in front, and does not wait.
+// Starts a recording: a command, which is cut into `words` with the program in front. Does not wait
+// for it, but for the end of a KillScript that is under way.
 // Standard output and error go to `outputFile`, unless that is empty; `environment` is one
 // "NAME=value". 0 with the child in `pid`, who has to be waited for; or -1, and `pid` stays.
 [[nodiscard]] int StartScript(const std::vector<std::string>& words, const std::string& outputFile,

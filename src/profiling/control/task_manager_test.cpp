@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -133,7 +134,9 @@ TEST_F(TaskTest, AKeyHasOneTaskOnTheDeviceThatItsHostMeans) {
     EXPECT_EQ(Create("a_9", 9)->GetDevId(), 9) << "nobody told";
     EXPECT_EQ(Create("a_5", 5)->GetDevId(), 2);
     EXPECT_EQ(Create("a_5", 9), nullptr);
-    EXPECT_EQ(manager.GetTask("a_5")->GetDevId(), 2);
+    EXPECT_EQ(manager.GetTask("a_5", host)->GetDevId(), 2);
+    EXPECT_EQ(manager.GetTask("a_5", std::make_shared<PacedHost>()), nullptr) << "not its own";
+    EXPECT_EQ(manager.CreateTask(5, "b_5", host, 7)->GetDevId(), 7) << "its session knows better";
     EXPECT_TRUE(manager.DeleteTask("a_5"));
     EXPECT_FALSE(manager.DeleteTask("a_5"));
     EXPECT_EQ(manager.CreateTask(0, "b", nullptr), nullptr);
@@ -176,6 +179,52 @@ TEST_F(TaskTest, AResetEndsTheJobsOfItsSessionOnly) {
     EXPECT_EQ(Start(other, nullptr), "refused, started: [Start] pmu event size is not valid!");
     manager.Uninit();
     EXPECT_FALSE(IsStarted("mine"));
+}
+
+TEST_F(TaskTest, AJobThatEndsKeepsItsKeyAndHoldsNobodyUp) {
+    const Task task = Begin("job");
+    const auto stalled = std::make_shared<PacedHost>();
+    stalled->Read(false);
+    ASSERT_EQ(UploaderMgr::instance().CreateUploader("job", stalled, 512), 0);
+    auto reset = std::async(std::launch::async, [&] { manager.ConnectionReset(host); });
+    EXPECT_TRUE(orla::test::WaitFor([&] { return stalled->Begun() == 1; }));  // the finish message
+    EXPECT_EQ(manager.GetTask("job"), nullptr);
+    EXPECT_FALSE(manager.DeleteTask("job"));
+    EXPECT_EQ(Create("job"), nullptr) << "its key is taken to the end";
+    host = std::make_shared<PacedHost>();
+    EXPECT_EQ(JobEnd(Begin("other")), "done, idle");
+    EXPECT_TRUE(manager.DeleteTask("other"));
+    EXPECT_EQ(reset.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
+    stalled->Read(true);
+    reset.get();
+    EXPECT_NE(Create("job"), nullptr);
+}
+
+TEST_F(TaskTest, StalledHostsLeaveNothing) {
+    constexpr char kLost[] =
+        "refused, idle: Stop profiling failed, please check it or see log for more info";
+    const auto threads = [] {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        return std::distance(begin(tasks), end(tasks));
+    };
+    const auto before = threads();
+    for (int i = 0; i < 20; ++i) {
+        const std::string id = "stalled" + std::to_string(i);
+        const Task task = Begin(id);
+        const auto stalled = std::make_shared<PacedHost>();
+        stalled->Read(false);
+        auto uploader =
+            std::make_shared<transport::Uploader>(stalled, std::chrono::milliseconds(20));
+        ASSERT_EQ(uploader->Init(4), 0);
+        ASSERT_EQ(uploader->Start(), 0);
+        UploaderMgr::instance().AddUploader(id, std::exchange(uploader, nullptr));
+        EXPECT_EQ(JobEnd(task), kLost);
+        EXPECT_TRUE(stalled->Closed());
+        EXPECT_TRUE(manager.DeleteTask(id));
+        EXPECT_EQ(UploaderMgr::instance().UploadData(id, "x", 1), -1) << "it is gone";
+    }
+    UploaderMgr::instance().DelUploader("job");
+    EXPECT_TRUE(orla::test::WaitFor([&] { return threads() <= before; }));
 }
 
 TEST_F(TaskTest, AResetInTheMiddleOfAStopWaitsForItAndFindsNothingToDo) {
