@@ -10,6 +10,7 @@ import os
 import pathlib
 import random
 import re
+import socket
 import struct
 import subprocess
 import tempfile
@@ -19,6 +20,7 @@ import traceback
 
 from device import (BIN, SANITIZED, Device, end, resident, settled, threads_and_descriptors,
                     wait_for)
+from profiler import LLC as LLC_JOB, Host, context, reply
 from wire import FRAMEWORK, REQUESTS, Peer, frame, hello, message, request, segment
 
 SECONDS = float(os.environ.get("ORLA_CHAOS_SECONDS", 60))
@@ -50,6 +52,7 @@ MODULES = ["SYSTEM", "CORE", "DRIVER", "RUNTIME", "FIRMWARE", "BOOT", "KERNEL", 
 FOLDERS = {"slog": "var/log/npu/slog", "bbox": "var/log/npu/sablebox_logs",
            "stackcore": "var/log/npu/coredump"}
 MODES = ["def_mode", "system-wide"]
+STALLED = 2  # the device of the hosts that don't read
 CACHE = ["--llc-events", "read,write", "--set", "sys_profiling=off", "--set", "pid_profiling=off"]
 # What each of the four hosts profiles: mostly what no other one holds meanwhile.
 JOBS = [[[], ["--cpu"], ["--mem", "--pids"]], [CACHE], [CACHE],
@@ -96,12 +99,13 @@ def choose_liberties(chance):
     return {name: value for name, value in chosen.items() if value is not None}
 
 
-def make_scenario(liberties):
-    """Two devices, without faults."""
+def make_scenario(liberties, rates=(1 << 20, 1 << 20)):
+    """Devices, by the bytes per second of their channels, without faults."""
     liberties = dict(liberties)
-    channel = {"id": LLC, "name": "LLC", "rate": 1 << 20, "buffer": 1 << 27,
+    channel = {"id": LLC, "name": "LLC", "buffer": 1 << 27,
                "drop_at_stop": liberties.pop("drop_at_stop", False)}
-    return {"devices": [{"logical": n, "physical": n, "channels": [channel]} for n in (0, 1)],
+    return {"devices": [{"logical": n, "physical": n, "channels": [{**channel, "rate": rate}]}
+                        for n, rate in enumerate(rates)],
             "liberties": liberties}
 
 
@@ -158,6 +162,7 @@ class Hosts:
         self.counts = collections.Counter()
         self.levels = {}  # acknowledged, by module
         self.streams = []  # (device, start, records) of channels, from jobs that lack nothing
+        self.answers = []  # seconds that the log level took
         self.gaps = []  # (from, to, what) of work that ended well, but not with all of its data
         path = device.root / "hosts.json"  # without the faults
         path.write_text(json.dumps(scenario))
@@ -204,9 +209,12 @@ class Hosts:
             self.reads_back(chance, module, 0.05)
 
     def reads_back(self, chance, module, kill=0):
+        began = time.monotonic()
         code, out = self.tool(chance, "log", "get", module, kill=kill, within=0.1)
         expected = f"[{module}] {self.levels.get(module, '')}"
         assert code != 0 or out.count(expected) == 2, f"{out}, not {expected}"
+        if code == 0:
+            self.answers.append(time.monotonic() - began)
         return code == 0
 
     def pull(self, chance, _):
@@ -285,11 +293,43 @@ class Hosts:
                 pass  # it does not listen for a moment, has had enough, or says no more
             self.counts["rude"] += 1
 
+    def stalls(self, chance, _):
+        """Starts a job, reads none of its data, and goes on in one of many ways, or not at all."""
+        while time.monotonic() < self.until:
+            self.counts["stalled"] += 1
+            host = Host(self.device, f"stalled{self.counts['stalled']}", STALLED,
+                        chance.choice(MODES), reads=False)
+            try:
+                # The last job of the mode may still be ending.
+                wait_for(lambda one=host: one.handshake() == reply() or time.monotonic() > self.until,
+                         "handshake", PATIENCE)
+                steps = (host.data_handshake, lambda: host.job_start(LLC_JOB),
+                         lambda: host.replay_start({8: "read"}))
+                if all(step() == reply() for step in steps):
+                    self.stall(chance, host)
+            except (OSError, EOFError):
+                pass  # a fault, or an end that the other one's job has had
+            host.close()
+
+    def stall(self, chance, host):
+        host.data.socket.setblocking(True)
+        host.data.socket.recv(1, socket.MSG_PEEK)
+        way = chance.randrange(4)
+        if way == 0:
+            host.control.shut()
+        elif way == 1:
+            host.data_handshake()
+        elif way == 2:
+            host.control.message(message("JobStopReq", context(host.job, host.host_number)))
+        wait_for(lambda over=time.monotonic() + chance.choice([1, 2, 40]): time.monotonic() > min(
+            over, self.until), "the end of the stall", PATIENCE)
+
     def run(self, chance, seconds):
         self.until = time.monotonic() + seconds
         half = len(MODULES) // 2
         parts = [(self.log, MODULES[:half]), (self.log, MODULES[half:]), (self.pull, None),
-                 (self.pull, None), (self.rude, None), *((self.profiles, n) for n in range(4))]
+                 (self.pull, None), (self.rude, None), *((self.profiles, n) for n in range(4)),
+                 (self.stalls, None)]
         threads = [threading.Thread(target=self.guarded, args=(
             work, random.Random(chance.random()), on)) for work, on in parts]
         for thread in threads:
@@ -346,11 +386,12 @@ def test_chaos():
     print(f"ORLA_CHAOS_SEED={SEED}")  # pytest shows it when the test fails
     chance = random.Random(SEED)
     liberties = choose_liberties(chance)
-    scenario = make_scenario(liberties)
-    with Device({**scenario, "faults": list(make_faults(chance))}) as device:
+    scenario = make_scenario(liberties)  # what the host tool knows of
+    whole = make_scenario(liberties, (1 << 20, 1 << 20, 1 << 25))  # and the device of the stalled
+    with Device({**whole, "faults": list(make_faults(chance))}) as device:
         daemon = device.daemon()
-        wait_for(lambda: all(device.listens(n, s) for n in (0, 1) for s in (REQUESTS, FRAMEWORK)),
-                 "all services")
+        wait_for(lambda: all(device.listens(n, s) for n in range(3)
+                             for s in (REQUESTS, FRAMEWORK)), "all services")
         device.start(BIN / "orla-slogd", join=True)
         hosts, tail = Hosts(device, chance, scenario), LogTail(device.log)
         try:
@@ -364,6 +405,7 @@ def test_chaos():
                 await_rest(device, daemon, before, places, tail)
                 memory.append(resident(daemon))
             print(hosts.counts, memory)
+            print(f"worst answer to a good host: {max(hosts.answers):.3f} s")
             for module in hosts.levels:
                 wait_for(lambda: hosts.reads_back(chance, module), "answer to a get")
             assert end(daemon)[0] == 0
