@@ -15,7 +15,9 @@ from wire import message
 
 STOP_FAILED = reply(1, "Stop profiling failed, please check it or see log for more info")
 PATIENCE = 30  # seconds without a segment, after which a host is given up
-WORST = 5 if SANITIZED else 1.5  # seconds, of an answer to a host that does nothing wrong
+# Seconds that an answer may take to a host that does nothing wrong: but for one in a hundred, which
+# the machine may delay, and in any case. To wait for a stalled host takes longer.
+USUAL, WORST = 5 if SANITIZED else 1, 25
 FAST, SLOW = "unlimited", 8 << 20  # bytes per second of a device's channel
 RATES = [FAST, FAST, FAST, SLOW, SLOW, SLOW, 0]
 GOOD = len(RATES) - 1
@@ -65,7 +67,7 @@ class GoodHost(threading.Thread):
     def __init__(self, device):
         super().__init__()
         self.device, self.over = device, threading.Event()
-        self.worst, self.problem, self.rounds = (0.0, "nothing"), None, 0
+        self.answers, self.problem, self.rounds = [(0.0, "nothing")], None, 0
         self.around = []  # lines of the log when the worst answer came
         self.start()
 
@@ -76,9 +78,9 @@ class GoodHost(threading.Thread):
         assert answer == expected, f"{what}: {answer}"
 
     def note(self, what, seconds):
-        if seconds > max(self.worst[0], WORST / 2):
+        if seconds > max(USUAL, max(self.answers)[0]):
             self.around = self.device.lines()[-400:]
-        self.worst = max(self.worst, (seconds, what))
+        self.answers.append((seconds, what))
 
     def run(self):
         try:
@@ -109,9 +111,11 @@ class GoodHost(threading.Thread):
     def end(self):
         self.over.set()
         self.join(LONG)
-        print(f"{self.rounds} jobs, worst answer: {self.worst[0]:.3f} s, {self.worst[1]}")
+        answers = sorted(self.answers)
+        worst, usual = answers[-1], answers[len(answers) * 99 // 100]
+        print(f"{len(answers)} answers, 99 of 100 within {usual[0]:.3f} s, worst {worst}")
         assert self.problem is None, self.problem
-        assert self.rounds > 5 and self.worst[0] < WORST, "\n".join([str(self.worst), *self.around])
+        assert self.rounds > 5 and usual[0] < USUAL and worst[0] < WORST, "\n".join(self.around)
 
 
 @pytest.fixture(name="device")
