@@ -241,4 +241,10 @@ std::shared_ptr<Message> DecodeOneOf(Types types, size_t maxSize, std::string_vi
     return DecodeMessage(buffer);
 }
 
+const Descriptor* TypeOf(std::string_view buffer) {
+    std::string_view name;
+    const auto message = ReadTypeName(buffer, &name) ? CreateMessage(name) : nullptr;
+    return message == nullptr ? nullptr : message->GetDescriptor();
+}
+
 }  // namespace analysis::nedra::message

@@ -51,6 +51,10 @@ using Types = std::initializer_list<const google::protobuf::Descriptor*>;
 [[nodiscard]] std::shared_ptr<google::protobuf::Message> DecodeOneOf(Types types, size_t maxSize,
                                                                      std::string_view buffer);
 
+// The type that an envelope names; null for one that is none, or names no type of the schema.
+// Nothing after the name is looked at.
+[[nodiscard]] const google::protobuf::Descriptor* TypeOf(std::string_view buffer);
+
 // A new, empty message of the type with that full name; null when there is none. The name ends
 // at its first zero byte.
 [[nodiscard]] std::shared_ptr<google::protobuf::Message> CreateMessage(std::string_view name);
