@@ -182,22 +182,22 @@ TEST_F(TaskTest, AResetEndsTheJobsOfItsSessionOnly) {
 }
 
 TEST_F(TaskTest, AJobThatEndsKeepsItsKeyAndHoldsNobodyUp) {
-    const Task task = Begin("job");
+    const Task task = Begin("first");
     const auto stalled = std::make_shared<PacedHost>();
     stalled->Read(false);
-    ASSERT_EQ(UploaderMgr::instance().CreateUploader("job", stalled, 512), 0);
+    ASSERT_EQ(UploaderMgr::instance().CreateUploader("first", stalled, 512), 0);
     auto reset = std::async(std::launch::async, [&] { manager.ConnectionReset(host); });
     EXPECT_TRUE(orla::test::WaitFor([&] { return stalled->Begun() == 1; }));  // the finish message
-    EXPECT_EQ(manager.GetTask("job"), nullptr);
-    EXPECT_FALSE(manager.DeleteTask("job"));
-    EXPECT_EQ(Create("job"), nullptr) << "its key is taken to the end";
+    EXPECT_EQ(manager.GetTask("first"), nullptr);
+    EXPECT_FALSE(manager.DeleteTask("first"));
+    EXPECT_EQ(Create("first"), nullptr) << "its key is taken to the end";
     host = std::make_shared<PacedHost>();
     EXPECT_EQ(JobEnd(Begin("other")), "done, idle");
     EXPECT_TRUE(manager.DeleteTask("other"));
     EXPECT_EQ(reset.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     stalled->Read(true);
     reset.get();
-    EXPECT_NE(Create("job"), nullptr);
+    EXPECT_NE(Create("first"), nullptr);
 }
 
 TEST_F(TaskTest, StalledHostsLeaveNothing) {
