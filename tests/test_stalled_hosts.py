@@ -163,8 +163,8 @@ def test_each_stall_costs_its_own_host(device):
     try:
         full, replaced, dripping, quiet, pausing, vanishing = hosts = [
             Stalling(device, f"s{n}", n).start() for n in range(GOOD)]
-        for count, host in enumerate((full, replaced, dripping)):
-            device.logged("IsFULL", count + 1)
+        wait_for(lambda: len({line.split("tid:")[1] for line in device.lines()
+                              if "IsFULL" in line}) >= 3, "three full queues", LONG)
         wait_for_stall(*hosts)
 
         full_stop = full.later("ReplayStopReq")
