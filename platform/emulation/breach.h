@@ -20,7 +20,7 @@ using ThreadName = std::array<char, 16>;
 // One operation on one thread, small enough for an atomic.
 class Caller {
 public:
-    // Of this thread.
+    // Returns the caller for the current thread.
     explicit Caller(Call call);
     // `value`: of another, not 0.
     [[nodiscard]] static Caller Of(uint64_t value) { return Caller(value); }

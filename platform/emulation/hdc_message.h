@@ -25,7 +25,7 @@ public:
     [[nodiscard]] const char* data() const { return data_; }
     [[nodiscard]] uint32_t length() const { return length_; }
     [[nodiscard]] const Caller& adder() const { return adder_; }
-    // False when the buffer isn't what it was.
+    // Returns false when the buffer has changed since it was added.
     [[nodiscard]] bool IsIntact() const;
 
 private:
@@ -57,7 +57,7 @@ public:
     [[nodiscard]] const std::optional<OutgoingBuffer>& outgoing() const { return outgoing_; }
     [[nodiscard]] size_t receivedCount() const { return receivedCount_; }
 
-    // False when the message isn't empty, or the length is out of range.
+    // Returns false when the message isn't empty, or the length is out of range.
     [[nodiscard]] bool SetOutgoing(const char* data, int length, const Caller& adder);
     // Ends the process when the caller's buffer isn't what it was.
     void CheckOutgoing(HandleValue handle, const Caller& caller) const;

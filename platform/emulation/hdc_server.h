@@ -42,7 +42,7 @@ public:
     // Stops listening, drops what wasn't accepted, and makes every accept fail with `reason`.
     void Stop(int reason);
 
-    // True once, for a server that its scenario doesn't let go at the first request.
+    // Returns true once, for a server whose first destroy the scenario refuses.
     [[nodiscard]] bool IsBusyYet() {
         return scenario_->liberties.destroyBusy && !busyTold_.exchange(true);
     }

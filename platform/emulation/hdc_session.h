@@ -110,7 +110,7 @@ private:
     std::atomic<uint64_t> receiver_{0};
     std::atomic<uint64_t> failedSender_{0};
 
-    // Of the one receiver.
+    // These belong to the thread that receives.
     std::array<char, kAhead> ahead_;
     size_t aheadBegin_ = 0;
     size_t aheadEnd_ = 0;

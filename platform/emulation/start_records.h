@@ -7,7 +7,7 @@
 
 namespace orla::emulation {
 
-// Null, or what is wrong with the record of a start of the channel with this name. A channel with
+// Returns what is wrong with the start record of the channel of this name; null for nothing. A channel with
 // a name that is in no table takes any configuration.
 [[nodiscard]] const char* StartRecordProblem(const std::string& channel, const ProfStartPara& para);
 

@@ -101,7 +101,7 @@ bool WaitForDevices() {
     return true;
 }
 
-// False when the creation loop can't go on.
+// Returns false when the creation loop can't go on.
 bool StartNewServers() {
     for (const uint32_t device : Ctrl().devices) {
         if (!Ctrl().servers.Start(device)) {

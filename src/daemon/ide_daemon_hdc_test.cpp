@@ -209,7 +209,7 @@ TEST_F(RequestLoop, ASessionWithoutAThreadIsClosedAndTheNextIsServed) {
     EXPECT_TRUE(WaitForWords("Thread Create Error: "));
 }
 
-// What is thrown on the listener's thread ends as a failed accept does.
+// An exception on the listener's thread has the outcome of a failed accept.
 TEST_F(RequestLoop, AnExceptionCostsTheServerOnly) {
     Start();
     ASSERT_TRUE(WaitForWords("create HDC server successfully"));

@@ -56,7 +56,7 @@ private:
 
     bool IsRunning();
     HdcServerPtr ServerOf(const Device& device);
-    // False once the servers are stopped: whoever stops them doesn't know this one.
+    // Returns false once the servers are stopped: the stop doesn't know this server.
     bool Keep(Device& device, const HdcServerPtr& server);
 
     std::map<uint32_t, std::shared_ptr<Device>> devices_;  // main thread alone

@@ -15,7 +15,7 @@ constexpr int kLargeBlock = 1 << 20;
 
 int main() {
     mallopt(M_MMAP_THRESHOLD, kLargeBlock);
-    // What is said there is of use while the daemon runs; it goes to a file or a journal then.
+    // A file or a journal gets each line at once: the lines are of use while the daemon runs.
     static_cast<void>(std::setvbuf(stdout, nullptr, _IOLBF, 0));
     const int result = IdeDaemonRun();
     // Detached session threads may still run: static objects must not be destroyed under them.

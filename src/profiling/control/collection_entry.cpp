@@ -108,7 +108,7 @@ int CollectionEntry::Handle(const std::shared_ptr<ITransport>& transport,
     StatusInfo status;
     status.status = 1;
     int ret = -1;
-    // Released behind the reply: its release closes the session.
+    // The receiver is released after the reply, since its release closes the session.
     std::shared_ptr<Receiver> receiver;
     // What nobody asks for is not built: it may take 70 times the memory of its bytes.
     const auto* type = message::TypeOf(message);

@@ -2,9 +2,9 @@
 // queue, and each device may have such a host: without a common bound their number times a full
 // queue decides how much of the card the agent takes.
 //
-// Each queue has a Share. A share may grow to what all others leave free and no further, so one
-// queue alone gets half of the budget, n that stand still get 1/(n + 1) each, and something is
-// always left for the next job:
+// Each queue has a Share. A share may grow to half of what the others leave. So one queue alone
+// gets half of the limit, the next one half of the rest, and something is always left for the next
+// job:
 //
 //     |<------------------------- limit ------------------------->|
 //     | share of a        | share of b        | free              |
