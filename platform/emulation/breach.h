@@ -20,9 +20,9 @@ using ThreadName = std::array<char, 16>;
 // One operation on one thread, small enough for an atomic.
 class Caller {
 public:
-    // Returns the caller for the current thread.
+    // Names the current thread, which is in `call`.
     explicit Caller(Call call);
-    // `value`: of another, not 0.
+    // `value`: that of another caller, not 0.
     [[nodiscard]] static Caller Of(uint64_t value) { return Caller(value); }
 
     [[nodiscard]] uint64_t value() const { return value_; }  // never 0

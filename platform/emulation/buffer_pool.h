@@ -2,8 +2,8 @@
 // faults than copying into it does. One pool per session, shared with its messages, since a
 // message outlives its session. Any thread.
 //
-// What is in the pool is nobody's: the address sanitizer stops whoever reads it, and without that
-// the reader finds other bytes where the segment began.
+// Nobody may read a buffer that is in the pool: the address sanitizer stops such a reader, and
+// without it the reader finds other bytes where the segment began.
 #pragma once
 
 #include <algorithm>

@@ -93,8 +93,8 @@ public:
         }
     }
 
-    // Null for a handle that isn't live, or is being closed: for those whose contract allows the
-    // race.
+    // Returns null for a handle that isn't live, or is being closed. It is for the operations whose
+    // contract allows that race.
     [[nodiscard]] std::shared_ptr<T> Find(const void* handle) {
         const std::lock_guard<std::mutex> lock(mutex_);
         const Slot* slot = SlotOf(handle);

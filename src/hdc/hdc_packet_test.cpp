@@ -61,6 +61,9 @@ TEST(Segments, AMessageIsBoundedAndEndsInAZeroByte) {
         EXPECT_EQ(last == longest ? kLimit : 2000u, length);
         EXPECT_EQ(length, std::strlen(message.get()));
     }
+    MessageJoiner whole(kCoreSide);
+    ASSERT_TRUE(whole.Add(longest.data(), static_cast<uint32_t>(longest.size())));
+    EXPECT_FALSE(whole.Add(head.data(), static_cast<uint32_t>(head.size()))) << "of the next";
 }
 
 TEST(Segments, EmptySegmentsNeitherMakeAMessageNorGoOnForEver) {
