@@ -63,7 +63,7 @@ REASONS = re.compile("|".join((
     "an earlier job of this mode may still run", "every source is off, or held by a job",
     "start job failed", "no daemon listens",  # for a second, when it could not accept
     "the device accepted the job, but nothing came from",
-    "the device (closed|ended) the (data )?session", "no (end of the )?answer", "an empty answer",
+    "the device (closed|ended) the (data )?session", "the device went away", "no (end of the )?answer", "an empty answer",
     r"\+\+OK\+\+|\[event\] on",  # the end of this answer did not come
     "could not be sent", "the end of the data did not come", "Stop profiling failed",
     "the device (fell silent|broke off|went on to the next file)", "slices that do not fit",
@@ -312,7 +312,7 @@ class Hosts:
             host.close()
 
     def stall(self, chance, host):
-        host.data.socket.setblocking(True)
+        host.data.socket.settimeout(PATIENCE / 10)  # nothing comes of a channel that did not start
         host.data.socket.recv(1, socket.MSG_PEEK)
         way = chance.randrange(4)
         if way == 0:

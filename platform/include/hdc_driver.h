@@ -129,7 +129,8 @@ drvError_t drvHdcGetMsgBuffer(drvHdcMsg_t message, int index, char** buffer, int
 drvError_t halHdcSend(drvHdcSession_t session, drvHdcMsg_t message, uint64_t flag,
                       uint32_t timeout);
 /* Receives into a message, which must be empty; `bufferCount` gets the number of buffers, at least
- * 1. A receive that fails leaves the message empty.
+ * 1: one for each buffer that a send moved, of one send or of several. A receive that fails leaves
+ * the message empty.
  * `size`: 0 for the driver's own limit, else the largest buffer taken, in bytes.
  * `timeout` in milliseconds counts with HDC_FLAG_TIMEOUT; when it runs out the result is
  * DRV_ERROR_WAIT_TIMEOUT. A peer that has gone gives DRV_ERROR_SOCKET_CLOSE, after all that

@@ -134,25 +134,45 @@ int HdcSessionWrite(const HdcSessionPtr& session, const void* buffer, int length
                         reinterpret_cast<IdeHdcPacket*>(block.get()), flag, side);
 }
 
-// Takes the buffers of one receive. The message is the driver's until its reuse.
-int StoreBuffers(drvHdcMsg_t message, int count, orla::MessageJoiner& joiner, const LogSide& side) {
+// Gives the message a buffer, or keeps it for the next message.
+bool StoreBuffer(HdcSession::Receiving& turn, const char* buffer, uint32_t length,
+                 orla::MessageJoiner& joiner, const LogSide& side) {
+    if (joiner.finished() ? turn.Keep(buffer, length) : joiner.Add(buffer, length)) {
+        return true;
+    }
+    SIDE_LOG(side, kError, "Hdc store package, error");
+    return false;
+}
+
+// Takes the buffers of one receive. The driver's message owns them until its reuse.
+bool StoreBuffers(HdcSession::Receiving& turn, drvHdcMsg_t message, int count,
+                  orla::MessageJoiner& joiner, const LogSide& side) {
     for (int i = 0; i < count; ++i) {
         char* buffer = nullptr;
         int length = 0;
         const drvError_t ret = drvHdcGetMsgBuffer(message, i, &buffer, &length);
         if (ret != DRV_ERROR_NONE) {
             SIDE_LOG(side, kError, "Hdc Get Msg Buffer, error %d", ret);
-            return -1;
+            return false;
         }
         if (buffer == nullptr || length <= 0) {
             continue;
         }
-        if (!joiner.Add(buffer, static_cast<uint32_t>(length))) {
-            SIDE_LOG(side, kError, "Hdc store package, error");
-            return -1;
+        if (!StoreBuffer(turn, buffer, static_cast<uint32_t>(length), joiner, side)) {
+            return false;
         }
     }
-    return 0;
+    return true;
+}
+
+// Takes the buffers that came with the end of the message before.
+bool StoreKept(HdcSession::Receiving& turn, orla::MessageJoiner& joiner, const LogSide& side) {
+    for (const std::string& kept : turn.TakeKept()) {
+        if (!StoreBuffer(turn, kept.data(), static_cast<uint32_t>(kept.size()), joiner, side)) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // The pauses of a read that waits for the rest of its message.
@@ -231,27 +251,26 @@ int HdcSessionRead(const HdcSessionPtr& session, void** buffer, uint32_t* length
     }
     orla::MessageJoiner joiner(side, limit);
     ReadPauses pauses;
-    while (true) {
+    bool stored = StoreKept(turn, joiner, side);
+    while (stored && !joiner.finished()) {
         int count = 0;
         ret = Receive(turn, message.get(), flag, !joiner.untouched(), &pauses, &count);
         if (ret != DRV_ERROR_NONE) {
             return ReceiveFailure(ret, !joiner.untouched(), side);
         }
-        if (StoreBuffers(message.get(), count, joiner, side) != 0) {
-            SIDE_LOG(side, kError, "%s",
-                     side.namesOperation ? "[HdcSessionRead]Hdc receive package, error"
-                                         : "Hdc receive package error");
-            return kHdcReadFailed;
-        }
-        if (side.namesOperation) {
+        stored = StoreBuffers(turn, message.get(), count, joiner, side);
+        if (stored && side.namesOperation) {
             SIDE_LOG(side, kDebug, "iovec list add begin");
         }
-        if (joiner.finished()) {
-            break;
-        }
-        if (message.Reuse() != 0) {
+        if (stored && !joiner.finished() && message.Reuse() != 0) {
             return kHdcReadFailed;
         }
+    }
+    if (!stored) {
+        SIDE_LOG(side, kError, "%s",
+                 side.namesOperation ? "[HdcSessionRead]Hdc receive package, error"
+                                     : "Hdc receive package error");
+        return kHdcReadFailed;
     }
     if (message.Free() != 0) {
         return kHdcReadFailed;

@@ -113,6 +113,26 @@ TEST_F(HdcTest, ReadsWithoutWaitingTellEmptyFromClosed) {
     EXPECT_TRUE(Logged("[HdcSessionRead]Session is closed."));
 }
 
+TEST_F(HdcTest, OneReceiveMayBringSeveralMessages) {
+    session_.reset();
+    listener_.reset();
+    ASSERT_EQ("", orla::control::LoadScenario(R"({"liberties": {"receive": "several"}})"));
+    listener_.emplace();
+    session_.emplace(*listener_);
+    for (const auto& segment :
+         {Segment("on", 0), Segment("e", 1), Segment("two", 1), Segment("thr", 0),
+          Segment("e", 0), Segment("e", 1), Segment("lost", 0)}) {
+        SendRaw(session_->host, segment);
+    }
+    const uint64_t receives = orla::control::CallCount("halHdcRecv");
+    EXPECT_EQ("one", Read().text);
+    EXPECT_EQ("two", Read(HdcReadNb).text);
+    EXPECT_EQ("three", Read().text);
+    EXPECT_EQ(2u, orla::control::CallCount("halHdcRecv") - receives);
+    session_->host->Close();
+    EXPECT_EQ(kHdcReadClosed, Read().result);
+}
+
 TEST_F(HdcTest, AMessageAboveTheLimitFailsTheRead) {
     for (const uint32_t length : {99u, 100u}) {
         const std::string message = Text(length);

@@ -1,6 +1,7 @@
 #include "hdc/hdc_session.h"
 
 #include <new>
+#include <utility>
 
 #include "hdc/log_side.h"
 
@@ -110,4 +111,20 @@ drvError_t HdcSession::Receiving::Receive(drvHdcMsg_t message, int size, uint64_
     return session_.Enter(KindOf(flag), [&](void* handle) {
         return halHdcRecv(handle, message, size, flag, count, timeout);
     });
+}
+
+bool HdcSession::Receiving::Keep(const char* buffer, uint32_t size) noexcept {
+    if (!turn_) {
+        return false;
+    }
+    try {
+        session_.kept_.emplace_back(buffer, size);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+std::vector<std::string> HdcSession::Receiving::TakeKept() {
+    return turn_ ? std::exchange(session_.kept_, {}) : std::vector<std::string>();
 }

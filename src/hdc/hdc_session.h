@@ -19,6 +19,8 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "hdc/hdc_endpoint.h"
 
@@ -64,6 +66,7 @@ private:
     // Both are written by whoever has `sending_`.
     std::atomic<bool> cut_{false};  // a message was left in its middle
     std::atomic<std::chrono::steady_clock::time_point> lastSegment_{};
+    std::vector<std::string> kept_;  // written by whoever has `receiving_`
     drvError_t closed_ = DRV_ERROR_NONE;  // the driver's answer; constant once the gate is closed
 };
 
@@ -110,6 +113,12 @@ public:
     // The driver's receive; it blocks but with HDC_FLAG_NOWAIT.
     [[nodiscard]] drvError_t Receive(drvHdcMsg_t message, int size, uint64_t flag, int* count,
                                      uint32_t timeout);
+
+    // A driver may hand out in one receive what several sends brought. Keeps a copy of a buffer
+    // that belongs to the next message. False when memory is out, or without the turn.
+    [[nodiscard]] bool Keep(const char* buffer, uint32_t size) noexcept;
+    // The buffers that were kept, in their order, once; whoever takes them keeps the rest again.
+    [[nodiscard]] std::vector<std::string> TakeKept();
 
 private:
     HdcSession& session_;
