@@ -110,6 +110,16 @@ def test_stop_while_the_driver_does_not_answer(tmp_path):
         assert end(program)[0] == 0
 
 
+def test_stop_while_an_accept_is_blocked():
+    with Device(scenario={"liberties": {"accept_may_block": True}}) as device:
+        program = device.daemon()
+        wait_for(lambda: device.listens(0, FRAMEWORK), "file service")
+        with Peer(device.hdc, service=FRAMEWORK, greeting=b""):
+            device.logged("sock connect EpollWait")
+            code, seconds = end(program)
+        assert code == 0 and seconds < 5
+
+
 MALFORMED = {
     "empty value": request(16, b""),
     "len one too small": request(4, b"abc", stated=2),

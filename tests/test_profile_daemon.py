@@ -7,7 +7,7 @@ import time
 
 import pytest
 
-from device import BIN, SANITIZED, Device, end, resident, settled, wait_for
+from device import SANITIZED, Device, end, resident, settled, wait_for
 from profiler import LLC, REFUSED_CONTAINER, TWO, Host, at_rest, context, params, reply, work_dirs
 from wire import Peer, frame, hello, message, request, segment
 
@@ -232,36 +232,6 @@ def test_stop_of_the_daemon_ends_jobs_with_their_data():
         assert not work_dirs(device)
         assert [one.drain()[0] for one in waiting] == [[]] * 3, "no job has used their sessions"
         host.close()
-
-
-def test_hosts_that_do_not_read():
-    """A limit ends their jobs: at the job's own stop, and in the other device at the daemon's."""
-    with Device(TWO) as first, Device() as second:
-        hosts = []
-        for device in (first, second):
-            device.program = device.daemon()
-            hosts.append(Host(device, reads=False).start())
-        for device in (first, second):
-            device.logged("IsFULL")
-        first.start(BIN / "orla-slogd", join=True)
-        wait_for(lambda: first.orlactl("log", "get", "CORE").returncode == 0, "log service")
-        other = Host(first, "j2", 1)
-        assert [other.handshake(), other.data_handshake(), other.job_start(LLC),
-                other.replay_start({8: "read"}), other.job_stop()] == [reply()] * 5
-        started = time.monotonic()
-        hosts[0].control.message(message("JobStopReq", context()))
-        code, seconds = end(second.program, seconds=50)
-        assert code == 0 and 25 < seconds < 40
-        hosts[0].control.socket.settimeout(20)
-        assert hosts[0].control.receive() == reply(
-            1, "Stop profiling failed, please check it or see log for more info")
-        assert 25 < time.monotonic() - started < 45
-        assert all("uploader gives up" in "".join(device.lines()) for device in (first, second))
-        for host in (*hosts, other):
-            host.close()
-        again = Host(first).start()
-        assert again.job_stop() == reply() and not work_dirs(first)
-        again.close()
 
 
 def test_any_conversation_leaves_a_daemon_that_serves(device):

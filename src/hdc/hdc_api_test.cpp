@@ -120,8 +120,8 @@ TEST_F(HdcTest, OneReceiveMayBringSeveralMessages) {
     listener_.emplace();
     session_.emplace(*listener_);
     for (const auto& segment :
-         {Segment("on", 0), Segment("e", 1), Segment("two", 1), Segment("thr", 0),
-          Segment("e", 0), Segment("e", 1), Segment("lost", 0)}) {
+         {Segment("on", 0), Segment("e", 1), Segment("two", 1), Segment("thr", 0), Segment("e", 0),
+          Segment("e", 1), Segment("lost", 0)}) {
         SendRaw(session_->host, segment);
     }
     const uint64_t receives = orla::control::CallCount("halHdcRecv");

@@ -66,7 +66,7 @@ private:
     // Both are written by whoever has `sending_`.
     std::atomic<bool> cut_{false};  // a message was left in its middle
     std::atomic<std::chrono::steady_clock::time_point> lastSegment_{};
-    std::vector<std::string> kept_;  // written by whoever has `receiving_`
+    std::vector<std::string> kept_;       // written by whoever has `receiving_`
     drvError_t closed_ = DRV_ERROR_NONE;  // the driver's answer; constant once the gate is closed
 };
 

@@ -37,6 +37,7 @@ int Runnable::Start() {
 
 int Runnable::Stop() {
     quit_.store(true);
+    Wake();
     Join();
     const std::lock_guard<std::mutex> lock(mutex_);
     running_ = false;

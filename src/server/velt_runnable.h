@@ -37,6 +37,9 @@ public:
     void Join();
 
 protected:
+    // Part of Stop, after IsQuit has turned true and before the wait for the thread: ends what Run
+    // may be blocked in for longer than a moment. Also called when no thread runs.
+    virtual void Wake() {}
     // From now on every Start fails.
     void RefuseStart();
 

@@ -2,6 +2,7 @@
 
 #include <portability.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <exception>
 #include <string>
@@ -16,6 +17,8 @@ namespace {
 
 constexpr int kWaitMs = 500;
 constexpr uint32_t kStopPauseMs = 500;
+// An accept of a peer that is there takes less. Others wait for a greeting that may never come.
+constexpr auto kAcceptPatience = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -129,12 +132,13 @@ void VeltServerManager::HandleEvent(const VeltEvent& event) {
 
 void VeltServerManager::Accept(const VeltEvent& event) {
     const CommHandle server{commOptType_, static_cast<int64_t>(event.data)};
-    if (!gate_.MayAccept()) {
+    if (!gate_.MayAccept() || !BeginAccept(server.value)) {
         return;
     }
     const CommHandle session = VeltCommOptManager::instance().Accept(server);
+    EndAccept();
     if (session.value == kNoHandle) {
-        if (gate_.AcceptFailed(server.value)) {
+        if (!IsQuit() && gate_.AcceptFailed(server.value)) {
             ReopenServer(server.value);
         }
     } else if (sessions_->Take(session)) {
@@ -144,7 +148,37 @@ void VeltServerManager::Accept(const VeltEvent& event) {
     }
 }
 
+bool VeltServerManager::BeginAccept(int64_t server) {
+    const std::lock_guard<std::mutex> lock(acceptMutex_);
+    if (IsQuit()) {  // Wake may have looked already
+        return false;
+    }
+    accepting_ = server;
+    return true;
+}
+
+void VeltServerManager::EndAccept() {
+    const std::lock_guard<std::mutex> lock(acceptMutex_);
+    accepting_ = kNoHandle;
+    acceptEnded_.notify_all();
+}
+
 // ---- Teardown --------------------------------------------------------------------------------
+
+void VeltServerManager::Wake() {
+    std::unique_lock<std::mutex> lock(acceptMutex_);
+    if (acceptEnded_.wait_for(lock, kAcceptPatience, [this] { return accepting_ == kNoHandle; })) {
+        return;
+    }
+    CommHandle server{commOptType_, accepting_};
+    woken_ = accepting_;
+    lock.unlock();
+    IDE_LOGW("an accept is blocked, its server is closed");
+    if (VeltCommOptManager::instance().CloseServer(server) != 0) {
+        IDE_LOGE("close server failed");
+        woken_ = kNoHandle;
+    }
+}
 
 VeltServerManager::~VeltServerManager() {
     IDE_EVENT("start to deconstruct velt server manager");
@@ -155,7 +189,8 @@ VeltServerManager::~VeltServerManager() {
     while (!waitOver_.load()) {
         mmSleep(kStopPauseMs);
     }
-    while (!servers_.empty() && CloseServer(servers_.begin()->second)) {
+    while (!servers_.empty() &&
+           (servers_.begin()->second == woken_ || CloseServer(servers_.begin()->second))) {
         servers_.erase(servers_.begin());
     }
     sessions_->End();

@@ -54,11 +54,16 @@ public:
     void Release();
 
 private:
+    // Closes the server that an accept is blocked on: that ends the accept.
+    void Wake() override;
+
     using ServerMap = std::map<std::string, int64_t>;  // device id to server
 
     void Round(std::vector<VeltEvent>& events);
     void HandleEvent(const VeltEvent& event);
     void Accept(const VeltEvent& event);
+    bool BeginAccept(int64_t server);  // false at the stop
+    void EndAccept();
     void RefreshDevices();
     void OpenNewServers(const DeviceList& devices);
     void CloseSuspendedServers(VeltDevice& devices);
@@ -81,6 +86,12 @@ private:
     AcceptGate gate_;
 
     std::atomic<bool> waitOver_{true};  // false while Run is in its loop
+
+    // The driver tells of a peer whose connection may never be complete. The accept then blocks.
+    std::mutex acceptMutex_;
+    std::condition_variable acceptEnded_;
+    int64_t accepting_ = kNoHandle;  // guarded by acceptMutex_
+    int64_t woken_ = kNoHandle;      // the server that Wake has closed; of the stopping thread
 
     std::mutex holdMutex_;
     std::condition_variable released_;
