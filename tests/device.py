@@ -36,6 +36,8 @@ class Device:
         self.lock = self.root / "home/SableUser/ide_daemon/.orlad.lock"
         self.log = self.root / "tmp/device.log"
         self.environment = dict(os.environ, ORLA_LOG_LEVEL="debug", ORLA_LOG_FILE="/tmp/device.log")
+        if liberties := os.environ.get("ORLA_LIBERTIES"):  # what the driver may do, in any test
+            scenario = {"liberties": json.loads(liberties), **(scenario or {})}
         if scenario is not None:
             path = self.root / "scenario.json"
             path.write_text(json.dumps(scenario))
