@@ -31,7 +31,7 @@ constexpr double kIntervalWhenAbsentMs = 10;
 struct ReportOptions {
     std::vector<std::string> directories;
     size_t top = 10;
-    uint64_t pageSize = 4096;
+    uint64_t pageSize = 0;
 };
 
 struct DataFile {
@@ -183,9 +183,8 @@ Command AddReportCommand(CLI::App& app, const CommonOptions& common) {
         ->capture_default_str();
     command
         ->add_option("--page-size", options->pageSize,
-                     "Bytes of a memory page of the device, which it does not tell")
-        ->check(CLI::Range(1024, 1 << 20))
-        ->capture_default_str();
+                     "Bytes of a memory page of the device (default: as the data tells, else 4096)")
+        ->check(CLI::Range(1024, 1 << 20));
     return [&common, options] { return RunReport(common, *options); };
 }
 

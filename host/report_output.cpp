@@ -22,9 +22,9 @@ const char* NameOf(SampleKind kind) {
         case SampleKind::kMemory:
             return "memory";
         case SampleKind::kProcessCpu:
-            return "process cpu";
+            return "process_cpu";
         case SampleKind::kProcessMemory:
-            return "process memory";
+            return "process_memory";
     }
     return "";
 }
@@ -190,7 +190,8 @@ Json Event(const char* phase, const std::string& name, uint32_t pid, double micr
 std::string ReportText(const Report& report, const ReportInput& input) {
     std::string text = fmt::format("{}: {:.1f} s, {} processors, {} processes\n", input.directory,
                                    report.seconds(), report.processors, report.processes.size());
-    if (!report.cpu.empty() && report.cpuShare[kIdle] + report.cpuShare[kUser] > 0) {
+    if (!report.cpu.empty() && std::any_of(report.cpuShare.begin(), report.cpuShare.end(),
+                                           [](double share) { return share > 0; })) {
         text += "\nProcessors  ";
         for (int mode = 0; mode < kCpuModes; ++mode) {
             text += fmt::format("{} {:.1f} %{}", NameOf(static_cast<CpuMode>(mode)),
@@ -206,6 +207,14 @@ std::string ReportText(const Report& report, const ReportInput& input) {
     }
     AddProcesses(&text, report, "Busiest processes", report.BusiestByCpu(input.top));
     AddProcesses(&text, report, "Largest processes", report.BiggestByMemory(input.top));
+    if (!report.processes.empty()) {
+        text += fmt::format(
+            "\nCPU % is of one processor; the kernel counts ticks of 10 ms, so a peak can lie "
+            "above "
+            "100 % of a thread.\nResident memory is in pages of {}{}.\n",
+            Amount(static_cast<double>(report.pageSize)),
+            report.isPageSizeKnown ? "" : ", a guess: --page-size tells better");
+    }
     AddQuality(&text, report);
     for (const OtherFile& file : input.others) {
         text += fmt::format("\n{}: {}, {}\n", Printable(file.name),
@@ -228,6 +237,8 @@ Json ReportJson(const Report& report, const ReportInput& input) {
         others.push_back({{"name", file.name}, {"bytes", file.bytes}, {"lines", file.lines}});
     }
     return {{"directory", input.directory},
+            {"page_size", report.pageSize},
+            {"page_size_known", report.isPageSizeKnown},
             {"seconds", Rounded(report.seconds(), 1000)},
             {"processors", report.processors},
             {"cpu_percent", cpu},

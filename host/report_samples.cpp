@@ -67,8 +67,8 @@ std::string_view CutAddition(std::string_view* data, std::string* name) {
 }  // namespace
 
 const char* NameOf(CpuMode mode) {
-    const char* const names[kCpuModes] = {"user",  "nice",    "system", "irq",
-                                          "steal", "io wait", "idle"};
+    const char* const names[kCpuModes] = {"user",  "nice",   "system", "irq",
+                                          "steal", "iowait", "idle"};
     return names[mode];
 }
 
@@ -125,11 +125,12 @@ std::optional<ProcessCpuSample> ReadProcessCpuSample(std::string_view data) {
     static_cast<void>(CutWord(&fields));  // field 3, the state
     uint64_t userTicks = 0;
     uint64_t systemTicks = 0;
-    for (int field = 4; field <= 22; ++field) {
+    for (int field = 4; field <= 23; ++field) {
         uint64_t* const wanted = field == 14   ? &userTicks
                                  : field == 15 ? &systemTicks
                                  : field == 20 ? &sample.threads
                                  : field == 22 ? &sample.startTime
+                                 : field == 23 ? &sample.virtualBytes
                                                : nullptr;
         if (wanted == nullptr ? CutWord(&fields).empty() : !CutNumber(&fields, wanted)) {
             return std::nullopt;
@@ -144,8 +145,7 @@ std::optional<ProcessMemorySample> ReadProcessMemorySample(std::string_view data
     ProcessMemorySample sample;
     static_cast<void>(CutAddition(&data, &sample.name));
     std::string_view line = Cut(&data, '\n');
-    if (!CutNumber(&line, &sample.virtualPages) || !CutNumber(&line, &sample.residentPages) ||
-        !CutNumber(&line, &sample.sharedPages)) {
+    if (!CutNumber(&line, &sample.virtualPages) || !CutNumber(&line, &sample.residentPages)) {
         return std::nullopt;
     }
     return sample;

@@ -57,7 +57,7 @@ def test_damage_costs_its_records_only(folder):
     found = {each["source"]: each for each in summary["sampling"]}
     assert code == 0 and summary["problems"]
     assert (found["cpu"]["samples"], found["cpu"]["damaged"]) == (9, 1)
-    assert found["process cpu"]["files"] == 1 and found["process cpu"]["samples"] == 0
+    assert found["process_cpu"]["files"] == 1 and found["process_cpu"]["samples"] == 0
 
 
 def test_a_link_at_its_own_files_is_not_followed(folder):
