@@ -36,25 +36,27 @@ struct SourceRule {
     const char* name;
     bool (*wanted)(const ProfileRequest& request);
     bool (*owns)(std::string_view file);
+    bool isOfTheCard;
 };
 
 constexpr SourceRule kSources[] = {
     {"cpu", [](const ProfileRequest& r) { return IsOn(r.parameters, "sys_profiling"); },
-     [](std::string_view file) { return IsOfKind(file, SampleKind::kCpu); }},
+     [](std::string_view file) { return IsOfKind(file, SampleKind::kCpu); }, true},
     {"mem",
      [](const ProfileRequest& r) {
          return IsOn(r.parameters, "sys_profiling") && !IsOn(r.parameters, "tracelet");
      },
-     [](std::string_view file) { return IsOfKind(file, SampleKind::kMemory); }},
+     [](std::string_view file) { return IsOfKind(file, SampleKind::kMemory); }, true},
     {"pids", [](const ProfileRequest& r) { return IsOn(r.parameters, "pid_profiling"); },
      [](std::string_view file) {
          return IsOfKind(file, SampleKind::kProcessCpu) ||
                 IsOfKind(file, SampleKind::kProcessMemory);
-     }},
+     },
+     true},
     {"cpu-events", [](const ProfileRequest& r) { return !r.cpuEvents.empty(); },
-     [](std::string_view file) { return file == "data/ai_ctrl_cpu.data"; }},
+     [](std::string_view file) { return file == "data/ai_ctrl_cpu.data"; }, true},
     {"llc-events", [](const ProfileRequest& r) { return !r.llcEvents.empty(); },
-     [](std::string_view file) { return file == "data/llc.data"; }},
+     [](std::string_view file) { return file == "data/llc.data"; }, false},
 };
 
 Json ReadParameters(const std::string& file) {
@@ -167,6 +169,12 @@ std::string ParametersText(const ProfileRequest& request, const std::string& job
     parameters["profiling_mode"] = request.mode;
     parameters["devices"] = std::to_string(device);
     return parameters.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+bool IsOfTheCard(const std::string& source) {
+    return std::any_of(std::begin(kSources), std::end(kSources), [&source](const SourceRule& rule) {
+        return rule.isOfTheCard && source == rule.name;
+    });
 }
 
 std::vector<std::string> SilentSources(const ProfileRequest& request,

@@ -40,6 +40,10 @@ struct ProfileRequest {
 [[nodiscard]] std::string ParametersText(const ProfileRequest& request, const std::string& jobId,
                                          uint32_t device);
 
+// Whether a card has that source once, for all of its devices: its control CPU's samples and
+// recordings.
+[[nodiscard]] bool IsOfTheCard(const std::string& source);
+
 // The sources of the request that gave not one byte.
 [[nodiscard]] std::vector<std::string> SilentSources(
     const ProfileRequest& request, const std::map<std::string, ReceivedFile>& files);

@@ -222,16 +222,19 @@ def test_a_terminal_that_goes_ends_the_job_in_order():
     assert code == 0 and manifest["interrupted"] and manifest["finish_came"]
 
 
-def test_a_second_signal_breaks_off_and_keeps_the_data():
+@pytest.mark.parametrize("data", [DATA, []], ids=["data", "no data"])
+@pytest.mark.parametrize("step", ["ReplayStopReq", "JobStopReq"])
+def test_a_second_signal_breaks_off_and_keeps_the_data(step, data):
     def interrupt(device, tool):
         assert device.running.wait(30)
         tool.send_signal(signal.SIGINT)
-        wait_for(lambda: "ReplayStopReq" in device.seen, "request to stop")
+        wait_for(lambda: step in device.seen, "request to stop")
         tool.send_signal(signal.SIGINT)
 
-    code, printed, written, _ = profile("--timeout", "3600", answers={"ReplayStopReq": SILENT},
+    code, printed, written, _ = profile("--timeout", "3600", answers={step: SILENT}, data=data,
                                         during=interrupt)
-    assert code == 5 and not printed["stopped"] and written["data/7-Memory.data"]
+    assert (code, printed["reason"], printed["ended_by"]) == (5, "broken off", "broken_off")
+    assert not printed["stopped"] and ("data/7-Memory.data" in written) == bool(data)
 
 
 @pytest.mark.parametrize("options", [

@@ -5,7 +5,8 @@ import subprocess
 
 import pytest
 
-from device import BIN
+from device import BIN, Device, wait_for
+from profiler import TWO
 
 CPU = "cpu  {0} 0 {0} {0} 0 0 0 0 0 0\ncpu0 {0} 0 {0} {0} 0 0 0 0 0 0\n"
 
@@ -78,3 +79,34 @@ def test_what_is_no_profile_is_a_usage_error(tmp_path):
 def test_a_strange_manifest_costs_what_it_says_only(folder, asked):
     (folder / "manifest.json").write_text('{"asked":' + asked + "}")
     assert report(folder)[0] == 0
+
+
+def test_devices_of_one_card_share_a_job_and_its_report_is_of_the_machine():
+    with Device(TWO) as device:
+        device.daemon()
+        wait_for(lambda: device.listens(1), "second device")
+        done = device.orlactl("profile", "-d", "0-1", "--duration", "1", "--json", "-o",
+                              device.root / "out")
+        first, second = json.loads(done.stdout)
+        assert done.returncode == 0, done.stderr
+        assert first["state"] == "done" and first["ended_by"] == "duration"
+        assert second["served_by"] == 0 and second["directory"] == ""
+        assert os.listdir(device.root / "out") == [os.path.basename(first["directory"])]
+        summary = json.loads(report(first["directory"], "--json")[1])[0]
+        assert summary["processors"] == os.cpu_count()
+        assert summary["page_size"] == os.sysconf("SC_PAGE_SIZE") and summary["page_size_known"]
+        assert sum(summary["cpu_percent"].values()) == pytest.approx(100, abs=0.1)
+        assert 0.5 < summary["seconds"] < 5 and summary["memory"]["used_peak"] > 0
+        own = [each for each in summary["largest"] + summary["busiest"] if each["resident_peak"]]
+        assert own and all(each["name"] and each["threads"] for each in own)
+        assert all(each["samples"] and not each["damaged"] for each in summary["sampling"])
+        # What somebody else holds is still refused.
+        holder = device.root / "held"
+        with subprocess.Popen([BIN / "orlactl", "profile", "-d", "1", "-o", holder],
+                              env=dict(device.environment, ORLA_HDC_DIR=str(device.hdc),
+                                       ORLA_LOG_FILE="/dev/null"),
+                              stdout=subprocess.DEVNULL) as stranger:
+            wait_for(lambda: list(holder.glob("*/data/Memory.data")), "a stranger's samples")
+            refused = device.orlactl("profile", "-d", "0", "--duration", "1")
+            stranger.terminate()
+        assert refused.returncode == 3 and "held by a job" in refused.stderr
