@@ -185,11 +185,46 @@ Json Event(const char* phase, const std::string& name, uint32_t pid, double micr
     return {{"ph", phase}, {"name", name}, {"pid", pid}, {"tid", 0}, {"ts", microseconds}};
 }
 
+// A value of the manifest, which is foreign; null when it has none of that kind.
+Json Of(const Json& manifest, const char* key) {
+    const auto found = manifest.find(key);
+    return found != manifest.end() && found->is_primitive() ? *found : Json();
+}
+
+// A value of the manifest as a text; empty when there is none.
+std::string TextOf(const Json& manifest, const char* key) {
+    const Json value = Of(manifest, key);
+    return value.is_string() ? Printable(value.get<std::string>())
+           : value.is_null() ? ""
+                             : Dump(value);
+}
+
+// Whose profile it is, when it began and how it ended.
+std::string Receipt(const ReportInput& input) {
+    const std::string state = TextOf(input.manifest, "state");
+    const std::string reason = TextOf(input.manifest, "reason");
+    std::string text =
+        fmt::format("Device {}, job {}, began {}\n", TextOf(input.manifest, "device"),
+                    TextOf(input.manifest, "job"), TextOf(input.manifest, "began"));
+    if (state == "running") {
+        text += "The job had not ended when its manifest was written.\n";
+    } else if (!reason.empty() || state == "failed") {
+        text += fmt::format("The job failed ({}): {}\n", TextOf(input.manifest, "code"), reason);
+    } else {
+        text += fmt::format("The job ended well ({}).\n", TextOf(input.manifest, "ended_by"));
+    }
+    for (const std::string& loss : input.losses) {
+        text += Printable(loss) + "\n";
+    }
+    return text;
+}
+
 }  // namespace
 
 std::string ReportText(const Report& report, const ReportInput& input) {
     std::string text = fmt::format("{}: {:.1f} s, {} processors, {} processes\n", input.directory,
                                    report.seconds(), report.processors, report.processes.size());
+    text += input.manifest.empty() ? "" : Receipt(input);
     if (!report.cpu.empty() && std::any_of(report.cpuShare.begin(), report.cpuShare.end(),
                                            [](double share) { return share > 0; })) {
         text += "\nProcessors  ";
@@ -236,7 +271,17 @@ Json ReportJson(const Report& report, const ReportInput& input) {
     for (const OtherFile& file : input.others) {
         others.push_back({{"name", file.name}, {"bytes", file.bytes}, {"lines", file.lines}});
     }
-    return {{"directory", input.directory},
+    return {{"format", 1},
+            {"directory", input.directory},
+            {"device", Of(input.manifest, "device")},
+            {"job", Of(input.manifest, "job")},
+            {"began", Of(input.manifest, "began")},
+            {"state", Of(input.manifest, "state")},
+            {"code", Of(input.manifest, "code")},
+            {"reason", Of(input.manifest, "reason")},
+            {"ended_by", Of(input.manifest, "ended_by")},
+            {"losses", input.losses},
+            {"dropped_chunks", input.dropped},
             {"page_size", report.pageSize},
             {"page_size_known", report.isPageSizeKnown},
             {"seconds", Rounded(report.seconds(), 1000)},

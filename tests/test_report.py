@@ -69,10 +69,30 @@ def test_a_link_at_its_own_files_is_not_followed(folder):
     assert victim.read_text() == "mine" and not (folder / "report.html").is_symlink()
 
 
-def test_what_is_no_profile_is_a_usage_error(tmp_path):
-    for folder, words in ((tmp_path, "no profile"), (tmp_path / "none", "no such directory")):
-        code, text, error = report(folder)
-        assert code == 2 and not text and words in error
+def test_a_bad_directory_costs_itself(folder, tmp_path_factory):
+    empty = tmp_path_factory.mktemp("empty")
+    for bad, words in ((empty, "no profile"), (empty / "none", "no such directory")):
+        code, text, error = report(bad, folder, "--json")
+        assert code == 2 and words in error
+        assert [each["directory"] for each in json.loads(text)] == [str(folder)]
+
+
+def test_a_failed_profile_is_told_everywhere_and_needs_no_place(folder):
+    (folder / "manifest.json").write_text(json.dumps(
+        {"device": 3, "job": "j1", "began": "2026-01-02T03:04:05Z", "state": "failed", "code": 5,
+         "reason": "the end\u001b did not come", "silent": ["pids"], "files": [
+             {"name": "data/x", "problem": "No space", "dropped": 7}, {"name": 5, "dropped": "x"}]}))
+    code, text, error = report(folder, "-o", "/proc/none")
+    assert code == 2 and "/proc/none" in error and not (folder / "report.html").exists()
+    for words in ("Device 3, job j1, began 2026-01-02T03:04:05Z", "failed (5): the end? did not come",
+                  "data/x: 7 chunks were not stored: No space"):
+        assert words in text
+    summary = json.loads(report(folder, "--json", "--no-files")[1])[0]
+    assert (summary["state"], summary["dropped_chunks"], summary["device"]) == ("failed", 7, 3)
+    other = folder / "other"
+    assert report(f"{folder}/", "-o", other)[0] == 0
+    assert sorted(path.name for path in (other / folder.name).iterdir()) == ["report.html", "trace.json"]
+    assert "7 chunks were not stored" in (other / folder.name / "report.html").read_text()
 
 
 @pytest.mark.parametrize("asked", ["[1]", "[" * 200_000 + "]" * 200_000], ids=["list", "deep"])
