@@ -13,6 +13,7 @@
 #include "host/commands.h"
 #include "host/device_session.h"
 #include "host/exit_codes.h"
+#include "host/limits.h"
 #include "host/terminal_text.h"
 
 namespace orla::host {
@@ -27,7 +28,7 @@ struct DeviceState {
 
 // A listener is one that a session can be opened with; there is no other way to ask.
 bool Listens(int serviceType, uint32_t device) {
-    const auto client = Client::Create(serviceType);
+    const auto client = Client::Create(serviceType, limits::kLogMessage);
     return client != nullptr && client->Connect(device) != nullptr;
 }
 

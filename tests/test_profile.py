@@ -175,7 +175,8 @@ def test_every_step_survives_a_device_that_does_not_answer(step, fault):
     (chunk("/data/x", b"evil"), "leave"), (chunk("manifest.json", b"evil"), "leave"),
     (chunk("data/Memory.data/x", b"evil"), "Not a directory"), (chunk("data/", b"evil"), "leave"),
     (chunk("data/x", b"evil", size=5), "says"), (chunk("data/x", b"evil", offset=1), "offset"),
-    (chunk("data/" + "x" * 300, b"evil"), "too long"), (FINISH[:-1], "no data"),
+    (chunk("data/" + "x" * 300, b"evil"), "too long"),
+    (chunk("data/" + "d/" * 7 + "deep", b"evil"), "leave"), (chunk("data/" + "x" * 4096, b""), "too long"), (FINISH[:-1], "no data"),
 ])
 def test_a_bad_chunk_costs_itself_only(bad, problem):
     code, printed, written, _ = profile(data=[CPU, DATA[1], bad, chunk("data/7-Memory.data", b"x")])
