@@ -51,6 +51,18 @@ std::vector<size_t> Report::BusiestByCpu(size_t count) const {
                 [this](size_t index) { return processes[index].cpuSeconds; });
 }
 
+std::vector<uint32_t> Report::BusiestCores(size_t count) const {
+    std::vector<uint32_t> numbers;
+    for (const auto& [number, core] : cores) {
+        numbers.push_back(number);
+    }
+    std::stable_sort(numbers.begin(), numbers.end(), [this](uint32_t a, uint32_t b) {
+        return cores.at(a).busyShare() > cores.at(b).busyShare();
+    });
+    numbers.resize(std::min(numbers.size(), count));
+    return numbers;
+}
+
 std::vector<size_t> Report::BiggestByMemory(size_t count) const {
     return Best(processes.size(), count,
                 [this](size_t index) { return processes[index].residentPeak; });
@@ -332,7 +344,7 @@ void ReportBuilder::TakeCpu(const Records& records) {
     std::optional<CpuSample> before;
     uint64_t beforeTime = 0;
     for (const SampleRecord& record : records) {
-        const auto sample = ReadCpuSample(record.data);
+        auto sample = ReadCpuSample(record.data);
         if (!sample.has_value()) {
             ++report_->quality[SampleKind::kCpu].damaged;
             continue;
@@ -347,13 +359,38 @@ void ReportBuilder::TakeCpu(const Records& records) {
             for (int mode = 0; mode < kCpuModes && total > 0; ++mode) {
                 report_->cpu[mode].Add(beforeTime, record.time, Percent(rises[mode], total));
             }
+            TakeCores(beforeTime, *before, record.time, *sample);
         }
-        before = sample;
+        before = std::move(sample);
         beforeTime = record.time;
     }
     const double total = std::accumulate(sums.begin(), sums.end(), 0.0);
     for (int mode = 0; mode < kCpuModes; ++mode) {
         report_->cpuShare[mode] = Percent(sums[mode], total);
+    }
+}
+
+void ReportBuilder::TakeCores(uint64_t from, const CpuSample& before, uint64_t to,
+                              const CpuSample& now) {
+    for (const auto& [number, ticks] : now.cores) {
+        const auto earlier = before.cores.find(number);
+        if (earlier == before.cores.end()) {
+            continue;  // it has just been switched on
+        }
+        double total = 0;
+        double busy = 0;
+        for (int mode = 0; mode < kCpuModes; ++mode) {
+            const double rise = Growth(earlier->second[mode], ticks[mode]);
+            total += rise;
+            busy += mode == kIdle || mode == kIoWait ? 0 : rise;
+        }
+        if (total > 0) {
+            CoreReport& core = report_->cores.emplace(number, report_->grid).first->second;
+            core.busy.Add(from, to, Percent(busy, total));
+            core.busyPeak = std::max(core.busyPeak, Percent(busy, total));
+            core.busyTicks += busy;
+            core.totalTicks += total;
+        }
     }
 }
 

@@ -56,6 +56,18 @@ struct ProcessReport {
     Series resident;  // bytes
 };
 
+// One processor; busy is what is neither idle nor waiting for a disk.
+struct CoreReport {
+    explicit CoreReport(const Grid& grid) : busy(grid) {}
+
+    double busyShare() const { return totalTicks > 0 ? 100 * busyTicks / totalTicks : 0; }
+
+    double busyTicks = 0;  // over the whole time
+    double totalTicks = 0;
+    double busyPeak = 0;  // percent, over one interval
+    Series busy;          // percent
+};
+
 struct Report {
     explicit Report(const Grid& times) : grid(times) {}
     Report(const Report&) = delete;  // the series know where the grid is
@@ -67,6 +79,7 @@ struct Report {
     bool isPageSizeKnown = false;                 // the data or the user tells it
     std::array<double, kCpuModes> cpuShare = {};  // percent of all processors, over the whole time
     std::vector<Series> cpu;                      // the same over time, by mode
+    std::map<uint32_t, CoreReport> cores;         // by the number of the processor
     MemorySample memoryLast;
     uint64_t memoryUsedPeak = 0;  // bytes
     double memoryUsedMean = 0;
@@ -78,6 +91,8 @@ struct Report {
     // Indices of the processes that took most, the most first.
     [[nodiscard]] std::vector<size_t> BusiestByCpu(size_t count) const;
     [[nodiscard]] std::vector<size_t> BiggestByMemory(size_t count) const;
+    // Numbers of the busiest processors, the busiest first.
+    [[nodiscard]] std::vector<uint32_t> BusiestCores(size_t count) const;
 };
 
 class ReportBuilder {
@@ -130,6 +145,7 @@ private:
     // `expected`: the number that the first of the records should have.
     void Rate(SampleKind kind, const Records& records, uint64_t expected);
     void TakeCpu(const Records& records);
+    void TakeCores(uint64_t from, const CpuSample& before, uint64_t to, const CpuSample& now);
     void TakeMemory(const Records& records);
     void TakeProcessCpu(uint32_t pid, std::string_view bytes);
     void TakeProcessMemory(uint32_t pid, std::string_view bytes);

@@ -64,6 +64,26 @@ TEST(ReportModel, SharesAreThoseOfTheTicksBetweenTheSamples) {
     EXPECT_EQ(report.quality.at(SampleKind::kCpu).gaps, 0u);
 }
 
+TEST(ReportModel, ASingleProcessorStandsOutOfAll) {
+    const auto line = [](uint64_t busy, uint64_t waiting, uint64_t idle) {
+        return fmt::format(
+            "cpu  9 0 0 9 0 0 0 0\ncpu0 1 0 0 {2} {1} 0 0 0\ncpu7 0 0 {0} 1 0 0 0 0\n"
+            "cpu9 bad\n",
+            busy, waiting, idle);
+    };
+    const auto builder =
+        Build({{"data/SystemCpuUsage.data", Record(kSecond, 0, line(0, 0, 0)) +
+                                                Record(2 * kSecond, 1, line(100, 40, 60)) +
+                                                Record(3 * kSecond, 2, line(100, 40, 160))}});
+    const Report& report = builder->report();
+    ASSERT_EQ(report.cores.size(), 2u);
+    EXPECT_DOUBLE_EQ(report.cores.at(0).busyPeak, 0);
+    EXPECT_DOUBLE_EQ(report.cores.at(7).busyShare(), 100);
+    EXPECT_FLOAT_EQ(report.cores.at(7).busy.At(0).value(), 100);
+    EXPECT_FALSE(report.cores.at(7).busy.At(1).has_value());
+    EXPECT_EQ(report.BusiestCores(1), std::vector<uint32_t>{7});
+}
+
 TEST(ReportModel, MemoryInUseIsWhatIsNotAvailable) {
     const auto meminfo = [](int available) {
         return fmt::format("MemTotal: 1000 kB\nMemFree: 100 kB\nMemAvailable: {} kB\n", available);

@@ -13,6 +13,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+constexpr size_t kCoresInText = 4;
+constexpr size_t kMostCoresOverTime = 256;  // more rows than a page or a trace can show
 constexpr const char* kMemoryNames[] = {"used", "cached", "free"};
 
 const char* NameOf(SampleKind kind) {
@@ -74,6 +76,23 @@ Json ProcessList(const Report& report, const std::vector<size_t>& indices) {
     return list;
 }
 
+Json CoresJson(const Report& report) {
+    Json list = Json::array();
+    for (const auto& [number, core] : report.cores) {
+        list.push_back({{"number", number},
+                        {"busy_percent", Rounded(core.busyShare(), 100)},
+                        {"busy_peak_percent", Rounded(core.busyPeak, 100)}});
+    }
+    return list;
+}
+
+// The processors that are shown over time, in the order of their numbers.
+std::vector<uint32_t> CoresOverTime(const Report& report) {
+    auto numbers = report.BusiestCores(kMostCoresOverTime);
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
+}
+
 Json QualityJson(const Report& report) {
     Json list = Json::array();
     for (const auto& [kind, quality] : report.quality) {
@@ -112,12 +131,17 @@ Json ChartsJson(const Report& report, const ReportInput& input) {
     Json charts = {{"step_s", report.grid.SecondsAt(1)},
                    {"steps", report.grid.steps},
                    {"cpu", Json::array()},
+                   {"cores", Json::array()},
                    {"memory", Json::array()},
                    {"process_cpu", Json::array()},
                    {"process_memory", Json::array()}};
     for (int mode = 0; mode < kIdle; ++mode) {
         charts["cpu"].push_back(
             NamedSeries(report, NameOf(static_cast<CpuMode>(mode)), report.cpu[mode], 100));
+    }
+    for (const uint32_t number : CoresOverTime(report)) {
+        charts["cores"].push_back(
+            NamedSeries(report, fmt::format("cpu{}", number), report.cores.at(number).busy, 1));
     }
     for (size_t i = 0; i < report.memory.size(); ++i) {
         charts["memory"].push_back(NamedSeries(report, kMemoryNames[i], report.memory[i], 1));
@@ -233,6 +257,15 @@ std::string ReportText(const Report& report, const ReportInput& input) {
                                 report.cpuShare[mode], mode + 1 < kCpuModes ? ", " : "\n");
         }
     }
+    if (report.cores.size() > 1) {
+        text += "Busiest     ";
+        const auto numbers = report.BusiestCores(kCoresInText);
+        for (const uint32_t number : numbers) {
+            const CoreReport& core = report.cores.at(number);
+            text += fmt::format("cpu{} {:.1f} % (peak {:.1f} %){}", number, core.busyShare(),
+                                core.busyPeak, number != numbers.back() ? ", " : "\n");
+        }
+    }
     if (const MemorySample& memory = report.memoryLast; memory.total > 0) {
         text += fmt::format("Memory      used {} ({:.1f} %) of {} on average, {} at most\n",
                             Amount(report.memoryUsedMean),
@@ -287,6 +320,7 @@ Json ReportJson(const Report& report, const ReportInput& input) {
             {"seconds", Rounded(report.seconds(), 1000)},
             {"processors", report.processors},
             {"cpu_percent", cpu},
+            {"cores", CoresJson(report)},
             {"memory",
              {{"total", report.memoryLast.total},
               {"used_mean", Rounded(report.memoryUsedMean, 1)},
@@ -335,12 +369,19 @@ std::string ReportTrace(const Report& report, const ReportInput& input) {
         }
     };
     name(0, "machine");
+    const auto coresOverTime = CoresOverTime(report);
     for (size_t step = 0; step < report.grid.steps; ++step) {
         Json cpu = Json::object();
         for (int mode = 0; mode < kIdle; ++mode) {
             put(&cpu, NameOf(static_cast<CpuMode>(mode)), report.cpu[mode], step, 1);
         }
         count(0, "CPU %", step, std::move(cpu));
+        Json cores = Json::object();
+        for (const uint32_t number : coresOverTime) {
+            put(&cores, fmt::format("cpu{}", number).c_str(), report.cores.at(number).busy, step,
+                1);
+        }
+        count(0, "single processors %", step, std::move(cores));
         Json memory = Json::object();
         for (size_t i = 0; i < report.memory.size(); ++i) {
             put(&memory, kMemoryNames[i], report.memory[i], step, 1e6);

@@ -8,6 +8,7 @@ namespace orla::host {
 
 namespace {
 
+constexpr uint64_t kMostProcessors = 4096;
 constexpr std::string_view kNameLabel = "\nProcessName:";
 
 // Cuts the first piece off, up to a separator, which goes too.
@@ -32,12 +33,9 @@ bool CutNumber(std::string_view* rest, uint64_t* value) {
     return error == std::errc() && stop == word.data() + word.size();
 }
 
-// The line of all processors: "cpu", then ticks by mode in the kernel's order. The guests' ticks
-// behind them are in the first two already.
-bool ReadTicks(std::string_view line, CpuTicks* ticks) {
-    if (CutWord(&line) != "cpu") {
-        return false;
-    }
+// The rest of the line of a processor, or of all: ticks by mode in the kernel's order. The guests'
+// ticks that follow them are in the first two already.
+bool ReadModes(std::string_view line, CpuTicks* ticks) {
     uint64_t softIrq = 0;
     uint64_t* const order[] = {&(*ticks)[kUser], &(*ticks)[kNice],   &(*ticks)[kSystem],
                                &(*ticks)[kIdle], &(*ticks)[kIoWait], &(*ticks)[kIrq],
@@ -49,6 +47,10 @@ bool ReadTicks(std::string_view line, CpuTicks* ticks) {
     }
     (*ticks)[kIrq] += softIrq;
     return true;
+}
+
+bool ReadTicks(std::string_view line, CpuTicks* ticks) {
+    return CutWord(&line) == "cpu" && ReadModes(line, ticks);
 }
 
 // Splits off what the device added behind the source's own lines: the process name and more. The
@@ -81,8 +83,20 @@ std::optional<CpuSample> ReadCpuSample(std::string_view data) {
     if (!ReadTicks(Cut(&data, '\n'), &sample.ticks)) {
         return std::nullopt;
     }
+    constexpr std::string_view label = "cpu";
     while (!data.empty()) {
-        sample.processors += Cut(&data, '\n').substr(0, 3) == "cpu" ? 1 : 0;
+        std::string_view line = Cut(&data, '\n');
+        std::string_view word = CutWord(&line);
+        if (word.substr(0, label.size()) != label) {
+            continue;
+        }
+        ++sample.processors;
+        word.remove_prefix(label.size());
+        uint64_t number = 0;
+        CpuTicks ticks = {};
+        if (CutNumber(&word, &number) && number < kMostProcessors && ReadModes(line, &ticks)) {
+            sample.cores[static_cast<uint32_t>(number)] = ticks;
+        }
     }
     return sample;
 }

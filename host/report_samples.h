@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +22,7 @@ using CpuTicks = std::array<uint64_t, kCpuModes>;
 struct CpuSample {
     CpuTicks ticks = {};
     uint32_t processors = 0;
+    std::map<uint32_t, CpuTicks> cores;  // the same of each processor, by its number
 };
 
 // Bytes.

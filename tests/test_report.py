@@ -8,7 +8,7 @@ import pytest
 from device import BIN, Device, wait_for
 from profiler import TWO
 
-CPU = "cpu  {0} 0 {0} {0} 0 0 0 0 0 0\ncpu0 {0} 0 {0} {0} 0 0 0 0 0 0\n"
+CPU = "cpu  {0} 0 {0} {0} 0 0 0 0 0 0\ncpu0 0 0 0 {0} 0 0 0 0\ncpu5 {0} 0 {0} {0} 0 0 0 0 0 0\n"
 
 
 def record(index, data):
@@ -42,8 +42,11 @@ def test_a_report_says_the_same_everywhere(folder):
     page = (folder / "report.html").read_text()
     assert "Dygraph" in page and "r11 \\u003c5>" in page
     assert "<link" not in page and "<script src" not in page
+    assert "cpu5 66.7 % (peak 66.7 %), cpu0 0.0 %" in text
+    assert summary["cores"][1] == {"number": 5, "busy_percent": 66.67, "busy_peak_percent": 66.67}
     events = json.loads((folder / "trace.json").read_text())["traceEvents"]
-    assert {"CPU %"} <= {event["name"] for event in events if event["ph"] == "C"}
+    counters = {event["name"]: event["args"] for event in events if event["ph"] == "C"}
+    assert "CPU %" in counters and counters["single processors %"] == {"cpu0": 0, "cpu5": 66.67}
 
 
 def test_damage_costs_its_records_only(folder):
@@ -113,7 +116,7 @@ def test_devices_of_one_card_share_a_job_and_its_report_is_of_the_machine():
         assert second["served_by"] == 0 and second["directory"] == ""
         assert os.listdir(device.root / "out") == [os.path.basename(first["directory"])]
         summary = json.loads(report(first["directory"], "--json")[1])[0]
-        assert summary["processors"] == os.cpu_count()
+        assert summary["processors"] == len(summary["cores"]) == os.cpu_count()
         assert summary["page_size"] == os.sysconf("SC_PAGE_SIZE") and summary["page_size_known"]
         assert sum(summary["cpu_percent"].values()) == pytest.approx(100, abs=0.1)
         assert 0.5 < summary["seconds"] < 5 and summary["memory"]["used_peak"] > 0
