@@ -290,9 +290,10 @@ void AddOptions(CLI::App& command, CommandOptions& options) {
         .add_option("--llc-events", profile.llcEvents,
                     "Events of the last level cache to count, for example read,write")
         ->delimiter(',');
-    command.add_option("--set", profile.settings,
-                       "KEY=VALUE: any parameter of the record; a whole number is sent as one "
-                       "unless it stands in \"\" (repeatable)");
+    command.add_option(
+        "--set", profile.settings,
+        "KEY=VALUE: any parameter of the record, see below; a whole number is sent as one "
+        "unless it stands in \"\" (repeatable)");
     command.add_option("--params", profile.paramsFile,
                        "JSON file with a parameter record; the options stand over it");
     command
@@ -319,6 +320,7 @@ Command AddProfileCommand(CLI::App& app, const CommonOptions& common) {
     auto* command = app.add_subcommand("profile", "Run a profiling job and keep what it gives");
     auto options = std::make_shared<CommandOptions>();
     AddOptions(*command, *options);
+    command->footer("Keys of --set: " + SettableKeys());
     return [&common, options] { return RunProfile(common, *options); };
 }
 

@@ -21,6 +21,17 @@ constexpr size_t kMaxParameters = 1 << 20;
 // What ties the sessions of a job together; a user's value would take it apart.
 constexpr const char* kJobKeys[] = {"job_id", "profiling_mode", "devices"};
 
+std::vector<std::string_view> Settable() {
+    std::vector<std::string_view> keys;
+    for (const char* const* key = kParameterKeys; *key != nullptr; ++key) {
+        if (std::find(std::begin(kJobKeys), std::end(kJobKeys), std::string_view(*key)) ==
+            std::end(kJobKeys)) {
+            keys.emplace_back(*key);
+        }
+    }
+    return keys;
+}
+
 bool IsOn(const Json& parameters, const char* key) {
     const auto found = parameters.find(key);
     return found != parameters.end() && *found == "on";
@@ -107,6 +118,10 @@ void Set(const std::string& setting, Json* parameters) {
     if (std::find(std::begin(kJobKeys), std::end(kJobKeys), key) != std::end(kJobKeys)) {
         throw std::invalid_argument(fmt::format("--set {}: the tool sets {} itself", setting, key));
     }
+    if (const auto keys = Settable(); std::find(keys.begin(), keys.end(), key) == keys.end()) {
+        throw std::invalid_argument(
+            fmt::format("--set {}: no such key: {}; profile --help lists them", setting, key));
+    }
     try {
         (*parameters)[key] = ReadValue(setting.substr(equals + 1));
     } catch (const std::invalid_argument& e) {
@@ -142,6 +157,10 @@ void SwitchOn(const ProfileOptions& options, Json* parameters) {
 }
 
 }  // namespace
+
+std::string SettableKeys() {
+    return fmt::format("{}", fmt::join(Settable(), " "));
+}
 
 ProfileRequest MakeRequest(const ProfileOptions& options) {
     ProfileRequest request;

@@ -33,6 +33,11 @@ struct ProfileRequest {
     std::vector<std::string> sources;  // names of those that were switched on
 };
 
+// The keys of a parameter record, in its own order; null after the last.
+extern const char* const kParameterKeys[];
+// Returns the keys that a user may set, for people to read.
+[[nodiscard]] std::string SettableKeys();
+
 // Throws std::invalid_argument with a text for the user.
 [[nodiscard]] ProfileRequest MakeRequest(const ProfileOptions& options);
 

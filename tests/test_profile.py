@@ -240,6 +240,7 @@ def test_a_second_signal_breaks_off_and_keeps_the_data(step, data):
 
 @pytest.mark.parametrize("options", [
     ["--set", "novalue"], ["--set", "=1"], ["--set", "a b=1"], ["--set", "job_id=x"],
+    ["--set", "sys_profilng=on"],
     ["--set", "llc_interval=99999999999"], ["--params", "/nonexistent"], ["--params", "/dev/null"],
     ["--mode", "other"], ["--interval", "0"], ["-o", "/proc/nowhere"], ["--duration", "nan"],
 ])
