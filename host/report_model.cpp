@@ -485,8 +485,8 @@ void ReportBuilder::AddProcessCpu(ProcessReport* process, const TimedCpu& now,
 // The life that a sample of that time belongs to. Memory is read a little after the ticks, of a
 // process that has just been seen alive.
 ReportBuilder::Life* ReportBuilder::LifeAt(Lives* lives, uint64_t time) const {
-    const auto after = std::find_if(lives->begin(), lives->end(),
-                                    [time](const Life& life) { return life.from > time; });
+    const auto after = std::partition_point(lives->begin(), lives->end(),
+                                            [time](const Life& life) { return life.from <= time; });
     if (after == lives->begin()) {
         return nullptr;
     }
