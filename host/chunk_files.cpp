@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "host/file_pull.h"
+#include "host/limits.h"
 #include "host/report_records.h"
 
 namespace orla::host {
@@ -55,10 +56,13 @@ std::string ChunkProblem(const FileChunkReq& chunk, const ReceivedFile& file) {
 uint64_t ChunkFiles::Take(const FileChunkReq& chunk) {
     auto found = files_.find(chunk.filename());
     if (found == files_.end()) {
-        if (files_.size() >= kMaxFiles || chunk.filename().size() > kMaxName) {
+        const size_t size = chunk.filename().size();
+        if (files_.size() >= limits::kJobFiles || size > limits::kName ||
+            names_ + size > limits::kJobNames) {
             ++excess_;
             return 0;
         }
+        names_ += size;
         found = files_.emplace(chunk.filename(), ReceivedFile()).first;
     }
     ReceivedFile& file = found->second;
@@ -89,6 +93,9 @@ int ChunkFiles::Append(const std::string& name, const std::string& bytes, bool b
     if (!begun) {
         std::error_code error;
         std::filesystem::create_directories(path.parent_path(), error);
+        if (error) {
+            return error.value();
+        }
     }
     const int flags = O_WRONLY | O_APPEND | O_CLOEXEC | O_NOFOLLOW;
     const int fd = open(path.c_str(), begun ? flags : flags | O_CREAT | O_EXCL, 0644);

@@ -29,10 +29,6 @@ struct ReceivedFile {
 
 class ChunkFiles {
 public:
-    // The most files of one job: two for each of more processes than a device has.
-    static constexpr size_t kMaxFiles = 200'000;
-    static constexpr size_t kMaxName = 4096;
-
     // `dir` exists and is this object's alone.
     explicit ChunkFiles(std::filesystem::path dir) : dir_(std::move(dir)) {}
 
@@ -52,6 +48,7 @@ private:
 
     const std::filesystem::path dir_;
     std::map<std::string, ReceivedFile> files_;
+    size_t names_ = 0;  // bytes of all names
     uint64_t excess_ = 0;
     bool writeFailed_ = false;
 };

@@ -2,13 +2,18 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <iterator>
+#include <charconv>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <utility>
 
 #include "hdc/hdc_api.h"
 #include "host/commands.h"
 #include "host/device_session.h"
 #include "host/exit_codes.h"
+#include "host/limits.h"
 #include "host/terminal_text.h"
 
 namespace orla::host {
@@ -23,8 +28,27 @@ struct DeviceState {
 
 // A listener is one that a session can be opened with; there is no other way to ask.
 bool Listens(int serviceType, uint32_t device) {
-    const auto client = Client::Create(serviceType);
+    const auto client = Client::Create(serviceType, limits::kLogMessage);
     return client != nullptr && client->Connect(device) != nullptr;
+}
+
+using Range = std::pair<uint32_t, uint32_t>;
+
+// An id, or the first and the last of a range.
+std::optional<Range> ReadRange(const std::string& text) {
+    constexpr uint32_t kMostDevices = 1024;  // far more than a machine has
+    Range range;
+    const char* const end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, range.first);
+    range.second = range.first;
+    const char* last = stop;
+    if (error == std::errc() && stop != end && *stop == '-') {
+        const auto second = std::from_chars(stop + 1, end, range.second);
+        last = second.ec == std::errc() ? second.ptr : stop;
+    }
+    const bool isOne = error == std::errc() && last == end && range.first <= range.second &&
+                       range.second - range.first < kMostDevices;
+    return isOne ? std::optional(range) : std::nullopt;
 }
 
 void PrintTable(const std::vector<DeviceState>& states) {
@@ -57,12 +81,19 @@ int RunDevices(const CommonOptions& options) {
                           Listens(kHdcServiceFramework, device.logicalId)});
     }
     options.json ? PrintJson(states) : PrintTable(states);
-    const bool someoneListens =
-        std::any_of(states.begin(), states.end(), [](const auto& state) { return state.requests; });
-    return someoneListens ? kExitOk : kExitConnection;
+    const auto listens = [](const DeviceState& state) { return state.requests; };
+    // Of devices that were named every one matters, else that there is one at all.
+    const bool isWell = options.devices.empty()
+                            ? std::any_of(states.begin(), states.end(), listens)
+                            : std::all_of(states.begin(), states.end(), listens);
+    return isWell ? kExitOk : kExitConnection;
 }
 
 }  // namespace
+
+std::string DevicesProblem(const std::string& text) {
+    return ReadRange(text).has_value() ? "" : text + ": neither an id of a device nor a range";
+}
 
 std::vector<Device> SelectDevices(const CommonOptions& options) {
     const auto known = FindDevices();
@@ -70,22 +101,26 @@ std::vector<Device> SelectDevices(const CommonOptions& options) {
         Complain(known ? "the driver has no devices" : "the driver does not tell its devices");
         return {};
     }
-    const auto isKnown = [&known](uint32_t id) {
-        return std::any_of(known->begin(), known->end(),
-                           [id](const Device& device) { return device.logicalId == id; });
-    };
-    const auto& wanted = options.devices;
-    const auto unknown = std::find_if_not(wanted.begin(), wanted.end(), isKnown);
-    if (unknown != wanted.end()) {
-        Complain("no such device: {}; orlactl devices lists them", *unknown);
-        return {};
+    if (options.devices.empty()) {
+        return *known;
+    }
+    std::set<uint32_t> wanted;
+    for (const std::string& text : options.devices) {
+        const Range range = ReadRange(text).value();
+        for (uint32_t id = range.first; id <= range.second; ++id) {
+            wanted.insert(id);
+        }
     }
     std::vector<Device> devices;
-    std::copy_if(
-        known->begin(), known->end(), std::back_inserter(devices), [&wanted](const Device& device) {
-            return wanted.empty() ||
-                   std::find(wanted.begin(), wanted.end(), device.logicalId) != wanted.end();
-        });
+    for (const Device& device : *known) {
+        if (wanted.erase(device.logicalId) > 0) {
+            devices.push_back(device);
+        }
+    }
+    if (!wanted.empty()) {
+        throw std::invalid_argument(
+            fmt::format("no such device: {}; orlactl devices lists them", *wanted.begin()));
+    }
     return devices;
 }
 

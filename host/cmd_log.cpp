@@ -12,6 +12,7 @@
 #include "host/commands.h"
 #include "host/device_session.h"
 #include "host/exit_codes.h"
+#include "host/limits.h"
 #include "host/terminal_text.h"
 
 namespace orla::host {
@@ -22,8 +23,6 @@ constexpr const char* kEndMarker = "###[HDC_MSG]hdc_end_msg_used_by_framework###
 constexpr const char* kSetDone = "++OK++";
 constexpr const char* kQueryMark = "[event]";
 constexpr size_t kTextOfLogDaemon = 1020;  // what the relay carries to the log daemon
-
-constexpr size_t kMaxAnswer = 1 << 20;  // far more than a relay ever sends
 
 // With a log daemon that never answers a relay takes 0.9 s for each request, one after another:
 // enough for 30 hosts at once.
@@ -54,7 +53,7 @@ Answer Collect(Session& session, uint32_t device) {
                     return {device, IsRefusal(text) ? kExitRefused : kExitOk, text};
                 }
                 text += message;
-                if (text.size() > kMaxAnswer) {
+                if (text.size() > limits::kLogAnswer) {
                     return {device, kExitConnection, "an answer without an end"};
                 }
                 break;
@@ -103,13 +102,14 @@ void PrintJson(const std::vector<Answer>& answers) {
 
 int RunLog(const CommonOptions& options, const std::string& text) {
     if (text.size() > kTextOfLogDaemon) {
-        Complain("only the first {} characters reach the log daemon", kTextOfLogDaemon);
+        Complain("only {} bytes reach the log daemon; nothing was sent", kTextOfLogDaemon);
+        return kExitUsage;
     }
     const auto devices = SelectDevices(options);
     if (devices.empty()) {
         return kExitConnection;
     }
-    const auto client = Client::Create(kHdcServiceRequests);
+    const auto client = Client::Create(kHdcServiceRequests, limits::kLogMessage);
     if (client == nullptr) {
         Complain("the driver gives no client");
         return kExitConnection;

@@ -4,15 +4,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <ctime>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
 #include <stdexcept>
-#include <thread>
 
 #include "host/commands.h"
+#include "host/end_signals.h"
 #include "host/profile_manifest.h"
 #include "host/profile_request.h"
 #include "host/profile_run.h"
@@ -34,48 +33,10 @@ struct CommandOptions {
     std::string dir = ".";
 };
 
-volatile std::sig_atomic_t g_signals = 0;
-
-// The first signal asks for an orderly end, the second breaks off, a third has its own effect.
-void CountSignal(int number) {
-    g_signals = g_signals + 1;
-    if (g_signals >= 2) {
-        std::signal(number, SIG_DFL);
-    }
-}
-
-// Counts the signals that ask a program to end, in the thread that made this. Threads that are
-// started while it holds them back never see one.
-class EndSignals {
-public:
-    EndSignals() {
-        sigemptyset(&set_);
-        for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-            sigaddset(&set_, number);
-        }
-        pthread_sigmask(SIG_BLOCK, &set_, &before_);
-    }
-    ~EndSignals() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-    EndSignals(const EndSignals&) = delete;
-    EndSignals& operator=(const EndSignals&) = delete;
-
-    void Admit() const {
-        struct sigaction action = {};
-        action.sa_handler = CountSignal;
-        for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-            sigaction(number, &action, nullptr);
-        }
-        pthread_sigmask(SIG_UNBLOCK, &set_, nullptr);
-    }
-
-private:
-    sigset_t set_ = {};
-    sigset_t before_ = {};
-};
-
 struct Run {
     ProfileJobInfo info;
     std::unique_ptr<ProfileRun> run;
+    ProfileResult result = {};  // when it has ended
 };
 
 void RemoveEmpty(const std::filesystem::path& dir) {
@@ -118,7 +79,7 @@ class Progress {
 public:
     explicit Progress(bool wanted) : line_(wanted) {}
 
-    void Update(const std::vector<Run>& runs) {
+    void Update(const std::vector<Run>& runs, int signals) {
         const auto now = Clock::now();
         const double spent = std::chrono::duration<double>(now - drawn_).count();
         if (!line_.shown() || spent < 0.2) {
@@ -128,6 +89,10 @@ public:
         uint64_t samples = 0;
         ProfilePhase phase = ProfilePhase::kDone;
         for (const Run& run : runs) {
+            if (run.run == nullptr) {
+                phase = ProfilePhase::kStarting;
+                continue;
+            }
             const ProfileProgress progress = run.run->progress();
             bytes += progress.bytes;
             samples += progress.samples;
@@ -136,7 +101,7 @@ public:
         const char* const doing[] = {"starting", "running", "ending", "done"};
         line_.Show(fmt::format(
             "{}{}, {:.0f} s: {}, {} samples, {}/s", doing[static_cast<int>(phase)],
-            g_signals > 0 ? " (once more breaks off)" : "",
+            signals > 0 ? " (once more breaks off)" : "",
             std::chrono::duration<double>(now - start_).count(), Amount(static_cast<double>(bytes)),
             samples, Amount(static_cast<double>(bytes - bytes_) / spent)));
         bytes_ = bytes;
@@ -150,22 +115,72 @@ private:
     uint64_t bytes_ = 0;
 };
 
-void AwaitAll(const std::vector<Run>& runs, bool quiet) {
-    Progress progress(!quiet);
-    const auto isDone = [](const Run& run) {
-        return run.run->progress().phase == ProfilePhase::kDone;
-    };
-    while (!std::all_of(runs.begin(), runs.end(), isDone)) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+// Looks after the jobs that were started, until the condition is met.
+template <typename Condition>
+void Tend(const std::vector<Run>& runs, EndSignals* signals, Progress* progress,
+          const Condition& isMet) {
+    while (!isMet()) {
+        signals->Wait(std::chrono::milliseconds(20));
         for (const Run& run : runs) {
+            if (run.run == nullptr) {
+                continue;
+            }
             run.run->Tend();
-            if (g_signals >= 2) {
+            if (signals->count() >= 2) {
                 run.run->Abort();
-            } else if (g_signals == 1) {
+            } else if (signals->count() == 1) {
                 run.run->Interrupt();
             }
         }
-        progress.Update(runs);
+        progress->Update(runs, signals->count());
+    }
+}
+
+// Runs all jobs to their ends. They start one after another: of a source that the card has once,
+// the first device's job is the one that has it, and which one that is must not be chance.
+void RunAll(std::vector<Run>* runs, const ProfileRequest& request, EndSignals* signals,
+            bool quiet) {
+    Progress progress(!quiet);
+    for (Run& run : *runs) {
+        run.run = std::make_unique<ProfileRun>(run.info.job, request);
+        run.run->Start();
+        Tend(*runs, signals, &progress,
+             [&run] { return run.run->progress().phase != ProfilePhase::kStarting; });
+    }
+    const auto isDone = [](const Run& run) {
+        return run.run->progress().phase == ProfilePhase::kDone;
+    };
+    Tend(*runs, signals, &progress,
+         [&] { return std::all_of(runs->begin(), runs->end(), isDone); });
+    for (Run& run : *runs) {
+        run.result = run.run->Join();
+    }
+}
+
+// A device lacks nothing when a job that was started before its own has given all that it misses,
+// and the card has that only once.
+void FindServed(std::vector<Run>* runs, const ProfileRequest& request) {
+    for (auto run = runs->begin(); run != runs->end(); ++run) {
+        ProfileResult& result = run->result;
+        if (!result.onlySilent && !result.heldOrOff) {
+            continue;
+        }
+        const auto& missing = result.heldOrOff ? request.sources : result.silent;
+        const auto serves = [&missing](const Run& other) {
+            const auto& silent = other.result.silent;
+            return other.result.started &&
+                   std::all_of(
+                       missing.begin(), missing.end(), [&silent](const std::string& source) {
+                           return IsOfTheCard(source) &&
+                                  std::find(silent.begin(), silent.end(), source) == silent.end();
+                       });
+        };
+        const auto server = std::find_if(runs->begin(), run, serves);
+        if (server != run && !missing.empty()) {
+            result.servedBy = server->info.job.device;
+            result.code = kExitOk;
+            result.reason.clear();
+        }
     }
 }
 
@@ -181,6 +196,9 @@ void Print(const ProfileJobInfo& info, const ProfileResult& result, bool kept) {
             info.job.dir.string(), result.seconds, Amount(static_cast<double>(bytes)),
             result.files.size(), samples);
     }
+    if (result.servedBy.has_value()) {
+        Say("device {}: served by device {}'s job\n", info.job.device, *result.servedBy);
+    }
     if (result.code != kExitOk) {
         Complain("device {}: {}", info.job.device, Printable(result.reason));
     }
@@ -188,7 +206,7 @@ void Print(const ProfileJobInfo& info, const ProfileResult& result, bool kept) {
 
 // Ends a job's directory. Returns the exit code of the job.
 int Finish(Run& run, const ProfileRequest& request, bool json, Json* list) {
-    ProfileResult result = run.run->Join();
+    ProfileResult& result = run.result;
     const ProfileJobInfo& info = run.info;
     // A job that never began leaves nothing behind.
     const bool kept = result.started || !result.files.empty();
@@ -222,10 +240,10 @@ int RunProfile(const CommonOptions& common, const CommandOptions& options) {
         return kExitConnection;
     }
     std::vector<Run> runs;
-    const EndSignals signals;
+    EndSignals signals;
     try {
         for (const Device& device : devices) {
-            runs.push_back({Prepare(device.logicalId, options, request), nullptr});
+            runs.push_back({Prepare(device.logicalId, options, request), nullptr, {}});
         }
     } catch (...) {
         for (const Run& run : runs) {
@@ -233,12 +251,8 @@ int RunProfile(const CommonOptions& common, const CommandOptions& options) {
         }
         throw;
     }
-    for (Run& run : runs) {
-        run.run = std::make_unique<ProfileRun>(run.info.job, request);
-        run.run->Start();
-    }
-    signals.Admit();
-    AwaitAll(runs, common.json);
+    RunAll(&runs, request, &signals, common.json);
+    FindServed(&runs, request);
     int code = kExitOk;
     Json list = Json::array();
     for (Run& run : runs) {
@@ -276,9 +290,10 @@ void AddOptions(CLI::App& command, CommandOptions& options) {
         .add_option("--llc-events", profile.llcEvents,
                     "Events of the last level cache to count, for example read,write")
         ->delimiter(',');
-    command.add_option("--set", profile.settings,
-                       "KEY=VALUE: any parameter of the record; a whole number is sent as one "
-                       "unless it stands in \"\" (repeatable)");
+    command.add_option(
+        "--set", profile.settings,
+        "KEY=VALUE: any parameter of the record, see below; a whole number is sent as one "
+        "unless it stands in \"\" (repeatable)");
     command.add_option("--params", profile.paramsFile,
                        "JSON file with a parameter record; the options stand over it");
     command
@@ -305,6 +320,7 @@ Command AddProfileCommand(CLI::App& app, const CommonOptions& common) {
     auto* command = app.add_subcommand("profile", "Run a profiling job and keep what it gives");
     auto options = std::make_shared<CommandOptions>();
     AddOptions(*command, *options);
+    command->footer("Keys of --set: " + SettableKeys());
     return [&common, options] { return RunProfile(common, *options); };
 }
 

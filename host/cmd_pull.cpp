@@ -14,6 +14,7 @@
 #include "host/device_session.h"
 #include "host/exit_codes.h"
 #include "host/file_pull.h"
+#include "host/limits.h"
 #include "host/terminal_text.h"
 
 namespace orla::host {
@@ -43,7 +44,7 @@ public:
             return;
         }
         drawn_ = now;
-        const double seconds = std::chrono::duration<double>(now - start_).count();
+        const double seconds = std::max(std::chrono::duration<double>(now - start_).count(), 0.1);
         line_.Show(fmt::format(
             "{}: {} of {}, {}/s", Printable(file.name), Amount(static_cast<double>(file.bytes)),
             Amount(static_cast<double>(file.size)), Amount(static_cast<double>(total_) / seconds)));
@@ -100,11 +101,12 @@ TypeResult PullType(const Client& client, uint32_t device, const std::string& ty
     return result;
 }
 
-void Print(const TypeResult& result) {
+// `folder`: of this device below the output directory; empty when there is one device only.
+void Print(const TypeResult& result, const std::string& folder) {
     for (const PulledFile& file : result.files) {
         // Some names begin with a slash, those of files in subfolders.
         const size_t begin = std::min(file.name.find_first_not_of('/'), file.name.size());
-        const std::string name = Printable(result.type + "/" + file.name.substr(begin));
+        const std::string name = Printable(folder + result.type + "/" + file.name.substr(begin));
         if (file.problem.empty()) {
             Say("{:>12}  {}\n", file.bytes, name);
         } else {
@@ -136,7 +138,7 @@ int RunPull(const CommonOptions& common, const PullOptions& options) {
     if (devices.empty()) {
         return kExitConnection;
     }
-    const auto client = Client::Create(kHdcServiceFramework);
+    const auto client = Client::Create(kHdcServiceFramework, limits::kPullMessage);
     if (client == nullptr) {
         Complain("the driver gives no client");
         return kExitConnection;
@@ -151,15 +153,14 @@ int RunPull(const CommonOptions& common, const PullOptions& options) {
     int code = kExitOk;
     auto list = Json::array();
     for (const Device& device : devices) {
-        std::filesystem::path dir = options.dir;
-        if (devices.size() > 1) {
-            dir /= fmt::format("device-{}", device.logicalId);
-        }
+        const std::string folder =
+            devices.size() > 1 ? fmt::format("device-{}/", device.logicalId) : "";
+        const std::filesystem::path dir = std::filesystem::path(options.dir) / folder;
         for (const std::string& type : options.types) {
             const TypeResult result =
                 PullType(*client, device.logicalId, type, dir, options, common.json);
             code = std::max<int>(code, result.code);
-            common.json ? list.push_back(ToJson(result)) : Print(result);
+            common.json ? list.push_back(ToJson(result)) : Print(result, folder);
         }
     }
     if (common.json) {
@@ -179,7 +180,9 @@ Command AddPullCommand(CLI::App& app, const CommonOptions& common) {
         ->required();
     command->add_option("-o,--output", options->dir,
                         "Directory to write to; files go to DIR/TYPE (default: here)");
-    command->add_flag("--list", options->list, "Show names and sizes, write nothing");
+    command->add_flag(
+        "--list", options->list,
+        "Show names and sizes, write nothing; the device sends the contents all the same");
     command
         ->add_option("--timeout", options->timeoutSeconds,
                      "Longest silence of the device in seconds")

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <functional>
+#include <string>
 #include <vector>
 
 #include "host/device_session.h"
@@ -13,7 +14,8 @@ namespace orla::host {
 
 // Options that every subcommand has.
 struct CommonOptions {
-    std::vector<uint32_t> devices;  // empty: all that the driver knows
+    std::vector<std::string> devices;  // ids and ranges, checked by DevicesProblem; empty: all that
+                                       // the driver knows
     bool json = false;
 };
 
@@ -27,8 +29,12 @@ Command AddProfileCommand(CLI::App& app, const CommonOptions& options);
 Command AddCheckCommand(CLI::App& app, const CommonOptions& options);
 Command AddReportCommand(CLI::App& app, const CommonOptions& options);
 
+// Returns what is wrong with an id ("3") or a range ("0-3") of devices; empty when nothing is.
+[[nodiscard]] std::string DevicesProblem(const std::string& text);
+
 // The devices that were asked for, in the driver's order. None, after a line that says why, when
-// the driver knows none or not every one that was named.
+// the driver knows none. Throws std::invalid_argument when it does not know every one that was
+// named.
 [[nodiscard]] std::vector<Device> SelectDevices(const CommonOptions& options);
 
 }  // namespace orla::host

@@ -5,6 +5,8 @@
 #include <system_error>
 #include <utility>
 
+#include "host/limits.h"
+
 namespace orla::host {
 
 namespace {
@@ -30,7 +32,7 @@ std::string Message(uint16_t msgType, uint16_t status, const std::string& data) 
 
 std::filesystem::path PathBelow(const std::filesystem::path& dir, const std::string& name) {
     std::filesystem::path path = dir;
-    bool named = false;
+    size_t parts = 0;
     for (size_t begin = 0; begin <= name.size();) {
         const size_t end = std::min(name.find('/', begin), name.size());
         const std::string part = name.substr(begin, end - begin);
@@ -42,9 +44,10 @@ std::filesystem::path PathBelow(const std::filesystem::path& dir, const std::str
             return {};
         }
         path /= part;
-        named = true;
+        ++parts;
     }
-    return named && name.back() != '/' ? path : std::filesystem::path();
+    return parts > 0 && parts <= limits::kNameParts && name.back() != '/' ? path
+                                                                          : std::filesystem::path();
 }
 
 PullEnd FilePull::Run(Session& session, const std::string& type) {
@@ -60,7 +63,7 @@ PullEnd FilePull::Run(Session& session, const std::string& type) {
             if (ended_ && result != ReceiveResult::kTimeout) {
                 return PullEnd::kDone;
             }
-            EndTextWasAName();
+            static_cast<void>(EndTextWasAName());
             if (result == ReceiveResult::kClosed && !answered) {
                 return PullEnd::kNoAnswer;
             }
@@ -92,15 +95,22 @@ FilePull::Step FilePull::Fail(const std::string& reason) {
 FilePull::Step FilePull::Take(Session& session, const std::string& bytes) {
     // A packed structure needs no alignment.
     const auto& message = *reinterpret_cast<const MsgProto*>(bytes.data());
-    if (bytes.size() < sizeof(MsgProto) || bytes.size() - sizeof(MsgProto) != message.sliceLen) {
+    if (bytes.size() < sizeof(MsgProto) || bytes.size() - sizeof(MsgProto) != message.sliceLen ||
+        message.magic != Velt::kMsgMagic || message.version != Velt::kMsgVersion ||
+        message.type != kRequestTypeFile) {
         return Fail("the device sent what is no message");
     }
+    const bool hasContent = message.msgType != Velt::kMsgControl && message.sliceLen > 0;
+    controls_ = hasContent ? 0 : controls_ + 1;
+    if (controls_ > limits::kControlMessages) {
+        return Fail("the device sends nothing but messages without content");
+    }
     if (message.msgType == Velt::kMsgControl) {
-        EndTextWasAName();
+        const Step step = EndTextWasAName();
         if (open_) {
             Drop("the device broke off");
         }
-        return Step::kGoOn;
+        return step;
     }
     return message.status == Velt::kMsgStatusNone ? TakeSlice(session, message) : TakeText(message);
 }
@@ -112,19 +122,18 @@ FilePull::Step FilePull::TakeText(const MsgProto& message) {
         return Step::kRefused;
     }
     // A file of that name is told from the end by what follows: something, or nothing.
-    EndTextWasAName();
+    const Step step = EndTextWasAName();
     if (open_) {
         Drop("the device went on to the next file");
     }
     ended_ = text == kEndText;
-    if (!ended_) {
-        Begin(text);
-    }
-    return Step::kGoOn;
+    return ended_ || step != Step::kGoOn ? step : Begin(text);
 }
 
 FilePull::Step FilePull::TakeSlice(Session& session, const MsgProto& message) {
-    EndTextWasAName();
+    if (EndTextWasAName() != Step::kGoOn) {
+        return Step::kFailed;
+    }
     if (!open_) {
         return Fail("the device sent content without a name");
     }
@@ -150,28 +159,37 @@ FilePull::Step FilePull::TakeSlice(Session& session, const MsgProto& message) {
     return Step::kGoOn;
 }
 
-void FilePull::EndTextWasAName() {
-    if (ended_) {
-        ended_ = false;
-        Begin(kEndText);
+FilePull::Step FilePull::EndTextWasAName() {
+    if (!ended_) {
+        return Step::kGoOn;
     }
+    ended_ = false;
+    return Begin(kEndText);
 }
 
-void FilePull::Begin(const std::string& name) {
+FilePull::Step FilePull::Begin(const std::string& name) {
+    if (name.size() > limits::kName || files_.size() >= limits::kPulledFiles) {
+        return Fail("the device sent a name that is too long, or too many files");
+    }
     open_ = true;
     files_.emplace_back();
     files_.back().name = name;
     if (options_.listOnly) {
-        return;
+        return Step::kGoOn;
     }
+    std::string* const problem = &files_.back().problem;
     const auto target = PathBelow(options_.dir, name);
+    std::error_code error;
     if (target.empty()) {
-        files_.back().problem = "the name would leave the directory";
-        return;
+        *problem = "the name would leave the directory";
+    } else if (!targets_.insert(target).second) {
+        *problem = "an earlier file has this name";
+    } else if (std::filesystem::create_directories(target.parent_path(), error); error) {
+        *problem = error.message();
+    } else {
+        out_ = NewFile::Open(target, problem);
     }
-    std::error_code ignored;  // what is missing then, the open tells
-    std::filesystem::create_directories(target.parent_path(), ignored);
-    out_ = NewFile::Open(target, &files_.back().problem);
+    return Step::kGoOn;
 }
 
 void FilePull::Write(const char* data, size_t size) {

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,8 +33,8 @@ enum class PullEnd {
     kBroken,    // the session ended, fell silent or made no sense in the middle
 };
 
-// Where a file of that name goes; empty when it would leave `dir`, or is no name. Slashes at
-// the front and doubled ones have no meaning.
+// Where a file of that name goes; empty when it would leave `dir`, is no name, or leads down more
+// levels than there may be. Slashes at the front and doubled ones have no meaning.
 [[nodiscard]] std::filesystem::path PathBelow(const std::filesystem::path& dir,
                                               const std::string& name);
 
@@ -62,8 +63,8 @@ private:
     Step TakeText(const Velt::MsgProto& message);
     Step TakeSlice(Session& session, const Velt::MsgProto& message);
     Step Fail(const std::string& reason);
-    void EndTextWasAName();
-    void Begin(const std::string& name);
+    Step EndTextWasAName();
+    Step Begin(const std::string& name);
     void Write(const char* data, size_t size);
     void Finish();
     void Drop(const std::string& problem);
@@ -71,6 +72,8 @@ private:
     const Options options_;
     std::vector<PulledFile> files_;
     std::string reason_;
+    std::set<std::filesystem::path> targets_;  // of all files so far
+    size_t controls_ = 0;                      // messages without content in a row
     bool ended_ = false;            // the end text came last; a file may have that name, too
     bool open_ = false;             // files_.back() is being received
     std::unique_ptr<NewFile> out_;  // null while what comes is dropped

@@ -1,7 +1,8 @@
 // The input is one message of a profiling session as a device may send it. What it may lead to is
 // bounded: a chunk that is taken goes below the directory, and foreign words don't steer a
 // terminal.
-#include <algorithm>
+#include <utf8cpp/utf8.h>
+
 #include <cstdlib>
 
 #include "host/chunk_files.h"
@@ -16,8 +17,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if ((incoming.kind == IncomingKind::kChunk) != (incoming.chunk != nullptr)) {
         std::abort();
     }
-    const std::string shown = Printable(incoming.info);
-    if (std::any_of(shown.begin(), shown.end(), [](unsigned char c) { return c < ' '; })) {
+    // What is shown is valid text, and holds neither the controls of ASCII nor their doubles above.
+    const std::string shown = Printable({reinterpret_cast<const char*>(data), size});
+    const bool isText = utf8::is_valid(shown.begin(), shown.end());
+    for (auto at = shown.begin(); isText && at != shown.end();) {
+        const uint32_t c = utf8::next(at, shown.end());
+        if (c < 0x20 || (c >= 0x7f && c < 0xa0)) {
+            std::abort();
+        }
+    }
+    if (!isText) {
         std::abort();
     }
     if (incoming.chunk == nullptr || !ChunkProblem(*incoming.chunk, ReceivedFile()).empty()) {

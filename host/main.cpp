@@ -74,7 +74,10 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();
     CommonOptions options;
-    app.add_option("-d,--device", options.devices, "Logical device id (repeatable; default: all)")
+    app.add_option("-d,--device", options.devices,
+                   "Logical device ids, for example 0,2 or 0-3 (repeatable; default: all)")
+        ->delimiter(',')
+        ->check(DevicesProblem)
         ->allow_extra_args(false);  // the next word is the command's
     app.add_flag("--json", options.json, "Print JSON for machines");
     app.footer(

@@ -48,10 +48,15 @@ Json MakeManifest(const ProfileJobInfo& info, const ProfileRequest& request,
         manifest["code"] = result->code;
         manifest["reason"] = result->reason;
         manifest["seconds"] = result->seconds;
-        manifest["interrupted"] = result->interrupted;
+        manifest["ended_by"] = NameOf(result->cause);
+        manifest["interrupted"] =
+            result->cause == EndCause::kInterrupted || result->cause == EndCause::kBrokenOff;
         manifest["stopped"] = result->stopped;
         manifest["finish_came"] = result->finishCame;
         manifest["silent"] = result->silent;
+        if (result->servedBy.has_value()) {
+            manifest["served_by"] = *result->servedBy;
+        }
         manifest["files"] = FileList(result->files);
     }
     return manifest;

@@ -21,6 +21,17 @@ constexpr size_t kMaxParameters = 1 << 20;
 // What ties the sessions of a job together; a user's value would take it apart.
 constexpr const char* kJobKeys[] = {"job_id", "profiling_mode", "devices"};
 
+std::vector<std::string_view> Settable() {
+    std::vector<std::string_view> keys;
+    for (const char* const* key = kParameterKeys; *key != nullptr; ++key) {
+        if (std::find(std::begin(kJobKeys), std::end(kJobKeys), std::string_view(*key)) ==
+            std::end(kJobKeys)) {
+            keys.emplace_back(*key);
+        }
+    }
+    return keys;
+}
+
 bool IsOn(const Json& parameters, const char* key) {
     const auto found = parameters.find(key);
     return found != parameters.end() && *found == "on";
@@ -36,25 +47,27 @@ struct SourceRule {
     const char* name;
     bool (*wanted)(const ProfileRequest& request);
     bool (*owns)(std::string_view file);
+    bool isOfTheCard;
 };
 
 constexpr SourceRule kSources[] = {
     {"cpu", [](const ProfileRequest& r) { return IsOn(r.parameters, "sys_profiling"); },
-     [](std::string_view file) { return IsOfKind(file, SampleKind::kCpu); }},
+     [](std::string_view file) { return IsOfKind(file, SampleKind::kCpu); }, true},
     {"mem",
      [](const ProfileRequest& r) {
          return IsOn(r.parameters, "sys_profiling") && !IsOn(r.parameters, "tracelet");
      },
-     [](std::string_view file) { return IsOfKind(file, SampleKind::kMemory); }},
+     [](std::string_view file) { return IsOfKind(file, SampleKind::kMemory); }, true},
     {"pids", [](const ProfileRequest& r) { return IsOn(r.parameters, "pid_profiling"); },
      [](std::string_view file) {
          return IsOfKind(file, SampleKind::kProcessCpu) ||
                 IsOfKind(file, SampleKind::kProcessMemory);
-     }},
+     },
+     true},
     {"cpu-events", [](const ProfileRequest& r) { return !r.cpuEvents.empty(); },
-     [](std::string_view file) { return file == "data/ai_ctrl_cpu.data"; }},
+     [](std::string_view file) { return file == "data/ai_ctrl_cpu.data"; }, true},
     {"llc-events", [](const ProfileRequest& r) { return !r.llcEvents.empty(); },
-     [](std::string_view file) { return file == "data/llc.data"; }},
+     [](std::string_view file) { return file == "data/llc.data"; }, false},
 };
 
 Json ReadParameters(const std::string& file) {
@@ -105,6 +118,10 @@ void Set(const std::string& setting, Json* parameters) {
     if (std::find(std::begin(kJobKeys), std::end(kJobKeys), key) != std::end(kJobKeys)) {
         throw std::invalid_argument(fmt::format("--set {}: the tool sets {} itself", setting, key));
     }
+    if (const auto keys = Settable(); std::find(keys.begin(), keys.end(), key) == keys.end()) {
+        throw std::invalid_argument(
+            fmt::format("--set {}: no such key: {}; profile --help lists them", setting, key));
+    }
     try {
         (*parameters)[key] = ReadValue(setting.substr(equals + 1));
     } catch (const std::invalid_argument& e) {
@@ -141,6 +158,10 @@ void SwitchOn(const ProfileOptions& options, Json* parameters) {
 
 }  // namespace
 
+std::string SettableKeys() {
+    return fmt::format("{}", fmt::join(Settable(), " "));
+}
+
 ProfileRequest MakeRequest(const ProfileOptions& options) {
     ProfileRequest request;
     request.parameters =
@@ -167,6 +188,12 @@ std::string ParametersText(const ProfileRequest& request, const std::string& job
     parameters["profiling_mode"] = request.mode;
     parameters["devices"] = std::to_string(device);
     return parameters.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+bool IsOfTheCard(const std::string& source) {
+    return std::any_of(std::begin(kSources), std::end(kSources), [&source](const SourceRule& rule) {
+        return rule.isOfTheCard && source == rule.name;
+    });
 }
 
 std::vector<std::string> SilentSources(const ProfileRequest& request,

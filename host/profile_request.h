@@ -33,12 +33,21 @@ struct ProfileRequest {
     std::vector<std::string> sources;  // names of those that were switched on
 };
 
+// The keys of a parameter record, in its own order; null after the last.
+extern const char* const kParameterKeys[];
+// Returns the keys that a user may set, for people to read.
+[[nodiscard]] std::string SettableKeys();
+
 // Throws std::invalid_argument with a text for the user.
 [[nodiscard]] ProfileRequest MakeRequest(const ProfileOptions& options);
 
 // The parameter record of one job: a job's keys stand over those that the user gave.
 [[nodiscard]] std::string ParametersText(const ProfileRequest& request, const std::string& jobId,
                                          uint32_t device);
+
+// Whether a card has that source once, for all of its devices: its control CPU's samples and
+// recordings.
+[[nodiscard]] bool IsOfTheCard(const std::string& source);
 
 // The sources of the request that gave not one byte.
 [[nodiscard]] std::vector<std::string> SilentSources(

@@ -20,6 +20,7 @@ using std::chrono::milliseconds;
 constexpr uint32_t kMaxMessage = sizeof(IdeRequest) + analysis::nedra::message::kMaxEnvelope;
 constexpr milliseconds kGlance{50};  // how soon an interruption is noticed
 constexpr int kMaxPatiences = 10;    // for a device that goes on sending
+constexpr const char* kStartFailed = "start failed";
 constexpr const char* kSeeLog = "the device's log may tell more";
 
 template <typename Message>
@@ -30,6 +31,28 @@ Message WithContext(const std::string& context) {
 }
 
 }  // namespace
+
+const char* NameOf(EndCause cause) {
+    switch (cause) {
+        case EndCause::kNone:
+            return "";
+        case EndCause::kDuration:
+            return "duration";
+        case EndCause::kInterrupted:
+            return "interrupted";
+        case EndCause::kDataEnded:
+            return "data_ended";
+        case EndCause::kWriteFailed:
+            return "write_failed";
+        case EndCause::kFault:
+            return "fault";
+        case EndCause::kBrokenOff:
+            return "broken_off";
+        case EndCause::kNotRead:
+            return "not_read";
+    }
+    return "";
+}
 
 ProfileRun::ProfileRun(Job job, const ProfileRequest& request)
     : job_(std::move(job)), request_(request), files_(job_.dir) {}
@@ -43,8 +66,19 @@ void ProfileRun::Start() {
     thread_ = std::thread([this] { Run(); });
 }
 
-void ProfileRun::Abort() {
-    aborted_ = true;
+void ProfileRun::Note(EndCause cause) {
+    EndCause none = EndCause::kNone;
+    cause_.compare_exchange_strong(none, cause);
+}
+
+void ProfileRun::Cut(EndCause cause) {
+    EndCause before = cause_;
+    while (before < EndCause::kBrokenOff && !cause_.compare_exchange_weak(before, cause)) {
+    }
+    CloseSessions();
+}
+
+void ProfileRun::CloseSessions() {
     const std::lock_guard<std::mutex> lock(sessionsMutex_);
     for (Session* session : {control_.get(), data_.get()}) {
         if (session != nullptr) {
@@ -57,7 +91,7 @@ void ProfileRun::Tend() {
     const Clock::rep began = sendBegan_;
     if (began != 0 && Clock::now().time_since_epoch().count() - began >
                           std::chrono::duration_cast<Clock::duration>(job_.patience).count()) {
-        Abort();
+        Cut(EndCause::kNotRead);
     }
 }
 
@@ -133,7 +167,7 @@ bool ProfileRun::Begin() {
     for (const std::string& event : request_.llcEvents) {
         replayStart.add_llc_events(event);
     }
-    const Step start{"start", "start failed",
+    const Step start{"start", kStartFailed,
                      "every source is off, or held by a job on another device of this machine"};
     result_.started =
         Ask(*control_, {"job start", "start job failed", kSeeLog}, jobStart) == Answer::kAccepted &&
@@ -145,18 +179,21 @@ bool ProfileRun::Begin() {
 void ProfileRun::WaitForTheEnd() {
     const auto start = Clock::now();
     const std::chrono::duration<double> duration(job_.durationSeconds);
-    while (!interrupted_ && !aborted_) {
+    while (cause_ == EndCause::kNone) {
         if (dataEnd_ != DataEnd::kNone) {
+            Note(EndCause::kDataEnded);
             Broken("the device ended the data session before it was asked to");
             return;
         }
         if (writeFailed_) {
+            Note(EndCause::kWriteFailed);
             return;
         }
         auto glance = kGlance;
         if (job_.durationSeconds > 0) {
             const auto left = duration - (Clock::now() - start);
             if (left.count() <= 0) {
+                Note(EndCause::kDuration);
                 return;
             }
             glance =
@@ -189,7 +226,7 @@ void ProfileRun::End() {
         Ask(*control_, {"job stop", "stop job failed", kSeeLog}, jobStop) == Answer::kAccepted;
     // The finish message was sent before the last answer; it may still be on its way.
     const auto deadline = Clock::now() + job_.patience;
-    while (result_.stopped && dataEnd_ == DataEnd::kNone && !aborted_ && Clock::now() < deadline) {
+    while (result_.stopped && dataEnd_ == DataEnd::kNone && !isCut() && Clock::now() < deadline) {
         std::this_thread::sleep_for(kGlance / 10);
     }
 }
@@ -200,8 +237,8 @@ void ProfileRun::Conclude() {
     if (dataThread_.joinable()) {
         dataThread_.join();
     }
-    Abort();
-    result_.interrupted = interrupted_;
+    CloseSessions();
+    result_.cause = cause_;
     result_.finishCame = dataEnd_ == DataEnd::kFinished;
     result_.files = files_.files();
     if (!result_.started) {
@@ -225,6 +262,7 @@ void ProfileRun::Conclude() {
         Fail(kExitIncomplete, "the end of the data did not come");
     }
     if (!result_.silent.empty()) {
+        result_.onlySilent = result_.code == kExitOk;
         Fail(kExitIncomplete, fmt::format("the device accepted the job, but nothing came from: {}",
                                           fmt::join(result_.silent, ", ")));
     }
@@ -237,12 +275,24 @@ void ProfileRun::Fail(ExitCode code, std::string reason) {
     }
 }
 
+// Once the sessions are cut every operation on them fails: that is no fault of the device's.
 ProfileRun::Answer ProfileRun::Broken(const std::string& reason) {
+    if (cause_ == EndCause::kBrokenOff) {
+        Fail(kExitIncomplete, "broken off");
+        return Answer::kNone;
+    }
+    if (cause_ == EndCause::kNotRead) {
+        Fail(chunks_ > 0 ? kExitIncomplete : kExitConnection,
+             fmt::format("the device did not read within {} s", job_.patience.count() / 1000));
+        return Answer::kNone;
+    }
+    Note(EndCause::kFault);
     Fail(chunks_ > 0 ? kExitIncomplete : kExitConnection, reason);
     return Answer::kNone;
 }
 
 ProfileRun::Answer ProfileRun::Refused(const Step& step, const std::string& reason) {
+    Note(EndCause::kFault);
     Fail(kExitRefused, fmt::format("{} refused: {}", step.name, reason));
     return Answer::kRefused;
 }
@@ -264,7 +314,7 @@ ProfileRun::Answer ProfileRun::Ask(Session& session, const Step& step,
     const auto last = Clock::now() + kMaxPatiences * job_.patience;
     auto deadline = Clock::now() + job_.patience;
     uint64_t seen = chunks_;
-    while (!aborted_) {
+    while (!isCut()) {
         std::string bytes;
         switch (session.Receive(static_cast<int>(kGlance.count()), &bytes)) {
             case ReceiveResult::kMessage:
@@ -276,7 +326,7 @@ ProfileRun::Answer ProfileRun::Ask(Session& session, const Step& step,
             case ReceiveResult::kTimeout:
                 break;
         }
-        if (interrupted_ && !dataThread_.joinable()) {
+        if (cause_ == EndCause::kInterrupted && !dataThread_.joinable()) {
             Fail(kExitIncomplete, "interrupted before the job began");
             return Answer::kNone;
         }
@@ -290,8 +340,7 @@ ProfileRun::Answer ProfileRun::Ask(Session& session, const Step& step,
                 fmt::format("{}: no answer within {} s", step.name, job_.patience.count() / 1000));
         }
     }
-    Fail(kExitIncomplete, fmt::format("{}: broken off", step.name));
-    return Answer::kNone;
+    return Broken("");
 }
 
 ProfileRun::Answer ProfileRun::TakeReply(const Step& step, const std::string& bytes) {
@@ -301,6 +350,7 @@ ProfileRun::Answer ProfileRun::TakeReply(const Step& step, const std::string& by
             if (reply.accepted) {
                 return Answer::kAccepted;
             }
+            result_.heldOrOff = step.emptyWords == kStartFailed && reply.info == kStartFailed;
             return Refused(step, reply.info.empty() ? fmt::format("no reason given ({})", step.hint)
                                  : reply.info == step.emptyWords
                                      ? fmt::format("{} ({})", reply.info, step.hint)

@@ -19,6 +19,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,6 +31,21 @@
 #include "host/profile_wire.h"
 
 namespace orla::host {
+
+// Why a job ends, as one value: the first cause is kept, but for one that cuts the sessions, which
+// stands over those that end a job in order.
+enum class EndCause {
+    kNone,
+    kDuration,     // its time was up
+    kInterrupted,  // the user asked for it
+    kDataEnded,    // the device ended the data session
+    kWriteFailed,  // this machine cannot write
+    kFault,        // the conversation came to no end, or was refused
+    // From here on the sessions are cut.
+    kBrokenOff,  // the user did not want to wait for the device
+    kNotRead,    // the device did not take a message within the patience
+};
+[[nodiscard]] const char* NameOf(EndCause cause);
 
 enum class ProfilePhase { kStarting, kRunning, kEnding, kDone };
 
@@ -46,8 +62,11 @@ struct ProfileResult {
     bool started = false;     // the device accepted the job and its start
     bool stopped = false;     // it confirmed the end
     bool finishCame = false;  // the last message of the data session was received
-    bool interrupted = false;
-    double seconds = 0;  // from the accepted start to the request to stop
+    EndCause cause = EndCause::kNone;
+    bool heldOrOff = false;   // the start was refused since no source of the request could begin
+    bool onlySilent = false;  // nothing else than silent sources is wrong
+    std::optional<uint32_t> servedBy;  // the device whose job samples what this one lacks
+    double seconds = 0;                // from the accepted start to the request to stop
     std::vector<std::string> silent;
     std::map<std::string, ReceivedFile> files;
 };
@@ -69,9 +88,9 @@ public:
 
     void Start();
     // Ends the job in order; before it runs, gives up at the next step.
-    void Interrupt() { interrupted_ = true; }
+    void Interrupt() { Note(EndCause::kInterrupted); }
     // Ends the sessions, whatever the job is doing.
-    void Abort();
+    void Abort() { Cut(EndCause::kBrokenOff); }
     // Closes the sessions when a send has been blocked for longer than the patience.
     void Tend();
 
@@ -108,6 +127,12 @@ private:
     Answer Broken(const std::string& reason);
     void Fail(ExitCode code, std::string reason);
 
+    // Any thread.
+    void Note(EndCause cause);  // of an end in order
+    void Cut(EndCause cause);
+    void CloseSessions();
+    bool isCut() const { return cause_ >= EndCause::kBrokenOff; }
+
     // The thread of the data session.
     void Drain();
     void DrainAll();
@@ -122,8 +147,7 @@ private:
     std::unique_ptr<Session> control_;
     std::unique_ptr<Session> data_;
 
-    std::atomic<bool> interrupted_{false};
-    std::atomic<bool> aborted_{false};
+    std::atomic<EndCause> cause_{EndCause::kNone};
     std::atomic<bool> quitData_{false};
     std::atomic<ProfilePhase> phase_{ProfilePhase::kStarting};
     std::atomic<Clock::rep> sendBegan_{0};  // 0: no send is on its way

@@ -13,6 +13,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+constexpr size_t kCoresInText = 4;
+constexpr size_t kMostCoresOverTime = 256;  // more rows than a page or a trace can show
 constexpr const char* kMemoryNames[] = {"used", "cached", "free"};
 
 const char* NameOf(SampleKind kind) {
@@ -22,9 +24,9 @@ const char* NameOf(SampleKind kind) {
         case SampleKind::kMemory:
             return "memory";
         case SampleKind::kProcessCpu:
-            return "process cpu";
+            return "process_cpu";
         case SampleKind::kProcessMemory:
-            return "process memory";
+            return "process_memory";
     }
     return "";
 }
@@ -74,6 +76,23 @@ Json ProcessList(const Report& report, const std::vector<size_t>& indices) {
     return list;
 }
 
+Json CoresJson(const Report& report) {
+    Json list = Json::array();
+    for (const auto& [number, core] : report.cores) {
+        list.push_back({{"number", number},
+                        {"busy_percent", Rounded(core.busyShare(), 100)},
+                        {"busy_peak_percent", Rounded(core.busyPeak, 100)}});
+    }
+    return list;
+}
+
+// The processors that are shown over time, in the order of their numbers.
+std::vector<uint32_t> CoresOverTime(const Report& report) {
+    auto numbers = report.BusiestCores(kMostCoresOverTime);
+    std::sort(numbers.begin(), numbers.end());
+    return numbers;
+}
+
 Json QualityJson(const Report& report) {
     Json list = Json::array();
     for (const auto& [kind, quality] : report.quality) {
@@ -112,12 +131,17 @@ Json ChartsJson(const Report& report, const ReportInput& input) {
     Json charts = {{"step_s", report.grid.SecondsAt(1)},
                    {"steps", report.grid.steps},
                    {"cpu", Json::array()},
+                   {"cores", Json::array()},
                    {"memory", Json::array()},
                    {"process_cpu", Json::array()},
                    {"process_memory", Json::array()}};
     for (int mode = 0; mode < kIdle; ++mode) {
         charts["cpu"].push_back(
             NamedSeries(report, NameOf(static_cast<CpuMode>(mode)), report.cpu[mode], 100));
+    }
+    for (const uint32_t number : CoresOverTime(report)) {
+        charts["cores"].push_back(
+            NamedSeries(report, fmt::format("cpu{}", number), report.cores.at(number).busy, 1));
     }
     for (size_t i = 0; i < report.memory.size(); ++i) {
         charts["memory"].push_back(NamedSeries(report, kMemoryNames[i], report.memory[i], 1));
@@ -185,16 +209,61 @@ Json Event(const char* phase, const std::string& name, uint32_t pid, double micr
     return {{"ph", phase}, {"name", name}, {"pid", pid}, {"tid", 0}, {"ts", microseconds}};
 }
 
+// A value of the manifest, which is foreign; null when it has none of that kind.
+Json Of(const Json& manifest, const char* key) {
+    const auto found = manifest.find(key);
+    return found != manifest.end() && found->is_primitive() ? *found : Json();
+}
+
+// A value of the manifest as a text; empty when there is none.
+std::string TextOf(const Json& manifest, const char* key) {
+    const Json value = Of(manifest, key);
+    return value.is_string() ? Printable(value.get<std::string>())
+           : value.is_null() ? ""
+                             : Dump(value);
+}
+
+// Whose profile it is, when it began and how it ended.
+std::string Receipt(const ReportInput& input) {
+    const std::string state = TextOf(input.manifest, "state");
+    const std::string reason = TextOf(input.manifest, "reason");
+    std::string text =
+        fmt::format("Device {}, job {}, began {}\n", TextOf(input.manifest, "device"),
+                    TextOf(input.manifest, "job"), TextOf(input.manifest, "began"));
+    if (state == "running") {
+        text += "The job had not ended when its manifest was written.\n";
+    } else if (!reason.empty() || state == "failed") {
+        text += fmt::format("The job failed ({}): {}\n", TextOf(input.manifest, "code"), reason);
+    } else {
+        text += fmt::format("The job ended well ({}).\n", TextOf(input.manifest, "ended_by"));
+    }
+    for (const std::string& loss : input.losses) {
+        text += Printable(loss) + "\n";
+    }
+    return text;
+}
+
 }  // namespace
 
 std::string ReportText(const Report& report, const ReportInput& input) {
     std::string text = fmt::format("{}: {:.1f} s, {} processors, {} processes\n", input.directory,
                                    report.seconds(), report.processors, report.processes.size());
-    if (!report.cpu.empty() && report.cpuShare[kIdle] + report.cpuShare[kUser] > 0) {
+    text += input.manifest.empty() ? "" : Receipt(input);
+    if (!report.cpu.empty() && std::any_of(report.cpuShare.begin(), report.cpuShare.end(),
+                                           [](double share) { return share > 0; })) {
         text += "\nProcessors  ";
         for (int mode = 0; mode < kCpuModes; ++mode) {
             text += fmt::format("{} {:.1f} %{}", NameOf(static_cast<CpuMode>(mode)),
                                 report.cpuShare[mode], mode + 1 < kCpuModes ? ", " : "\n");
+        }
+    }
+    if (report.cores.size() > 1) {
+        text += "Busiest     ";
+        const auto numbers = report.BusiestCores(kCoresInText);
+        for (const uint32_t number : numbers) {
+            const CoreReport& core = report.cores.at(number);
+            text += fmt::format("cpu{} {:.1f} % (peak {:.1f} %){}", number, core.busyShare(),
+                                core.busyPeak, number != numbers.back() ? ", " : "\n");
         }
     }
     if (const MemorySample& memory = report.memoryLast; memory.total > 0) {
@@ -206,6 +275,14 @@ std::string ReportText(const Report& report, const ReportInput& input) {
     }
     AddProcesses(&text, report, "Busiest processes", report.BusiestByCpu(input.top));
     AddProcesses(&text, report, "Largest processes", report.BiggestByMemory(input.top));
+    if (!report.processes.empty()) {
+        text += fmt::format(
+            "\nCPU % is of one processor; the kernel counts ticks of 10 ms, so a peak can lie "
+            "above "
+            "100 % of a thread.\nResident memory is in pages of {}{}.\n",
+            Amount(static_cast<double>(report.pageSize)),
+            report.isPageSizeKnown ? "" : ", a guess: --page-size tells better");
+    }
     AddQuality(&text, report);
     for (const OtherFile& file : input.others) {
         text += fmt::format("\n{}: {}, {}\n", Printable(file.name),
@@ -227,10 +304,23 @@ Json ReportJson(const Report& report, const ReportInput& input) {
     for (const OtherFile& file : input.others) {
         others.push_back({{"name", file.name}, {"bytes", file.bytes}, {"lines", file.lines}});
     }
-    return {{"directory", input.directory},
+    return {{"format", 1},
+            {"directory", input.directory},
+            {"device", Of(input.manifest, "device")},
+            {"job", Of(input.manifest, "job")},
+            {"began", Of(input.manifest, "began")},
+            {"state", Of(input.manifest, "state")},
+            {"code", Of(input.manifest, "code")},
+            {"reason", Of(input.manifest, "reason")},
+            {"ended_by", Of(input.manifest, "ended_by")},
+            {"losses", input.losses},
+            {"dropped_chunks", input.dropped},
+            {"page_size", report.pageSize},
+            {"page_size_known", report.isPageSizeKnown},
             {"seconds", Rounded(report.seconds(), 1000)},
             {"processors", report.processors},
             {"cpu_percent", cpu},
+            {"cores", CoresJson(report)},
             {"memory",
              {{"total", report.memoryLast.total},
               {"used_mean", Rounded(report.memoryUsedMean, 1)},
@@ -279,12 +369,19 @@ std::string ReportTrace(const Report& report, const ReportInput& input) {
         }
     };
     name(0, "machine");
+    const auto coresOverTime = CoresOverTime(report);
     for (size_t step = 0; step < report.grid.steps; ++step) {
         Json cpu = Json::object();
         for (int mode = 0; mode < kIdle; ++mode) {
             put(&cpu, NameOf(static_cast<CpuMode>(mode)), report.cpu[mode], step, 1);
         }
         count(0, "CPU %", step, std::move(cpu));
+        Json cores = Json::object();
+        for (const uint32_t number : coresOverTime) {
+            put(&cores, fmt::format("cpu{}", number).c_str(), report.cores.at(number).busy, step,
+                1);
+        }
+        count(0, "single processors %", step, std::move(cores));
         Json memory = Json::object();
         for (size_t i = 0; i < report.memory.size(); ++i) {
             put(&memory, kMemoryNames[i], report.memory[i], step, 1e6);

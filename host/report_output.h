@@ -24,6 +24,8 @@ struct ReportInput {
     nlohmann::ordered_json manifest;  // an empty object when there is none
     std::vector<OtherFile> others;
     std::vector<std::string> problems;  // of files that could not be read at all
+    std::vector<std::string> losses;    // of files that are not whole, as the manifest tells
+    uint64_t dropped = 0;               // chunks that were not stored
     size_t top = 10;                    // processes in lists and charts
 };
 

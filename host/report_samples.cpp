@@ -8,6 +8,7 @@ namespace orla::host {
 
 namespace {
 
+constexpr uint64_t kMostProcessors = 4096;
 constexpr std::string_view kNameLabel = "\nProcessName:";
 
 // Cuts the first piece off, up to a separator, which goes too.
@@ -32,12 +33,9 @@ bool CutNumber(std::string_view* rest, uint64_t* value) {
     return error == std::errc() && stop == word.data() + word.size();
 }
 
-// The line of all processors: "cpu", then ticks by mode in the kernel's order. The guests' ticks
-// behind them are in the first two already.
-bool ReadTicks(std::string_view line, CpuTicks* ticks) {
-    if (CutWord(&line) != "cpu") {
-        return false;
-    }
+// The rest of the line of a processor, or of all: ticks by mode in the kernel's order. The guests'
+// ticks that follow them are in the first two already.
+bool ReadModes(std::string_view line, CpuTicks* ticks) {
     uint64_t softIrq = 0;
     uint64_t* const order[] = {&(*ticks)[kUser], &(*ticks)[kNice],   &(*ticks)[kSystem],
                                &(*ticks)[kIdle], &(*ticks)[kIoWait], &(*ticks)[kIrq],
@@ -49,6 +47,10 @@ bool ReadTicks(std::string_view line, CpuTicks* ticks) {
     }
     (*ticks)[kIrq] += softIrq;
     return true;
+}
+
+bool ReadTicks(std::string_view line, CpuTicks* ticks) {
+    return CutWord(&line) == "cpu" && ReadModes(line, ticks);
 }
 
 // Splits off what the device added behind the source's own lines: the process name and more. The
@@ -67,8 +69,8 @@ std::string_view CutAddition(std::string_view* data, std::string* name) {
 }  // namespace
 
 const char* NameOf(CpuMode mode) {
-    const char* const names[kCpuModes] = {"user",  "nice",    "system", "irq",
-                                          "steal", "io wait", "idle"};
+    const char* const names[kCpuModes] = {"user",  "nice",   "system", "irq",
+                                          "steal", "iowait", "idle"};
     return names[mode];
 }
 
@@ -81,8 +83,20 @@ std::optional<CpuSample> ReadCpuSample(std::string_view data) {
     if (!ReadTicks(Cut(&data, '\n'), &sample.ticks)) {
         return std::nullopt;
     }
+    constexpr std::string_view label = "cpu";
     while (!data.empty()) {
-        sample.processors += Cut(&data, '\n').substr(0, 3) == "cpu" ? 1 : 0;
+        std::string_view line = Cut(&data, '\n');
+        std::string_view word = CutWord(&line);
+        if (word.substr(0, label.size()) != label) {
+            continue;
+        }
+        ++sample.processors;
+        word.remove_prefix(label.size());
+        uint64_t number = 0;
+        CpuTicks ticks = {};
+        if (CutNumber(&word, &number) && number < kMostProcessors && ReadModes(line, &ticks)) {
+            sample.cores[static_cast<uint32_t>(number)] = ticks;
+        }
     }
     return sample;
 }
@@ -125,11 +139,12 @@ std::optional<ProcessCpuSample> ReadProcessCpuSample(std::string_view data) {
     static_cast<void>(CutWord(&fields));  // field 3, the state
     uint64_t userTicks = 0;
     uint64_t systemTicks = 0;
-    for (int field = 4; field <= 22; ++field) {
+    for (int field = 4; field <= 23; ++field) {
         uint64_t* const wanted = field == 14   ? &userTicks
                                  : field == 15 ? &systemTicks
                                  : field == 20 ? &sample.threads
                                  : field == 22 ? &sample.startTime
+                                 : field == 23 ? &sample.virtualBytes
                                                : nullptr;
         if (wanted == nullptr ? CutWord(&fields).empty() : !CutNumber(&fields, wanted)) {
             return std::nullopt;
@@ -144,8 +159,7 @@ std::optional<ProcessMemorySample> ReadProcessMemorySample(std::string_view data
     ProcessMemorySample sample;
     static_cast<void>(CutAddition(&data, &sample.name));
     std::string_view line = Cut(&data, '\n');
-    if (!CutNumber(&line, &sample.virtualPages) || !CutNumber(&line, &sample.residentPages) ||
-        !CutNumber(&line, &sample.sharedPages)) {
+    if (!CutNumber(&line, &sample.virtualPages) || !CutNumber(&line, &sample.residentPages)) {
         return std::nullopt;
     }
     return sample;

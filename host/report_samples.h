@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,6 +22,7 @@ using CpuTicks = std::array<uint64_t, kCpuModes>;
 struct CpuSample {
     CpuTicks ticks = {};
     uint32_t processors = 0;
+    std::map<uint32_t, CpuTicks> cores;  // the same of each processor, by its number
 };
 
 // Bytes.
@@ -36,16 +38,17 @@ struct MemorySample {
 struct ProcessCpuSample {
     uint64_t ticks = 0;         // of the process since its start, in user mode and in the kernel
     uint64_t machineTicks = 0;  // of all processors, in all modes, at that time
-    uint64_t startTime = 0;     // tells a process from the next one of the same id
+    uint64_t startTime = 0;  // ticks since the start of the machine; tells a process from the next
+                             // one of the same id
+    uint64_t virtualBytes = 0;
     uint64_t threads = 0;
     std::string name;
 };
 
-// Pages, whose size the device does not tell.
+// Pages, whose size follows from the bytes of the same memory in ProcessCpuSample.
 struct ProcessMemorySample {
     uint64_t virtualPages = 0;
     uint64_t residentPages = 0;
-    uint64_t sharedPages = 0;
     std::string name;
 };
 

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include <cstddef>
 #include <cstdio>
 #include <string>
 #include <string_view>
@@ -14,11 +15,15 @@
 
 namespace orla::host {
 
-// The text with '?' for each control character: foreign text must not steer a terminal.
-[[nodiscard]] std::string Printable(std::string text);
+// The text as UTF-8, with '?' for each byte that is none, and for each character that a terminal
+// would obey or that hides or turns round others: foreign text must not steer a terminal.
+[[nodiscard]] std::string Printable(std::string_view text);
 
 // The same for an answer of several lines: line feeds and tabs stay.
-[[nodiscard]] std::string PrintableLines(std::string text);
+[[nodiscard]] std::string PrintableLines(std::string_view text);
+
+// Returns the first characters of a printable text, at most so many as there are columns.
+[[nodiscard]] std::string CutToWidth(std::string_view text, size_t columns);
 
 // Writes a text as it is.
 void WriteText(std::FILE* stream, const std::string& text);
@@ -35,10 +40,11 @@ void Complain(fmt::format_string<Values...> format, Values&&... values) {
     WriteText(stderr, "orlactl: " + fmt::format(format, std::forward<Values>(values)...) + "\n");
 }
 
-// "512 B", "1.5 kB", "2.0 GB": at most four digits and the unit.
+// "512 B", "1.5 kB", "2.0 GB": at most four digits and the unit, below 1000 PB.
 [[nodiscard]] std::string Amount(double bytes);
 
-// One line on stderr that is written over. Shows nothing unless stderr is a terminal.
+// One line on stderr that is written over, cut to the terminal's width. Shows nothing unless stderr
+// is a terminal.
 class StatusLine {
 public:
     explicit StatusLine(bool wanted);

@@ -65,7 +65,7 @@ REASONS = re.compile("|".join((
     "the device accepted the job, but nothing came from",
     "the device (closed|ended) the (data )?session", "the device went away", "no (end of the )?answer", "an empty answer",
     r"\+\+OK\+\+|\[event\] on",  # the end of this answer did not come
-    "could not be sent", "the end of the data did not come", "Stop profiling failed",
+    "could not be sent", "did not read within", "the end of the data did not come", "Stop profiling failed",
     "the device (fell silent|broke off|went on to the next file)", "slices that do not fit",
     "the session ended before the last file", "content without a name",
     "what is no (data|message)", "is no answer", "answered what nobody had asked",

@@ -175,7 +175,8 @@ def test_every_step_survives_a_device_that_does_not_answer(step, fault):
     (chunk("/data/x", b"evil"), "leave"), (chunk("manifest.json", b"evil"), "leave"),
     (chunk("data/Memory.data/x", b"evil"), "Not a directory"), (chunk("data/", b"evil"), "leave"),
     (chunk("data/x", b"evil", size=5), "says"), (chunk("data/x", b"evil", offset=1), "offset"),
-    (chunk("data/" + "x" * 300, b"evil"), "too long"), (FINISH[:-1], "no data"),
+    (chunk("data/" + "x" * 300, b"evil"), "too long"),
+    (chunk("data/" + "d/" * 7 + "deep", b"evil"), "leave"), (chunk("data/" + "x" * 4096, b""), "too long"), (FINISH[:-1], "no data"),
 ])
 def test_a_bad_chunk_costs_itself_only(bad, problem):
     code, printed, written, _ = profile(data=[CPU, DATA[1], bad, chunk("data/7-Memory.data", b"x")])
@@ -222,20 +223,24 @@ def test_a_terminal_that_goes_ends_the_job_in_order():
     assert code == 0 and manifest["interrupted"] and manifest["finish_came"]
 
 
-def test_a_second_signal_breaks_off_and_keeps_the_data():
+@pytest.mark.parametrize("data", [DATA, []], ids=["data", "no data"])
+@pytest.mark.parametrize("step", ["ReplayStopReq", "JobStopReq"])
+def test_a_second_signal_breaks_off_and_keeps_the_data(step, data):
     def interrupt(device, tool):
         assert device.running.wait(30)
         tool.send_signal(signal.SIGINT)
-        wait_for(lambda: "ReplayStopReq" in device.seen, "request to stop")
+        wait_for(lambda: step in device.seen, "request to stop")
         tool.send_signal(signal.SIGINT)
 
-    code, printed, written, _ = profile("--timeout", "3600", answers={"ReplayStopReq": SILENT},
+    code, printed, written, _ = profile("--timeout", "3600", answers={step: SILENT}, data=data,
                                         during=interrupt)
-    assert code == 5 and not printed["stopped"] and written["data/7-Memory.data"]
+    assert (code, printed["reason"], printed["ended_by"]) == (5, "broken off", "broken_off")
+    assert not printed["stopped"] and ("data/7-Memory.data" in written) == bool(data)
 
 
 @pytest.mark.parametrize("options", [
     ["--set", "novalue"], ["--set", "=1"], ["--set", "a b=1"], ["--set", "job_id=x"],
+    ["--set", "sys_profilng=on"],
     ["--set", "llc_interval=99999999999"], ["--params", "/nonexistent"], ["--params", "/dev/null"],
     ["--mode", "other"], ["--interval", "0"], ["-o", "/proc/nowhere"], ["--duration", "nan"],
 ])

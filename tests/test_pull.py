@@ -65,7 +65,8 @@ def pull(answers, *options, silent=False, keep=()):
 GOOD_ONLY = {"out/slog/good"}
 
 
-@pytest.mark.parametrize("foreign", [b"../up", b"/../../up", b"a/../../up", b"..", b"dir/", b""])
+@pytest.mark.parametrize("foreign", [b"../up", b"/../../up", b"a/../../up", b"..", b"dir/", b"",
+                                     b"d/" * 8 + b"deep"])
 def test_names_that_would_leave_the_directory_are_refused(foreign):
     code, files, written = pull([name(foreign), data(b"evil"), *WHOLE, END])
     assert code == 5 and written == GOOD_ONLY
@@ -91,13 +92,21 @@ def test_a_file_that_breaks_off_is_named(answers):
     [name(b"bad"), data(b"ab", total=4), data(b"cd", total=6, offset=2)],
     [name(b"bad"), data(b"ab", total=4), b"short"],
     [name(b"bad"), data(b"ab", total=4)[:-1]],
+    [name(b"bad"), b"\0" + data(b"ab", total=4)[1:]],
+    [name(b"bad"), *[data(b"", total=4)] * 1001],
     [],
-], ids=["no name", "gap", "too much", "size changes", "no header", "slice cut", "end is missing"])
+], ids=["no name", "gap", "too much", "size changes", "no header", "slice cut", "no magic", "no content", "end is missing"])
 def test_what_makes_no_sense_ends_the_pull(answers):
     code, files, written = pull([*WHOLE, *answers])
     assert code == 5 and written == GOOD_ONLY
     assert files.pop("good") == "" and all(files.values())
     assert list(files) == (["bad"] if len(answers) > 1 else [])
+
+
+def test_what_would_take_without_end_is_refused():
+    code, files, written = pull([*WHOLE, name(b"//good"), data(b"other"), name(b"x" * 4097)])
+    assert code == 5 and written == GOOD_ONLY
+    assert files == {"good": "", "//good": "an earlier file has this name"}
 
 
 def test_silence_is_no_end():

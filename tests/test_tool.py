@@ -12,11 +12,12 @@ from device import BIN
     ("bogus", 2, "bogus: no such command"),
     ("-d 0 bogus", 2, "bogus: no such command"),
     ("log -d 0 get", 4, "no daemon listens"),
-    ("log -d 0 -d 99 get", 4, "no such device: 99"),
+    ("log -d 0 -d 99 get", 2, "no such device: 99"), ("log -d 0,7-9 get", 2, "no such device: 7"),
+    ("log -d 3-1 get", 2, "neither an id"), ("log -d 1- get", 2, "neither an id"),
     ("--version >/dev/full", 2, "could be written"),
     ("--version >&-", 2, "could be written"),
-    ("log -d 99 get 2>/dev/full", 4, ""),
-    ("log -d 99 get 2>&-", 4, ""),
+    ("log -d 99 get 2>/dev/full", 2, ""),
+    ("log -d 99 get 2>&-", 2, ""),
 ])
 def test_what_goes_wrong_is_told(line, code, words):
     tool = subprocess.run(["sh", "-c", f"exec {BIN}/orlactl {line}"], capture_output=True,
