@@ -153,7 +153,8 @@ public:
         handler_ = std::make_unique<ProcAllPidsFileHandler>(
             PROF_ALL_PID, 0, 1,
             SampleRoad{std::make_shared<ProfileParams>(),
-                       std::make_shared<const std::string>(jobCtx->ToString()), uploader_});
+                       std::make_shared<const std::string>(jobCtx->ToString()),
+                       std::make_shared<SampleSender>(uploader_)});
         Check(handler_->Init() == 0, "handler");
     }
     ~Sampler() {
@@ -161,7 +162,7 @@ public:
         uploader_->Stop(false);
     }
     void Sample() {
-        handler_->Execute();
+        handler_->Execute(1);
         Check(uploader_->Flush(), "flush");
     }
 
@@ -255,7 +256,7 @@ double IdleCpu(const std::function<void()>& idle) {
 
 // Three handlers that are never due, beside a thread that only sleeps.
 void MeasureIdleTimer() {
-    constexpr uint64_t kNever = UINT64_MAX;
+    constexpr uint64_t kNever = 3600000000000;  // an hour
     auto& timers = TimerManager::instance();
     Check(timers.StartProfTimer(), "timer");
     for (const uint32_t tag : {PROF_SYS_STAT, PROF_SYS_MEM, PROF_ALL_PID}) {

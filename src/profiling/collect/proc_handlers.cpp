@@ -170,6 +170,7 @@ ProcAllPidsFileHandler::ProcAllPidsFileHandler(uint32_t tag, uint32_t devId,
     : TimerHandler(tag),
       devId_(devId),
       sampleIntervalNs_(sampleIntervalNs),
+      grid_(sampleIntervalNs),
       road_(std::move(road)),
       procRoot_(procRoot),
       tick_(std::make_shared<ProcTick>(procRoot)) {}
@@ -234,8 +235,8 @@ void ProcAllPidsFileHandler::HandleExitPids(const Pids& pids) {
     for (const uint32_t pid : pids) {
         const auto found = pidsMap_.find(pid);
         if (found != pidsMap_.end()) {
-            found->second.memHandler->Uninit();
-            found->second.statHandler->Uninit();
+            found->second.memHandler->End();
+            found->second.statHandler->End();
             pidsMap_.erase(found);
         }
     }
@@ -260,18 +261,21 @@ void ProcAllPidsFileHandler::ComparePids(const Pids& current, Pids& newPids, Pid
     newPids.insert(newPids.end(), now, current.end());
 }
 
-int ProcAllPidsFileHandler::Execute() {
-    const uint64_t now = SampleClockNs();
-    if (prevTimeStamp_ != 0 && now - prevTimeStamp_ < sampleIntervalNs_) {
-        return 0;
+uint64_t ProcAllPidsFileHandler::Execute(uint64_t tick) {
+    if (const uint64_t delay = road_.SendKept(); delay != 0) {
+        return tick + delay;
     }
-    prevTimeStamp_ = now;
+    SampleAll(SampleClockNs());
+    return grid_.After(tick);
+}
+
+void ProcAllPidsFileHandler::SampleAll(uint64_t now) {
     Pids current;
     Pids newPids;
     Pids exitPids;
     // Nobody has gone because there was no descriptor to look: the handlers would begin anew.
     if (!GetCurPids(current)) {
-        return 0;
+        return;
     }
     ComparePids(current, newPids, exitPids);
     HandleExitPids(exitPids);
@@ -280,18 +284,17 @@ int ProcAllPidsFileHandler::Execute() {
     tick_->Begin();
     for (const auto& [pid, handlers] : pidsMap_) {
         handlers.statHandler->ReadAhead();
-        handlers.memHandler->ExecuteAt(now);
-        handlers.statHandler->ExecuteAt(now);
+        handlers.memHandler->Sample(now);
+        handlers.statHandler->Sample(now);
     }
-    return 0;
 }
 
 int ProcAllPidsFileHandler::Uninit() {
     for (const auto& [pid, handlers] : pidsMap_) {
-        handlers.memHandler->Uninit();
-        handlers.statHandler->Uninit();
+        handlers.memHandler->End();
+        handlers.statHandler->End();
     }
-    road_.upLoader.reset();
+    road_.Finish();
     pidsMap_.clear();
     prevPids_.clear();
     return 0;

@@ -127,13 +127,14 @@ public:
                            const std::string& procRoot = "/proc");
     ~ProcAllPidsFileHandler() override;
 
-    int Execute() override;
+    uint64_t Execute(uint64_t tick) override;
     [[nodiscard]] int Init() override;
     int Uninit() override;
 
 private:
     using Pids = std::vector<uint32_t>;  // sorted
 
+    void SampleAll(uint64_t now);
     // False when the processes cannot be listed; `pids` is then empty.
     [[nodiscard]] bool GetCurPids(Pids& pids) const;
     void ComparePids(const Pids& current, Pids& newPids, Pids& exitPids) const;
@@ -142,8 +143,8 @@ private:
     [[nodiscard]] bool MakeHandlers(uint32_t pid, ProcPidFileHandler* handlers) const;
 
     const uint32_t devId_;
-    uint64_t prevTimeStamp_ = 0;  // ns
     const uint64_t sampleIntervalNs_;
+    SampleGrid grid_;
     SampleRoad road_;
     const std::string procRoot_;
     const std::shared_ptr<ProcTick> tick_;

@@ -69,16 +69,32 @@ bool TakeLine(std::string_view* text, std::string_view* line) {
     return true;
 }
 
+uint64_t SampleRoad::SendKept() const {
+    return sender == nullptr ? 0 : sender->SendKept();
+}
+
+void SampleRoad::Finish() {
+    if (const auto last = std::move(sender); last != nullptr) {
+        last->Finish();
+    }
+}
+
+uint64_t SampleGrid::After(uint64_t tick) {
+    due_ = due_ == 0 ? tick : due_;
+    due_ += ((tick - due_) / intervalNs_ + 1) * intervalNs_;
+    return due_;
+}
+
 ProcTimerHandler::ProcTimerHandler(const SampleSpec& spec, SampleRoad road)
     : TimerHandler(spec.tag),
       buf_(spec.bufSize),
       source_(spec.srcFileName, kMaxProcFile),
-      sampleIntervalNs_(spec.sampleIntervalNs),
+      grid_(spec.sampleIntervalNs),
       retFileName_("data/" + spec.fileName),
       road_(std::move(road)) {}
 
 ProcTimerHandler::~ProcTimerHandler() {
-    ProcTimerHandler::Uninit();
+    End();
 }
 
 int ProcTimerHandler::Init() {
@@ -90,24 +106,24 @@ int ProcTimerHandler::Init() {
         PROF_LOGE("Buf init failed");
         return -1;
     }
-    prevTimeStamp_ = 0;
     isInited_ = true;
     return 0;
 }
 
-int ProcTimerHandler::Execute() {
-    return ExecuteAt(SampleClockNs());
+uint64_t ProcTimerHandler::Execute(uint64_t tick) {
+    if (const uint64_t delay = road_.SendKept(); delay != 0) {
+        return tick + delay;
+    }
+    Sample(SampleClockNs());
+    return grid_.After(tick);
 }
 
-int ProcTimerHandler::ExecuteAt(uint64_t now) {
+void ProcTimerHandler::Sample(uint64_t now) {
     if (!isInited_) {
         PROF_LOGW("ProcTimerHandler is not inited: %s", Utils::BaseName(retFileName_).c_str());
-        return 0;
+        return;
     }
-    if (prevTimeStamp_ != 0 && now - prevTimeStamp_ < sampleIntervalNs_) {
-        return 0;
-    }
-    prevTimeStamp_ = now;
+    timeStamp_ = now;
     Scratch& scratch = ThreadScratch();
     scratch.data.clear();
     scratch.packet.clear();
@@ -115,17 +131,16 @@ int ProcTimerHandler::ExecuteAt(uint64_t now) {
         ParseProcFile({}, scratch.data);
         StoreData(scratch.data);
         ++index_;
-        return 0;
+        return;
     }
     std::string_view text;
     if (!TakeText(&text)) {
-        return 0;
+        return;
     }
     ParseProcFile(text, scratch.data);
     PacketData(scratch.packet, scratch.data);
     StoreData(scratch.packet);
     ++index_;
-    return 0;
 }
 
 ProcFile::Outcome ProcTimerHandler::ReadSource(std::string_view* text) {
@@ -156,7 +171,7 @@ void ProcTimerHandler::PacketData(std::string& packet, const std::string& data) 
         return;
     }
     packet.reserve(data.size() + kRecordHead);
-    AppendNumber("TimeStamp:", prevTimeStamp_, &packet);
+    AppendNumber("TimeStamp:", timeStamp_, &packet);
     AppendNumber("\nIndex:", index_, &packet);
     AppendNumber("\nDataLen:", data.size(), &packet);
     packet.append("\n").append(data).append("\n");
@@ -191,7 +206,7 @@ void ProcTimerHandler::SendData(const char* data, uint64_t len) {
         PROF_LOGE("buf to be sent is nullptr");
         return;
     }
-    if (road_.upLoader == nullptr) {
+    if (road_.sender == nullptr) {
         PROF_LOGE("[ProcTimerHandler::SendData] upLoader_ is null");
         return;
     }
@@ -199,7 +214,7 @@ void ProcTimerHandler::SendData(const char* data, uint64_t len) {
     MessageBuffer message =
         EncodeFileChunk({data, len}, {retFileName_, false, DataModule(GetTag())},
                         road_.jobCtx == nullptr ? none : *road_.jobCtx);
-    const bool fails = message == nullptr || road_.upLoader->UploadData(std::move(message)) != 0;
+    const bool fails = message == nullptr || !road_.sender->Send(std::move(message));
     if (fails && !isFailing_) {
         PROF_LOGE("[ProcTimerHandler::SendData] Upload Data Failed");
     }
@@ -217,13 +232,17 @@ void ProcTimerHandler::FlushBuf() {
     }
 }
 
-int ProcTimerHandler::Uninit() {
+void ProcTimerHandler::End() {
     if (isInited_) {
         FlushBuf();
-        road_.upLoader.reset();
         buf_.Uninit();
         isInited_ = false;
     }
+}
+
+int ProcTimerHandler::Uninit() {
+    End();
+    road_.Finish();
     return 0;
 }
 
