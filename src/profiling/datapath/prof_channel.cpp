@@ -362,6 +362,7 @@ void ChannelPoll::AddReader(uint32_t devId, uint32_t channel,
     const std::lock_guard<std::mutex> lock(readersMtx_);
     PROF_LOGI("AddReader, devId:%u, channel:%u", devId, channel);
     readers_[devId][channel].swap(replaced);
+    readersCv_.notify_all();
 }
 
 void ChannelPoll::RemoveReader(uint32_t devId, uint32_t channel) {
@@ -423,6 +424,10 @@ int ChannelPoll::Stop() {
     if (!isStarted_.exchange(false)) {
         return 0;
     }
+    {
+        const std::lock_guard<std::mutex> lock(readersMtx_);
+        readersCv_.notify_all();
+    }
     static_cast<void>(Thread::Stop());
     threadPool_->Stop();
     PROF_EVENT(
@@ -438,8 +443,21 @@ int ChannelPoll::Stop() {
 void ChannelPoll::Run(const TraceletErrorContext& context) {
     TraceletErrorManager::instance().SetErrorContext(context);
     uint64_t lastFlushTime = Utils::GetClockMonotonicRaw();
-    while (isStarted_ && PollOnce(&lastFlushTime)) {
+    bool goesOn = true;
+    while (isStarted_ && goesOn) {
+        try {
+            AwaitReader();
+            goesOn = PollOnce(&lastFlushTime);
+        } catch (const std::exception& e) {  // out of memory: the next poll may fare better
+            PROF_LOGE("A poll of the channels is lost, message: %s", e.what());
+            mmSleep(kPauseMs);
+        }
     }
+}
+
+void ChannelPoll::AwaitReader() {
+    std::unique_lock<std::mutex> lock(readersMtx_);
+    readersCv_.wait(lock, [this] { return !readers_.empty() || !isStarted_; });
 }
 
 // False when there is nothing to poll any more.

@@ -5,7 +5,8 @@
 //     ChannelPoll ("TLET_ChanPoll") --Dispatch--> worker ("TLET_ChanPool_" n): ChannelReader
 //          | every 10 s: AskFlush of all              DrvChannelRead -> buffer -> UploaderMgr
 //
-// A reader always runs on the same worker. The only back-pressure is the uploader's full queue: the
+// The poll thread sleeps while there is no reader: a driver may answer a poll at once while no
+// channel is started. A reader always runs on the same worker. The only back-pressure is the uploader's full queue: the
 // reader then leaves the channel unread and comes back, and the driver buffers meanwhile. Neither
 // the poll thread nor a worker waits for a host, so a host that doesn't read costs no other one a
 // byte. Only the thread that ends a channel waits, for what is left of it. readersMtx_ is held for
@@ -144,6 +145,8 @@ private:
     using Readers = std::map<uint32_t, std::shared_ptr<ChannelReader>>;  // by channel
 
     std::vector<std::shared_ptr<ChannelReader>> Snapshot();
+    // Returns when there is a reader, or the poll stops.
+    void AwaitReader();
     bool PollOnce(uint64_t* lastFlushTime);
     // Both tell whether a worker has got it.
     bool DispatchChannel(uint32_t devId, uint32_t channel);
@@ -153,6 +156,7 @@ private:
     std::atomic<bool> isStarted_{false};
 
     std::mutex readersMtx_;
+    std::condition_variable readersCv_;    // there is a reader, or the poll stops
     std::map<uint32_t, Readers> readers_;  // by device; guarded by readersMtx_
 
     // The thread's; Stop reads them when it has ended.

@@ -376,6 +376,13 @@ TEST_F(Channels, PollDispatchesWhoIsNotBusy) {
     EXPECT_EQ(poll.GetReader(0, 2), nullptr);
     Close(poll, 0, 4);  // nor is what it holds at its end
     EXPECT_EQ(CountsOf(0, 4).delivered, 0U);
+    // Nobody is left, and a driver that answers at once is not asked again and again.
+    Answer("prof_channel_poll", PROF_STOPPED_ALREADY, 0, orla::control::Fault::kForever);
+    EXPECT_TRUE(WaitFor([] {
+        const uint64_t before = CallCount("prof_channel_poll");
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        return CallCount("prof_channel_poll") == before;
+    }));
 }
 
 TEST_F(Channels, PollEndsWithAnErrorAndNotBefore) {
@@ -387,6 +394,7 @@ TEST_F(Channels, PollEndsWithAnErrorAndNotBefore) {
         Answer("prof_channel_poll", result, 3, orla::control::Fault::kForever);
         ChannelPoll poll;
         ASSERT_EQ(poll.Start(), 0);
+        poll.AddReader(0, 2, MakeReader(0, 2));
         ASSERT_TRUE(orla::control::WaitForLine(
             [](const auto& line) {
                 return line.text.find("Failed to poll channel") != std::string::npos;
