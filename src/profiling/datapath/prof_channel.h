@@ -6,11 +6,12 @@
 //          | every 10 s: AskFlush of all              DrvChannelRead -> buffer -> UploaderMgr
 //
 // The poll thread sleeps while there is no reader: a driver may answer a poll at once while no
-// channel is started. A reader always runs on the same worker. The only back-pressure is the uploader's full queue: the
-// reader then leaves the channel unread and comes back, and the driver buffers meanwhile. Neither
-// the poll thread nor a worker waits for a host, so a host that doesn't read costs no other one a
-// byte. Only the thread that ends a channel waits, for what is left of it. readersMtx_ is held for
-// a look-up only; of the others, a reader's mtx_ comes before its flushMtx_.
+// channel is started. A reader always runs on the same worker. The only back-pressure is the
+// uploader's full queue: the reader then leaves the channel unread and comes back, and the driver
+// buffers meanwhile. Neither the poll thread nor a worker waits for a host, so a host that doesn't
+// read costs no other one a byte. Only the thread that ends a channel waits, for what is left of
+// it. readersMtx_ is held for a look-up only; of the others, a reader's mtx_ comes before its
+// flushMtx_.
 #pragma once
 
 #include <atomic>

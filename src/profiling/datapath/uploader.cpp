@@ -18,11 +18,7 @@ namespace {
 constexpr char kQueueName[] = "UploaderQueue";
 // How often those who wait look after the host.
 constexpr std::chrono::milliseconds kCheckPeriod{100};
-constexpr size_t kMaxMessage = INT_MAX - kFrontRoom - kTailRoom;
-
-size_t MessageLength(const std::string& message) {
-    return message.size() - kFrontRoom;
-}
+constexpr size_t kMaxMessage = INT_MAX - kTailRoom;  // with all in front of it
 
 }  // namespace
 
@@ -84,20 +80,22 @@ int Uploader::UploadData(const void* data, int len) {
         PROF_LOGE("[Uploader::UploadData]data of %d bytes is no message.", len);
         return -1;
     }
-    const MessageBuffer message = TakeMessageBuffer(static_cast<size_t>(len));
+    MessageBuffer message = TakeMessageBuffer(static_cast<size_t>(len));
     if (message == nullptr) {
         return -1;
     }
-    message->append(static_cast<const char*>(data), static_cast<size_t>(len));
-    return UploadData(message);
+    message->bytes.append(static_cast<const char*>(data), static_cast<size_t>(len));
+    return UploadData(std::move(message));
 }
 
 bool Uploader::Accepts(const MessageBuffer& message) const {
     if (!Accepts(static_cast<const void*>(message.get()))) {
         return false;
     }
-    if (message->size() < kFrontRoom || message->size() - kFrontRoom > kMaxMessage) {
-        PROF_LOGE("[Uploader::UploadData]data of %zu bytes is no message.", message->size());
+    const size_t size = message->bytes.size();
+    const bool isMessage = message->begin >= kFrontRoom && message->begin <= size;
+    if (!isMessage || size > kMaxMessage) {
+        PROF_LOGE("[Uploader::UploadData]data of %zu bytes is no message.", size);
         return false;
     }
     return true;
@@ -217,11 +215,10 @@ void Uploader::SendQueued() {
     }
 }
 
-void Uploader::Send(ITransport* transport, std::string& message) {
-    const auto length = static_cast<int>(MessageLength(message));
-    message.append(kTailRoom, '\0');  // without a move: there is room for it
-    const int sent =
-        transport == nullptr ? -1 : transport->SendInPlace(message.data() + kFrontRoom, length);
+void Uploader::Send(ITransport* transport, MessageBlock& message) {
+    const auto length = static_cast<int>(message.size());
+    message.bytes.append(kTailRoom, '\0');  // without a move: there is room for it
+    const int sent = transport == nullptr ? -1 : transport->SendInPlace(message.data(), length);
     if (sent == length) {
         const std::lock_guard<std::mutex> lock(mutex_);
         lastSent_ = Clock::now();
@@ -251,7 +248,7 @@ void Uploader::Lose(uint64_t length) {
 void Uploader::DropQueued() {
     if (gaveUp_ || forceQuit_) {
         for (MessageBuffer message; queue_->TryPop(message); message.reset()) {
-            Lose(MessageLength(*message));
+            Lose(message->size());
             Settle();
         }
     }

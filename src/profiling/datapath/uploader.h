@@ -61,9 +61,7 @@ public:
     // log line when the message is lost: not inited, no data, no memory, stopped or given up.
     // The bytes are copied.
     [[nodiscard]] int UploadData(const void* data, int len);
-    // The same without a copy, for a buffer that holds kFrontRoom bytes and the message behind
-    // them. It is the uploader's from the call on, whatever the result: the caller keeps no
-    // reference that it uses.
+    // The same without a copy. The buffer is the uploader's from the call on, whatever the result.
     [[nodiscard]] int UploadData(MessageBuffer message);
 
     enum class Taken { kQueued, kFull, kLost };
@@ -115,7 +113,7 @@ private:
     // Counts a message that came when nothing is sent any more.
     void Refuse();
     void SendQueued();
-    void Send(ITransport* transport, std::string& message);
+    void Send(ITransport* transport, MessageBlock& message);
     // One message fewer that waits for its end.
     void Settle();
     // Counts a message of `length` bytes that was accepted and does not reach the driver.

@@ -17,8 +17,7 @@ constexpr char kDefaultMode[] = "def_mode";
 constexpr uint32_t kLastSendsMs = 20;
 
 size_t LengthOf(const MessageBuffer& message) {
-    const size_t size = message == nullptr ? 0 : message->size();
-    return size > kFrontRoom ? size - kFrontRoom : 0;
+    return message == nullptr ? 0 : message->size();
 }
 
 }  // namespace
