@@ -136,8 +136,9 @@ private:
 
     void SampleAll(uint64_t now);
     // False when the processes cannot be listed; `pids` is then empty.
-    [[nodiscard]] bool GetCurPids(Pids& pids) const;
-    void ComparePids(const Pids& current, Pids& newPids, Pids& exitPids) const;
+    [[nodiscard]] bool GetCurPids(Pids& pids);
+    // What has come and gone between prevPids_ and currentPids_.
+    void ComparePids();
     void HandleNewPids(const Pids& pids);
     void HandleExitPids(const Pids& pids);
     [[nodiscard]] bool MakeHandlers(uint32_t pid, ProcPidFileHandler* handlers) const;
@@ -150,6 +151,11 @@ private:
     const std::shared_ptr<ProcTick> tick_;
     std::map<uint32_t, ProcPidFileHandler> pidsMap_;
     Pids prevPids_;
+    // Of one sample, used again by the next one.
+    Pids currentPids_;
+    Pids newPids_;
+    Pids exitPids_;
+    std::vector<char> listing_;
 };
 
 }  // namespace Analysis::Nedra::JobWrapper

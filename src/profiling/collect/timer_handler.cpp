@@ -9,12 +9,10 @@
 
 #include "hdc/log_side.h"
 #include "profiling/config/utils.h"
-#include "profiling/datapath/file_chunk.h"
 
 namespace Analysis::Nedra::JobWrapper {
 
 using analysis::nedra::common::utils::Utils;
-using analysis::nedra::transport::EncodeFileChunk;
 using analysis::nedra::transport::MessageBuffer;
 
 namespace {
@@ -91,7 +89,9 @@ ProcTimerHandler::ProcTimerHandler(const SampleSpec& spec, SampleRoad road)
       source_(spec.srcFileName, kMaxProcFile),
       grid_(spec.sampleIntervalNs),
       retFileName_("data/" + spec.fileName),
-      road_(std::move(road)) {}
+      road_(std::move(road)),
+      encoder_({retFileName_, false, DataModule(spec.tag)},
+               road_.jobCtx == nullptr ? std::string() : *road_.jobCtx) {}
 
 ProcTimerHandler::~ProcTimerHandler() {
     End();
@@ -152,10 +152,10 @@ bool ProcTimerHandler::TakeText(std::string_view* text) {
     if (outcome == ProcFile::Outcome::kRead) {
         return true;
     }
-    const std::string name = Utils::BaseName(source_.path());
     if (!source_.failsAnew()) {
         return false;
     }
+    const std::string name = Utils::BaseName(source_.path());
     if (outcome == ProcFile::Outcome::kBadSize) {
         PROF_LOGW("[ProcTimerHandler] Proc file(%s) size(%lld)", name.c_str(),
                   static_cast<long long>(source_.size()));
@@ -210,10 +210,7 @@ void ProcTimerHandler::SendData(const char* data, uint64_t len) {
         PROF_LOGE("[ProcTimerHandler::SendData] upLoader_ is null");
         return;
     }
-    const std::string none;
-    MessageBuffer message =
-        EncodeFileChunk({data, len}, {retFileName_, false, DataModule(GetTag())},
-                        road_.jobCtx == nullptr ? none : *road_.jobCtx);
+    MessageBuffer message = encoder_.Encode({data, len});
     const bool fails = message == nullptr || !road_.sender->Send(std::move(message));
     if (fails && !isFailing_) {
         PROF_LOGE("[ProcTimerHandler::SendData] Upload Data Failed");

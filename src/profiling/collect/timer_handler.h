@@ -23,6 +23,7 @@
 #include "profiling/collect/sample_sender.h"
 #include "profiling/config/profile_params.h"
 #include "profiling/datapath/chunk.h"
+#include "profiling/datapath/file_chunk.h"
 
 namespace Analysis::Nedra::JobWrapper {
 
@@ -136,6 +137,7 @@ private:
     uint64_t index_ = 0;  // samples so far, empty ones included
     const std::string retFileName_;
     SampleRoad road_;
+    const analysis::nedra::transport::ChunkEncoder encoder_;
 };
 
 }  // namespace Analysis::Nedra::JobWrapper

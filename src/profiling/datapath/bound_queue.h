@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory_resource>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -31,7 +32,9 @@ public:
 protected:
     const uint64_t capacity_;  // elements
     // Guarded by the lock of the derived class.
-    std::deque<T> queue_;
+    // Blocks that the queue has used serve it again: it allocates nothing once it has been full.
+    std::pmr::unsynchronized_pool_resource blocks_;
+    std::pmr::deque<T> queue_{&blocks_};
     std::string queueName_;
 };
 
