@@ -92,6 +92,7 @@ public:
         }
         if (queue_.size() == capacity_ || !Admit(data)) {
             if (!std::exchange(isToldFull_, true)) {
+                LogIsFull();
                 LogFull();
             }
             return Entry::kFull;
@@ -164,13 +165,16 @@ private:
         }
     }
 
-    bool TryEnter(const T& data) {
+    void LogIsFull() const {
         if (queue_.size() == capacity_) {
             PROF_LOGW("IsFULL, QueueName: %s, QueueCapacity:%llu, QueueSize:%llu",
                       queueName_.c_str(), Number(capacity_), Number(capacity_));
-            return false;
         }
-        return Admit(data);
+    }
+
+    bool TryEnter(const T& data) {
+        LogIsFull();
+        return queue_.size() != capacity_ && Admit(data);
     }
 
     // Returns when an element was popped, when the queue has quit, or after a `period` in which
