@@ -41,11 +41,12 @@ Descriptor MakeWithoutName(const std::string& directory) {
     return file ? std::move(file) : MakeUnlinked(directory);
 }
 
-// An earlier copy as a new file; nothing when there is none, or it can't be emptied.
-Descriptor Emptied(Descriptor copy) {
-    const bool empty =
-        copy && ftruncate(copy.get(), 0) == 0 && mmLseek(copy.get(), 0, SEEK_SET) == 0;
-    return empty ? std::move(copy) : Descriptor();
+// The size of an earlier copy, with its position at the start; less than 0 when there is none or it
+// can't be used again. It isn't emptied: to give blocks back and take them again costs a file
+// system many times the filling of a small file.
+int64_t Rewind(const Descriptor& copy) {
+    const int64_t size = copy ? mmLseek(copy.get(), 0, SEEK_END) : -1;
+    return size >= 0 && mmLseek(copy.get(), 0, SEEK_SET) == 0 ? size : -1;
 }
 
 bool IsRoomMissing(int error) {
@@ -92,12 +93,21 @@ int CopyBytes(int source, int target, uint64_t size) {
     return size == 0 ? 0 : CopyThroughMemory(source, target, size);
 }
 
-int Fill(int source, int target, uint64_t size) {
-    if (ioctl(target, FICLONE, source) == 0) {
+int CopyWhole(int source, int target, uint64_t size, uint64_t present) {
+    // A clone would leave what an earlier, longer copy holds behind the end of a file that shrinks
+    // now.
+    if (present == 0 && ioctl(target, FICLONE, source) == 0) {
         return 0;
     }
-    const int error = Allocate(target, size);
+    const int error = present < size ? Allocate(target, size) : 0;
     return error != 0 ? error : CopyBytes(source, target, size);
+}
+
+// `present`: bytes of an earlier copy that the target holds.
+int Fill(int source, int target, uint64_t size, uint64_t present) {
+    const int error = CopyWhole(source, target, size, present);
+    const bool isLong = error == 0 && present > size;
+    return isLong && ftruncate(target, static_cast<off_t>(size)) != 0 ? errno : error;
 }
 
 CopyEnd Fail(CopyEnd end, const std::string& path, int error) {
@@ -125,12 +135,13 @@ Descriptor OpenRegularFile(const std::string& path) {
 }
 
 CopyEnd CopyWithoutName(const std::string& path, Descriptor* copy) {
-    Descriptor target = Emptied(std::move(*copy));
+    Descriptor target = std::move(*copy);
+    const int64_t present = Rewind(target);
     const Descriptor source = OpenRegularFile(path);
     if (!source) {
         return CopyEnd::kNotBegun;
     }
-    if (!target) {
+    if (present < 0) {
         target = MakeWithoutName(GetFileDir(path));
     }
     if (!target) {
@@ -139,7 +150,8 @@ CopyEnd CopyWithoutName(const std::string& path, Descriptor* copy) {
     struct stat status = {};
     int error = fstat(source.get(), &status) == 0 ? 0 : errno;
     if (error == 0) {
-        error = Fill(source.get(), target.get(), static_cast<uint64_t>(status.st_size));
+        error = Fill(source.get(), target.get(), static_cast<uint64_t>(status.st_size),
+                     static_cast<uint64_t>(std::max<int64_t>(present, 0)));
     }
     if (error != 0) {
         return Fail(CopyEnd::kBroken, path, error);

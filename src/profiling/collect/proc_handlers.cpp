@@ -1,11 +1,13 @@
 #include "profiling/collect/proc_handlers.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <utility>
 
+#include "hdc/descriptor.h"
 #include "hdc/log_side.h"
 #include "profiling/config/make_shared.h"
 #include "profiling/config/utils.h"
@@ -20,6 +22,7 @@ namespace {
 constexpr int64_t kMaxCommFile = 0x200000;
 constexpr uint64_t kPidBufSize = 4096;
 constexpr size_t kUsualPids = 128;
+constexpr size_t kListing = 32 * 1024;  // bytes of a directory that are read at once
 constexpr char kUnreadName[] = "self";
 
 void AppendLower(std::string_view line, std::string* out) {
@@ -170,6 +173,7 @@ ProcAllPidsFileHandler::ProcAllPidsFileHandler(uint32_t tag, uint32_t devId,
     : TimerHandler(tag),
       devId_(devId),
       sampleIntervalNs_(sampleIntervalNs),
+      grid_(sampleIntervalNs),
       road_(std::move(road)),
       procRoot_(procRoot),
       tick_(std::make_shared<ProcTick>(procRoot)) {}
@@ -185,24 +189,30 @@ int ProcAllPidsFileHandler::Init() {
     return 0;
 }
 
-bool ProcAllPidsFileHandler::GetCurPids(Pids& pids) const {
+bool ProcAllPidsFileHandler::GetCurPids(Pids& pids) {
     pids.clear();
     pids.reserve(kUsualPids);
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(procRoot_.c_str()), closedir);
-    if (directory == nullptr) {
-        return false;
-    }
-    while (const dirent* entry = readdir(directory.get())) {
-        if (entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) {
-            continue;
+    listing_.resize(kListing);
+    // A directory stream would take its memory anew each time.
+    const orla::Descriptor directory(
+        open(procRoot_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK));
+    ssize_t size = directory ? getdents64(directory.get(), listing_.data(), kListing) : -1;
+    for (; size > 0; size = getdents64(directory.get(), listing_.data(), kListing)) {
+        for (ssize_t at = 0; at < size;) {
+            const auto* entry = reinterpret_cast<const dirent64*>(listing_.data() + at);
+            at += entry->d_reclen;
+            const bool mayBe = entry->d_type == DT_DIR || entry->d_type == DT_UNKNOWN;
+            const uint32_t pid =
+                mayBe ? static_cast<uint32_t>(std::strtoul(entry->d_name, nullptr, 0)) : 0;
+            if (pid != 0) {
+                pids.push_back(pid);
+            }
         }
-        const auto pid = static_cast<uint32_t>(std::strtoul(entry->d_name, nullptr, 0));
-        if (pid != 0) {
-            pids.push_back(pid);
-        }
     }
-    std::sort(pids.begin(), pids.end());
-    return true;
+    if (!std::is_sorted(pids.begin(), pids.end())) {
+        std::sort(pids.begin(), pids.end());
+    }
+    return size == 0;
 }
 
 bool ProcAllPidsFileHandler::MakeHandlers(uint32_t pid, ProcPidFileHandler* handlers) const {
@@ -234,64 +244,65 @@ void ProcAllPidsFileHandler::HandleExitPids(const Pids& pids) {
     for (const uint32_t pid : pids) {
         const auto found = pidsMap_.find(pid);
         if (found != pidsMap_.end()) {
-            found->second.memHandler->Uninit();
-            found->second.statHandler->Uninit();
+            found->second.memHandler->End();
+            found->second.statHandler->End();
             pidsMap_.erase(found);
         }
     }
 }
 
-void ProcAllPidsFileHandler::ComparePids(const Pids& current, Pids& newPids, Pids& exitPids) const {
+void ProcAllPidsFileHandler::ComparePids() {
+    newPids_.clear();
+    exitPids_.clear();
     auto before = prevPids_.begin();
-    auto now = current.begin();
-    while (before != prevPids_.end() && now != current.end()) {
+    auto now = currentPids_.begin();
+    while (before != prevPids_.end() && now != currentPids_.end()) {
         if (*before < *now) {
             PROF_LOGI("exit Pid %d", static_cast<int>(*before));
-            exitPids.push_back(*before++);
+            exitPids_.push_back(*before++);
         } else if (*now < *before) {
             PROF_LOGI("New Pid %d", static_cast<int>(*now));
-            newPids.push_back(*now++);
+            newPids_.push_back(*now++);
         } else {
             ++before;
             ++now;
         }
     }
-    exitPids.insert(exitPids.end(), before, prevPids_.end());
-    newPids.insert(newPids.end(), now, current.end());
+    exitPids_.insert(exitPids_.end(), before, prevPids_.end());
+    newPids_.insert(newPids_.end(), now, currentPids_.end());
 }
 
-int ProcAllPidsFileHandler::Execute() {
-    const uint64_t now = SampleClockNs();
-    if (prevTimeStamp_ != 0 && now - prevTimeStamp_ < sampleIntervalNs_) {
-        return 0;
+uint64_t ProcAllPidsFileHandler::Execute(uint64_t tick) {
+    if (const uint64_t delay = road_.SendKept(); delay != 0) {
+        return tick + delay;
     }
-    prevTimeStamp_ = now;
-    Pids current;
-    Pids newPids;
-    Pids exitPids;
+    SampleAll(SampleClockNs());
+    return grid_.After(tick);
+}
+
+void ProcAllPidsFileHandler::SampleAll(uint64_t now) {
     // Nobody has gone because there was no descriptor to look: the handlers would begin anew.
-    if (!GetCurPids(current)) {
-        return 0;
+    if (!GetCurPids(currentPids_)) {
+        return;
     }
-    ComparePids(current, newPids, exitPids);
-    HandleExitPids(exitPids);
-    HandleNewPids(newPids);
-    prevPids_.swap(current);
+    ComparePids();
+    HandleExitPids(exitPids_);
+    HandleNewPids(newPids_);
+    prevPids_.swap(currentPids_);
     tick_->Begin();
     for (const auto& [pid, handlers] : pidsMap_) {
         handlers.statHandler->ReadAhead();
-        handlers.memHandler->ExecuteAt(now);
-        handlers.statHandler->ExecuteAt(now);
+        handlers.memHandler->Sample(now);
+        handlers.statHandler->Sample(now);
     }
-    return 0;
 }
 
 int ProcAllPidsFileHandler::Uninit() {
     for (const auto& [pid, handlers] : pidsMap_) {
-        handlers.memHandler->Uninit();
-        handlers.statHandler->Uninit();
+        handlers.memHandler->End();
+        handlers.statHandler->End();
     }
-    road_.upLoader.reset();
+    road_.Finish();
     pidsMap_.clear();
     prevPids_.clear();
     return 0;

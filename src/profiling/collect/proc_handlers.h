@@ -127,28 +127,35 @@ public:
                            const std::string& procRoot = "/proc");
     ~ProcAllPidsFileHandler() override;
 
-    int Execute() override;
+    uint64_t Execute(uint64_t tick) override;
     [[nodiscard]] int Init() override;
     int Uninit() override;
 
 private:
     using Pids = std::vector<uint32_t>;  // sorted
 
+    void SampleAll(uint64_t now);
     // False when the processes cannot be listed; `pids` is then empty.
-    [[nodiscard]] bool GetCurPids(Pids& pids) const;
-    void ComparePids(const Pids& current, Pids& newPids, Pids& exitPids) const;
+    [[nodiscard]] bool GetCurPids(Pids& pids);
+    // What has come and gone between prevPids_ and currentPids_.
+    void ComparePids();
     void HandleNewPids(const Pids& pids);
     void HandleExitPids(const Pids& pids);
     [[nodiscard]] bool MakeHandlers(uint32_t pid, ProcPidFileHandler* handlers) const;
 
     const uint32_t devId_;
-    uint64_t prevTimeStamp_ = 0;  // ns
     const uint64_t sampleIntervalNs_;
+    SampleGrid grid_;
     SampleRoad road_;
     const std::string procRoot_;
     const std::shared_ptr<ProcTick> tick_;
     std::map<uint32_t, ProcPidFileHandler> pidsMap_;
     Pids prevPids_;
+    // Of one sample, used again by the next one.
+    Pids currentPids_;
+    Pids newPids_;
+    Pids exitPids_;
+    std::vector<char> listing_;
 };
 
 }  // namespace Analysis::Nedra::JobWrapper

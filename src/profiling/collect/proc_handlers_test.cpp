@@ -37,7 +37,7 @@ struct Sampling : testing::Test {
     Sampling() {
         EXPECT_EQ(uploader->Init(512) + uploader->Start(), 0);
         road = {std::make_shared<ProfileParams>(), std::make_shared<const std::string>("context"),
-                uploader};
+                std::make_shared<SampleSender>(uploader)};
     }
     // Everything that was sampled, after the handlers' end.
     Records& AllRecords() {
@@ -70,7 +70,7 @@ void SampleEach(const SampleSpec& spec, const SampleRoad& road, const Texts& sta
     EXPECT_EQ(handler.Init(), -1);
     for (const std::string& state : states) {
         WriteFile(spec.srcFileName, state);
-        EXPECT_EQ(handler.Execute(), 0);
+        handler.Sample(1234567890123);
     }
     EXPECT_EQ(handler.Uninit(), 0);
 }
@@ -108,21 +108,20 @@ TEST_F(Sampling, ChunksEndWithARecordAndLeaveInOrder) {
     EXPECT_THAT(sizes, ElementsAre(4, 1, 6, 1));
 }
 
-TEST_F(Sampling, IsDueAfterTheIntervalAndTellsAFaultOnce) {
+TEST_F(Sampling, CountsWhatItReadAndTellsAFaultOnce) {
     ProcMemFileHandler handler({PROF_SYS_MEM, 0, 4096, 100, root / "file", "mem"}, road);
     ASSERT_EQ(handler.Init(), 0);
-    handler.ExecuteAt(1000);
-    handler.ExecuteAt(1100);
+    EXPECT_EQ(handler.Execute(1000), 1100U);
+    handler.Sample(1100);
     WriteFile(root / "file", "x\n");
-    for (const uint64_t now : {1199, 1200, 1299, 1300, 1450, 1500, 1550}) {
-        handler.ExecuteAt(now);
-    }
+    handler.Sample(1200);
+    handler.Sample(1300);
     handler.Uninit();
     std::vector<uint64_t> times;
     for (const auto& record : AllRecords()["data/mem"]) {
         times.push_back(record.time);
     }
-    EXPECT_THAT(times, ElementsAre(1200, 1300, 1450, 1550));
+    EXPECT_THAT(times, ElementsAre(1200, 1300));
     EXPECT_THAT(log.Take("W"), ElementsAre("W Open file file failed"));
 }
 
@@ -169,13 +168,13 @@ TEST_F(Processes, AreNamedWhateverTheyCallThemselves) {
         Write(++pid, row.inStat, row.comm);
     }
     auto handler = Handler(root.path());
-    handler->Execute();
-    handler->Execute();
+    handler->Execute(1);
+    handler->Execute(1);
     Write(1, "bash", "bash\n");         // has become another program
     Write(2, "a) R (b", "not read\n");  // its name still stands
     Write(3, "new\\nline", "newer\n");  // not known by "stat" alone
     Cpu("intr\n");
-    handler->Execute();
+    handler->Execute(1);
     handler->Uninit();
     Records& records = AllRecords();
     pid = 0;
@@ -207,19 +206,19 @@ TEST_F(Processes, ComeAndGoWithoutABrokenRecord) {
     WriteFile(root / "77", "a file");
     std::filesystem::create_directories(root / "bus");
     auto handler = Handler(root.path());
-    handler->Execute();
+    handler->Execute(1);
     Remove(1);
     Remove(5);
     Write(4, "p", "p\n");
     Write(6, "p", "p\n");
     std::filesystem::remove(root / "4/stat");  // has gone since it was listed
     std::filesystem::remove(root / "6/statm");
-    handler->Execute();
+    handler->Execute(1);
     Write(4, "p", "p\n");
     std::filesystem::rename(root.path(), root.path() + "_hidden");  // nobody can be listed
-    handler->Execute();
+    handler->Execute(1);
     std::filesystem::rename(root.path() + "_hidden", root.path());
-    handler->Execute();
+    handler->Execute(1);
     handler->Uninit();
     std::string counts;
     for (const auto& [file, records] : AllRecords()) {
@@ -278,7 +277,7 @@ TEST_F(Sampling, OnTheHostSendsTextOnly) {
     road.params->host_sys_pid = getpid();
     const auto sample = [](auto handler) {
         ASSERT_EQ(handler.Init(), 0);
-        handler.Execute();
+        handler.Execute(1);
         handler.Uninit();
     };
     sample(ProcHostCpuHandler({PROF_HOST_PROC_CPU, 0, 8192, kAlways, "", "cpu"}, road));

@@ -84,8 +84,10 @@ int ProfSysInfoBase::Process() {
     const SampleRoad road{
         common.params,
         MakeShared<const std::string>(common.jobCtx == nullptr ? "" : common.jobCtx->ToString()),
-        upLoader_};
-    auto handler = MakeHandler(static_cast<uint32_t>(common.devId), sampleIntervalNs_, road);
+        MakeShared<SampleSender>(upLoader_)};
+    auto handler = road.sender == nullptr
+                       ? nullptr
+                       : MakeHandler(static_cast<uint32_t>(common.devId), sampleIntervalNs_, road);
     if (handler == nullptr) {
         return -1;
     }

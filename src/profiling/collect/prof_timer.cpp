@@ -1,8 +1,7 @@
 #include "profiling/collect/prof_timer.h"
 
-#include <portability.h>
-
 #include <algorithm>
+#include <chrono>
 #include <exception>
 
 #include "hdc/log_side.h"
@@ -18,14 +17,21 @@ using TraceletErrMgr::TraceletErrorManager;
 namespace {
 
 constexpr uint64_t kTickUsec = 1000;
-constexpr uint64_t kUsecPerMs = 1000;
-constexpr uint64_t kMinTickMs = 1;
-constexpr uint64_t kMaxTickMs = 1000;  // a stop waits for the end of a tick
+constexpr uint64_t kMinTickUsec = 1000;
+constexpr uint64_t kMaxTickUsec = 1000000;
+constexpr uint64_t kNsPerUsec = 1000;
+// How long a handler that ran out of memory is left alone.
+constexpr uint64_t kPauseNs = 100000000;
+// The clock that samples carry and the one that sleeps run apart by some seconds a day.
+constexpr uint64_t kLongestSleepNs = 60000000000;
 constexpr char kThreadName[] = "TLET_ProfTimer";
 
 }  // namespace
 
 // ---- The timer ----------------------------------------------------------------------------------
+
+ProfTimer::ProfTimer(const std::shared_ptr<TimerParam>& timerParam)
+    : tickNs_(std::clamp(timerParam->intervalUsec, kMinTickUsec, kMaxTickUsec) * kNsPerUsec) {}
 
 ProfTimer::~ProfTimer() {
     static_cast<void>(ProfTimer::Stop());
@@ -40,6 +46,8 @@ void ProfTimer::RegisterTimerHandler(uint32_t tag, const std::shared_ptr<TimerHa
     slot->handler = handler;
     const std::lock_guard<std::mutex> lock(handlerMtx_);
     handlerMap_[tag].swap(slot);
+    isWoken_ = true;
+    changed_.notify_all();
 }
 
 void ProfTimer::RemoveTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& own) {
@@ -53,6 +61,8 @@ void ProfTimer::RemoveTimerHandler(uint32_t tag, const std::shared_ptr<TimerHand
         }
         slot = std::move(found->second);
         handlerMap_.erase(found);
+        isWoken_ = true;
+        changed_.notify_all();
     }
     Tear(slot.get());
     PROF_LOGI("ProfTimer RemoveTimerHandler tag %u succ", tag);
@@ -87,6 +97,11 @@ int ProfTimer::Start() {
 int ProfTimer::Stop() {
     PROF_LOGI("Stop ProfTimer begin");
     if (isStarted_.exchange(false)) {
+        {
+            const std::lock_guard<std::mutex> lock(handlerMtx_);
+            isWoken_ = true;
+            changed_.notify_all();
+        }
         static_cast<void>(Thread::Stop());
         decltype(handlerMap_) left;
         {
@@ -104,20 +119,34 @@ int ProfTimer::Stop() {
 
 void ProfTimer::Run(const TraceletErrorContext& context) {
     TraceletErrorManager::instance().SetErrorContext(context);
-    const uint64_t tickMs =
-        std::clamp(timerParam_->intervalUsec / kUsecPerMs, kMinTickMs, kMaxTickMs);
-    do {
-        ExecuteAll();
-        mmSleep(static_cast<uint32_t>(tickMs));
-    } while (isStarted_);
+    while (isStarted_) {
+        const uint64_t now = SampleClockNs();
+        SleepUntil(ExecuteAll(now - now % tickNs_));
+    }
 }
 
 // In order of their tags. From one to the next without a list of them, which would take memory: a
 // tick cannot fail, and the thread lives as long as it has users.
-void ProfTimer::ExecuteAll() {
+uint64_t ProfTimer::ExecuteAll(uint64_t tick) {
+    uint64_t earliest = UINT64_MAX;
     for (auto slot = SlotBehind(nullptr); slot != nullptr; slot = SlotBehind(slot.get())) {
-        Execute(slot.get());
+        if (slot->wanted <= tick) {
+            slot->wanted = Execute(slot.get(), tick);
+        }
+        earliest = std::min(earliest, slot->wanted);
     }
+    return earliest;
+}
+
+void ProfTimer::SleepUntil(uint64_t wanted) {
+    std::unique_lock<std::mutex> lock(handlerMtx_);
+    const uint64_t now = SampleClockNs();
+    const uint64_t left = wanted > now ? std::min(wanted - now, kLongestSleepNs) : 0;
+    // Up to the next whole tick, so that handlers that are due within one share it.
+    const uint64_t sleep = left + (tickNs_ - (now + left) % tickNs_) % tickNs_;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::nanoseconds(sleep);
+    changed_.wait_until(lock, deadline, [this] { return isWoken_; });
+    isWoken_ = false;
 }
 
 std::shared_ptr<ProfTimer::Slot> ProfTimer::SlotBehind(const Slot* last) {
@@ -126,15 +155,17 @@ std::shared_ptr<ProfTimer::Slot> ProfTimer::SlotBehind(const Slot* last) {
     return next == handlerMap_.end() ? nullptr : next->second;
 }
 
-void ProfTimer::Execute(Slot* slot) {
-    const std::lock_guard<std::mutex> lock(slot->mutex);
-    if (slot->handler == nullptr) {
-        return;
+uint64_t ProfTimer::Execute(Slot* slot, uint64_t tick) {
+    // Whoever holds the lock tears the handler down, and may wait for its host.
+    const std::unique_lock<std::mutex> lock(slot->mutex, std::try_to_lock);
+    if (!lock.owns_lock() || slot->handler == nullptr) {
+        return UINT64_MAX;
     }
     try {
-        slot->handler->Execute();
+        return slot->handler->Execute(tick);
     } catch (const std::exception& e) {  // out of memory: the next sample may fare better
         PROF_LOGE("Timer handler %u lost a sample, message: %s", slot->tag, e.what());
+        return tick + kPauseNs;
     }
 }
 

@@ -1,13 +1,19 @@
-// The one timer of the process: a thread that calls each registered handler every millisecond. It
-// runs while at least one sampling job, of any engine, needs it.
+// The one timer of the process: a thread that calls each registered handler at the ticks that the
+// handler asks for. It runs while at least one sampling job, of any engine, needs it.
 //
-// A handler is executed and torn down under a lock of its own, so never at the same time. One that
-// waits, for a host that does not read, holds up the samples of all others, but neither their
-// registration nor their removal: jobs of other hosts can still start and end. The locks of
-// TimerManager and ProfTimer are held for a look-up only; a handler's own is taken with both free.
+// A tick is a whole multiple of a millisecond on the clock that samples carry. The thread sleeps
+// until the earliest tick that is asked for, and is woken when a handler comes or goes: while
+// nothing is due it does nothing, and handlers that are due at one tick share one waking.
+//
+// A handler is executed and torn down under a lock of its own, so never at the same time. No
+// handler waits for its host but when it is torn down, on the thread that removes it, and then the
+// timer passes it by: a host that doesn't read holds up neither the samples nor the registration
+// nor the removal of another host's handlers. The locks of TimerManager and ProfTimer are held for
+// a look-up only; a handler's own is taken with both free.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -25,11 +31,11 @@ struct TimerParam {
 
 class ProfTimer : public analysis::nedra::common::thread::Thread {
 public:
-    explicit ProfTimer(std::shared_ptr<TimerParam> timerParam)
-        : timerParam_(std::move(timerParam)) {}
+    explicit ProfTimer(const std::shared_ptr<TimerParam>& timerParam);
     ~ProfTimer() override;
 
-    // Takes the place of a handler of the same tag, which is let go as it is.
+    // The handler is called at once. Takes the place of a handler of the same tag, which is let go
+    // as it is.
     void RegisterTimerHandler(uint32_t tag, const std::shared_ptr<TimerHandler>& handler);
     // Uninits the handler, on the caller's thread, and lets it go; waits for an Execute that is
     // under way. With `own`, only that very one.
@@ -48,22 +54,29 @@ private:
         explicit Slot(uint32_t tagOfHandler) : tag(tagOfHandler) {}
 
         const uint32_t tag;
+        uint64_t wanted = 0;  // the thread's: the tick at which the handler is due
         std::mutex mutex;
         // Guarded by mutex, and unchanged while the slot is in the map; null: removed.
         std::shared_ptr<TimerHandler> handler;
     };
 
-    void ExecuteAll();
+    // Both return the earliest tick at which something is due again.
+    [[nodiscard]] uint64_t ExecuteAll(uint64_t tick);
+    [[nodiscard]] static uint64_t Execute(Slot* slot, uint64_t tick);
+    // Until the clock shows `wanted`, or a handler has come or gone.
+    void SleepUntil(uint64_t wanted);
     // The slot with the next higher tag; the first one behind null, null behind the last.
     [[nodiscard]] std::shared_ptr<Slot> SlotBehind(const Slot* last);
-    static void Execute(Slot* slot);
     static void Tear(Slot* slot);
 
     std::atomic<bool> isStarted_{false};
-    const std::shared_ptr<TimerParam> timerParam_;
+    const uint64_t tickNs_;
 
     std::mutex handlerMtx_;
-    std::map<uint32_t, std::shared_ptr<Slot>> handlerMap_;  // guarded by handlerMtx_
+    std::condition_variable changed_;
+    // Guarded by handlerMtx_.
+    std::map<uint32_t, std::shared_ptr<Slot>> handlerMap_;
+    bool isWoken_ = false;  // a handler has come or gone since the thread last looked
 };
 
 // Any thread.

@@ -8,6 +8,7 @@
 #include <condition_variable>
 #include <thread>
 
+#include "profiling/collect/proc_handlers.h"
 #include "profiling/collect/prof_sys_info.h"
 #include "profiling/collect/sample_test_support.h"
 #include "profiling/config/device_test_support.h"
@@ -20,6 +21,7 @@ namespace {
 
 using analysis::nedra::message::JobContext;
 using analysis::nedra::message::ProfileParams;
+using analysis::nedra::transport::Uploader;
 using analysis::nedra::transport::UploaderMgr;
 using orla::test::PacedHost;
 using orla::test::RecordsOf;
@@ -29,15 +31,15 @@ using testing::Contains;
 
 class CountingHandler : public TimerHandler {
 public:
-    using TimerHandler::TimerHandler;
+    CountingHandler(uint32_t tag, uint64_t interval = 1) : TimerHandler(tag), interval_(interval) {}
 
-    int Execute() override {
+    uint64_t Execute(uint64_t tick) override {
         std::unique_lock<std::mutex> lock(mutex_);
-        ++executed_;
+        ticks_.push_back(tick);
         changed_.notify_all();
         changed_.wait(lock, [this] { return !holds_; });
         EXPECT_FALSE(isTorn_);
-        return 0;
+        return tick + interval_;
     }
     int Init() override { return 0; }
     int Uninit() override {
@@ -52,7 +54,11 @@ public:
     }
     void AwaitTurn() {
         std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this, before = executed_] { return executed_ > before; });
+        changed_.wait(lock, [this, before = ticks_.size()] { return ticks_.size() > before; });
+    }
+    std::vector<uint64_t> Ticks() {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        return ticks_;
     }
     bool IsTorn() {
         const std::lock_guard<std::mutex> lock(mutex_);
@@ -60,16 +66,17 @@ public:
     }
 
 private:
+    const uint64_t interval_;  // ns
     std::mutex mutex_;
     std::condition_variable changed_;
     // Guarded by mutex_.
-    int executed_ = 0;
+    std::vector<uint64_t> ticks_;
     bool holds_ = false;
     bool isTorn_ = false;
 };
 
-std::shared_ptr<CountingHandler> Register(ProfTimer* timer, uint32_t tag) {
-    auto handler = std::make_shared<CountingHandler>(tag);
+std::shared_ptr<CountingHandler> Register(ProfTimer* timer, uint32_t tag, uint64_t interval = 1) {
+    auto handler = std::make_shared<CountingHandler>(tag, interval);
     timer->RegisterTimerHandler(tag, handler);
     return handler;
 }
@@ -117,6 +124,76 @@ TEST(ProfTimer, NoTickIsTooShortOrTooLong) {
         const auto taken = steady_clock::now() - begin;
         EXPECT_GE(taken, std::chrono::milliseconds(turns - 2));
         EXPECT_LT(taken, std::chrono::seconds(20));
+    }
+}
+
+TEST(ProfTimer, CallsWhoIsDueAndSleepsMeanwhile) {
+    constexpr uint64_t kMs = 1000000;
+    ProfTimer timer(std::make_shared<TimerParam>(TimerParam{1000}));
+    ASSERT_EQ(timer.Start(), 0);
+    const auto rare = Register(&timer, 0, 3600000 * kMs);
+    ASSERT_TRUE(WaitFor([&] { return rare->Ticks().size() == 1; }));
+    const auto often = Register(&timer, 1, 5 * kMs);  // wakes a thread that sleeps for an hour
+    ASSERT_TRUE(WaitFor([&] { return often->Ticks().size() > 20; }));
+    const auto begin = steady_clock::now();
+    EXPECT_EQ(timer.Stop(), 0);
+    EXPECT_LT(steady_clock::now() - begin, std::chrono::minutes(1));
+    EXPECT_EQ(rare->Ticks().size(), 1U);
+    uint64_t last = 0;
+    for (const uint64_t tick : often->Ticks()) {
+        EXPECT_EQ(tick % kMs, 0U);
+        EXPECT_GE(tick, last + 5 * kMs) << "before it was due";
+        last = tick;
+    }
+}
+
+TEST(SampleGrid, NeverDriftsAndLeavesOutWhatIsMissed) {
+    SampleGrid grid(100);
+    const std::pair<uint64_t, uint64_t> rows[] = {{1000, 1100}, {1100, 1200}, {1203, 1300},
+                                                  {1399, 1400}, {1400, 1500}, {1777, 1800}};
+    for (const auto& [tick, due] : rows) {
+        EXPECT_EQ(grid.After(tick), due);
+    }
+}
+
+// One host reads nothing: the other's samples go on, while the first one's handler runs and while
+// it is removed, and what was sampled for the first one is complete once it reads.
+TEST(ProfTimer, AStalledHostHoldsUpNoOthersSamples) {
+    constexpr uint64_t kMs = 1000000;
+    ProfTimer timer(std::make_shared<TimerParam>(TimerParam{1000}));
+    ASSERT_EQ(timer.Start(), 0);
+    std::shared_ptr<PacedHost> hosts[2];
+    std::shared_ptr<Uploader> uploaders[2];
+    for (const uint32_t i : {0, 1}) {
+        hosts[i] = std::make_shared<PacedHost>();
+        hosts[i]->Read(i == 1);
+        uploaders[i] = std::make_shared<Uploader>(hosts[i]);
+        ASSERT_EQ(uploaders[i]->Init(1) + uploaders[i]->Start(), 0);
+        const auto handler = std::make_shared<ProcMemFileHandler>(
+            SampleSpec{i, 0, 64, kMs, "/proc/meminfo", "mem"},  // every sample is a message
+            SampleRoad{std::make_shared<ProfileParams>(), nullptr,
+                       std::make_shared<SampleSender>(uploaders[i])});
+        ASSERT_EQ(handler->Init(), 0);
+        timer.RegisterTimerHandler(i, handler);
+    }
+    const auto othersGoOn = [&] {
+        const size_t before = hosts[1]->Got().size();
+        return WaitFor([&] { return hosts[1]->Got().size() > before + 10; });
+    };
+    EXPECT_TRUE(WaitFor([&] { return uploaders[0]->GetQueueSize() == 1; }));
+    EXPECT_TRUE(othersGoOn());
+    std::thread remover([&timer] { timer.RemoveTimerHandler(0); });
+    EXPECT_TRUE(othersGoOn());
+    hosts[0]->Read(true);
+    remover.join();
+    EXPECT_EQ(timer.Stop(), 0);
+    for (const uint32_t i : {0, 1}) {
+        EXPECT_TRUE(uploaders[i]->Flush());
+        const auto records = RecordsOf(*hosts[i])["data/mem"];
+        EXPECT_GE(records.size(), i == 0 ? 3U : 20U) << "the queue's, the sent and the kept one";
+        for (const auto& record : records) {
+            EXPECT_NE(record.time, 0U) << "left out";
+        }
     }
 }
 

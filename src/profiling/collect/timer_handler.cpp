@@ -9,12 +9,10 @@
 
 #include "hdc/log_side.h"
 #include "profiling/config/utils.h"
-#include "profiling/datapath/file_chunk.h"
 
 namespace Analysis::Nedra::JobWrapper {
 
 using analysis::nedra::common::utils::Utils;
-using analysis::nedra::transport::EncodeFileChunk;
 using analysis::nedra::transport::MessageBuffer;
 
 namespace {
@@ -69,16 +67,34 @@ bool TakeLine(std::string_view* text, std::string_view* line) {
     return true;
 }
 
+uint64_t SampleRoad::SendKept() const {
+    return sender == nullptr ? 0 : sender->SendKept();
+}
+
+void SampleRoad::Finish() {
+    if (const auto last = std::move(sender); last != nullptr) {
+        last->Finish();
+    }
+}
+
+uint64_t SampleGrid::After(uint64_t tick) {
+    due_ = due_ == 0 ? tick : due_;
+    due_ += ((tick - due_) / intervalNs_ + 1) * intervalNs_;
+    return due_;
+}
+
 ProcTimerHandler::ProcTimerHandler(const SampleSpec& spec, SampleRoad road)
     : TimerHandler(spec.tag),
       buf_(spec.bufSize),
       source_(spec.srcFileName, kMaxProcFile),
-      sampleIntervalNs_(spec.sampleIntervalNs),
+      grid_(spec.sampleIntervalNs),
       retFileName_("data/" + spec.fileName),
-      road_(std::move(road)) {}
+      road_(std::move(road)),
+      encoder_({retFileName_, false, DataModule(spec.tag)},
+               road_.jobCtx == nullptr ? std::string() : *road_.jobCtx) {}
 
 ProcTimerHandler::~ProcTimerHandler() {
-    ProcTimerHandler::Uninit();
+    End();
 }
 
 int ProcTimerHandler::Init() {
@@ -90,24 +106,24 @@ int ProcTimerHandler::Init() {
         PROF_LOGE("Buf init failed");
         return -1;
     }
-    prevTimeStamp_ = 0;
     isInited_ = true;
     return 0;
 }
 
-int ProcTimerHandler::Execute() {
-    return ExecuteAt(SampleClockNs());
+uint64_t ProcTimerHandler::Execute(uint64_t tick) {
+    if (const uint64_t delay = road_.SendKept(); delay != 0) {
+        return tick + delay;
+    }
+    Sample(SampleClockNs());
+    return grid_.After(tick);
 }
 
-int ProcTimerHandler::ExecuteAt(uint64_t now) {
+void ProcTimerHandler::Sample(uint64_t now) {
     if (!isInited_) {
         PROF_LOGW("ProcTimerHandler is not inited: %s", Utils::BaseName(retFileName_).c_str());
-        return 0;
+        return;
     }
-    if (prevTimeStamp_ != 0 && now - prevTimeStamp_ < sampleIntervalNs_) {
-        return 0;
-    }
-    prevTimeStamp_ = now;
+    timeStamp_ = now;
     Scratch& scratch = ThreadScratch();
     scratch.data.clear();
     scratch.packet.clear();
@@ -115,17 +131,16 @@ int ProcTimerHandler::ExecuteAt(uint64_t now) {
         ParseProcFile({}, scratch.data);
         StoreData(scratch.data);
         ++index_;
-        return 0;
+        return;
     }
     std::string_view text;
     if (!TakeText(&text)) {
-        return 0;
+        return;
     }
     ParseProcFile(text, scratch.data);
     PacketData(scratch.packet, scratch.data);
     StoreData(scratch.packet);
     ++index_;
-    return 0;
 }
 
 ProcFile::Outcome ProcTimerHandler::ReadSource(std::string_view* text) {
@@ -137,10 +152,10 @@ bool ProcTimerHandler::TakeText(std::string_view* text) {
     if (outcome == ProcFile::Outcome::kRead) {
         return true;
     }
-    const std::string name = Utils::BaseName(source_.path());
     if (!source_.failsAnew()) {
         return false;
     }
+    const std::string name = Utils::BaseName(source_.path());
     if (outcome == ProcFile::Outcome::kBadSize) {
         PROF_LOGW("[ProcTimerHandler] Proc file(%s) size(%lld)", name.c_str(),
                   static_cast<long long>(source_.size()));
@@ -156,7 +171,7 @@ void ProcTimerHandler::PacketData(std::string& packet, const std::string& data) 
         return;
     }
     packet.reserve(data.size() + kRecordHead);
-    AppendNumber("TimeStamp:", prevTimeStamp_, &packet);
+    AppendNumber("TimeStamp:", timeStamp_, &packet);
     AppendNumber("\nIndex:", index_, &packet);
     AppendNumber("\nDataLen:", data.size(), &packet);
     packet.append("\n").append(data).append("\n");
@@ -191,15 +206,12 @@ void ProcTimerHandler::SendData(const char* data, uint64_t len) {
         PROF_LOGE("buf to be sent is nullptr");
         return;
     }
-    if (road_.upLoader == nullptr) {
+    if (road_.sender == nullptr) {
         PROF_LOGE("[ProcTimerHandler::SendData] upLoader_ is null");
         return;
     }
-    const std::string none;
-    MessageBuffer message =
-        EncodeFileChunk({data, len}, {retFileName_, false, DataModule(GetTag())},
-                        road_.jobCtx == nullptr ? none : *road_.jobCtx);
-    const bool fails = message == nullptr || road_.upLoader->UploadData(std::move(message)) != 0;
+    MessageBuffer message = encoder_.Encode({data, len});
+    const bool fails = message == nullptr || !road_.sender->Send(std::move(message));
     if (fails && !isFailing_) {
         PROF_LOGE("[ProcTimerHandler::SendData] Upload Data Failed");
     }
@@ -217,13 +229,17 @@ void ProcTimerHandler::FlushBuf() {
     }
 }
 
-int ProcTimerHandler::Uninit() {
+void ProcTimerHandler::End() {
     if (isInited_) {
         FlushBuf();
-        road_.upLoader.reset();
         buf_.Uninit();
         isInited_ = false;
     }
+}
+
+int ProcTimerHandler::Uninit() {
+    End();
+    road_.Finish();
     return 0;
 }
 

@@ -10,7 +10,8 @@
 // the end of a record.
 //
 // A handler is made and inited on the thread of its engine, executed on the timer's thread and
-// uninited under the timer's lock; it needs none of its own.
+// uninited on that of its engine, never two at a time; it needs no lock of its own. Only Uninit
+// waits for the host.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +20,10 @@
 #include <string_view>
 
 #include "profiling/collect/proc_file.h"
+#include "profiling/collect/sample_sender.h"
 #include "profiling/config/profile_params.h"
 #include "profiling/datapath/chunk.h"
-#include "profiling/datapath/uploader.h"
+#include "profiling/datapath/file_chunk.h"
 
 namespace Analysis::Nedra::JobWrapper {
 
@@ -38,11 +40,13 @@ class TimerHandler {
 public:
     explicit TimerHandler(uint32_t tag) : tag_(tag) {}
     virtual ~TimerHandler() = default;
-    // Called at each tick; does its work when it is due. Always 0.
-    virtual int Execute() = 0;
+    // Does what is due at `tick`, in nanoseconds of the clock that samples carry, and returns the
+    // tick at which it wants to be called again, a later one. First called when the handler is
+    // registered.
+    virtual uint64_t Execute(uint64_t tick) = 0;
     // 0 or -1.
     [[nodiscard]] virtual int Init() = 0;
-    // Sends what is left. Always 0.
+    // Sends what is left, waiting for the host. Always 0.
     virtual int Uninit() = 0;
     [[nodiscard]] uint32_t GetTag() const { return tag_; }
 
@@ -55,7 +59,12 @@ private:
 struct SampleRoad {
     std::shared_ptr<analysis::nedra::message::ProfileParams> params;
     std::shared_ptr<const std::string> jobCtx;
-    std::shared_ptr<analysis::nedra::transport::Uploader> upLoader;
+    std::shared_ptr<SampleSender> sender;
+
+    // As the sender's; 0 without one.
+    [[nodiscard]] uint64_t SendKept() const;
+    // Waits for the host until nothing is kept, and lets the sender go.
+    void Finish();
 };
 
 struct SampleSpec {
@@ -74,17 +83,34 @@ void AppendLines(std::string_view text, std::string* out);
 // Takes the first line off `text`, without its end. False when there is none.
 [[nodiscard]] bool TakeLine(std::string_view* text, std::string_view* line);
 
+// When samples are due: at the first tick and at whole intervals from it on, so that they don't
+// drift however late each is taken. Those that have been missed are left out.
+class SampleGrid {
+public:
+    // `intervalNs` is above 0.
+    explicit SampleGrid(uint64_t intervalNs) : intervalNs_(intervalNs) {}
+
+    // The first due time after `tick`, which is the one returned last or a later one.
+    [[nodiscard]] uint64_t After(uint64_t tick);
+
+private:
+    const uint64_t intervalNs_;
+    uint64_t due_ = 0;  // returned last; 0: none yet
+};
+
 class ProcTimerHandler : public TimerHandler {
 public:
     ProcTimerHandler(const SampleSpec& spec, SampleRoad road);
     ~ProcTimerHandler() override;
 
-    int Execute() override;
-    // The same for a caller that has read the clock: handlers that are called in a row sample at
-    // one time, and none falls short of its interval because its turn came a little earlier.
-    int ExecuteAt(uint64_t now);
+    uint64_t Execute(uint64_t tick) override;
+    // Takes a sample with the time stamp `now`, in nanoseconds: handlers that are called in a row
+    // sample at one time.
+    void Sample(uint64_t now);
     [[nodiscard]] int Init() override;
     int Uninit() override;
+    // Uninit without waiting for the host, for a handler whose sender goes on.
+    void End();
 
 protected:
     // Appends to `data` what is to be kept of the source's text; nothing, when nothing is.
@@ -93,8 +119,6 @@ protected:
     [[nodiscard]] virtual ProcFile::Outcome ReadSource(std::string_view* text);
     [[nodiscard]] ProcFile& source() { return source_; }
     [[nodiscard]] const SampleRoad& road() const { return road_; }
-    // Now, when the sample is being taken.
-    [[nodiscard]] uint64_t prevTimeStamp() const { return prevTimeStamp_; }
 
 private:
     [[nodiscard]] bool TakeText(std::string_view* text);
@@ -107,12 +131,13 @@ private:
     analysis::nedra::common::memory::Chunk buf_;
     ProcFile source_;  // with the empty path: none
     bool isInited_ = false;
-    bool isFailing_ = false;      // the last upload failed, which is told when it begins
-    uint64_t prevTimeStamp_ = 0;  // ns, of the last sample; 0: none yet
-    const uint64_t sampleIntervalNs_;
+    bool isFailing_ = false;  // the last upload failed, which is told when it begins
+    uint64_t timeStamp_ = 0;  // ns, of the last sample
+    SampleGrid grid_;
     uint64_t index_ = 0;  // samples so far, empty ones included
     const std::string retFileName_;
     SampleRoad road_;
+    const analysis::nedra::transport::ChunkEncoder encoder_;
 };
 
 }  // namespace Analysis::Nedra::JobWrapper

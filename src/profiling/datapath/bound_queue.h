@@ -2,16 +2,17 @@
 // the profiling agent: messages to an uploader, tasks to a worker.
 //
 // Any number of threads push and pop at the same time. A full queue holds its producers up, for
-// as long as it takes; that is the back-pressure of the data road, and nothing is dropped for
-// lack of room. Quit is for ever: it wakes everybody, refuses what is pushed from then on, and
-// leaves what is queued to be popped. One mutex guards everything. It is innermost: nothing else
-// is locked under it but what the log needs.
+// as long as it takes, or tells those that may not wait; that is the back-pressure of the data
+// road, and nothing is dropped for lack of room. Quit is for ever: it wakes everybody, refuses what
+// is pushed from then on, and leaves what is queued to be popped. One mutex guards everything. It
+// is innermost: nothing else is locked under it but what the log needs.
 #pragma once
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory_resource>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -31,7 +32,9 @@ public:
 protected:
     const uint64_t capacity_;  // elements
     // Guarded by the lock of the derived class.
-    std::deque<T> queue_;
+    // Blocks that the queue has used serve it again: it allocates nothing once it has been full.
+    std::pmr::unsynchronized_pool_resource blocks_;
+    std::pmr::deque<T> queue_{&blocks_};
     std::string queueName_;
 };
 
@@ -61,10 +64,8 @@ public:
         std::unique_lock<std::mutex> lock(mutex_);
         CountPush();
         bool isIn = TryEnter(data);
-        if (!isIn && capacity_ != 0) {
-            PROF_LOGW(
-                "QueueFull,QueueName: %s, QueueCapacity:%llu, QueueSize:%llu, Percent:%-7.4f%%",
-                queueName_.c_str(), Number(capacity_), Number(queue_.size()), Percent());
+        if (!isIn) {
+            LogFull();
         }
         while (!isIn && !quit_ && !(isIn = TryEnter(data))) {
             AwaitPop(lock, period, whileFull);
@@ -78,6 +79,29 @@ public:
         queue_.push_back(std::move(data));
         notEmpty_.notify_all();
         return true;
+    }
+
+    enum class Entry { kIn, kFull, kQuit };
+
+    // Appends `data` if there is room, without waiting. Unless kIn, `data` stays as it was. That
+    // the queue is full is logged once until something goes in again.
+    [[nodiscard]] Entry TryPush(T& data) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (quit_) {
+            return Entry::kQuit;
+        }
+        if (queue_.size() == capacity_ || !Admit(data)) {
+            if (!std::exchange(isToldFull_, true)) {
+                LogIsFull();
+                LogFull();
+            }
+            return Entry::kFull;
+        }
+        isToldFull_ = false;
+        CountPush();
+        queue_.push_back(std::move(data));
+        notEmpty_.notify_all();
+        return Entry::kIn;
     }
 
     // Moves the oldest element to `out`; false, with `out` as it was, when there is none. Also
@@ -133,13 +157,24 @@ private:
         return static_cast<double>(queue_.size()) / static_cast<double>(capacity_) * 100;
     }
 
-    bool TryEnter(const T& data) {
+    void LogFull() const {
+        if (capacity_ != 0) {
+            PROF_LOGW(
+                "QueueFull,QueueName: %s, QueueCapacity:%llu, QueueSize:%llu, Percent:%-7.4f%%",
+                queueName_.c_str(), Number(capacity_), Number(queue_.size()), Percent());
+        }
+    }
+
+    void LogIsFull() const {
         if (queue_.size() == capacity_) {
             PROF_LOGW("IsFULL, QueueName: %s, QueueCapacity:%llu, QueueSize:%llu",
                       queueName_.c_str(), Number(capacity_), Number(capacity_));
-            return false;
         }
-        return Admit(data);
+    }
+
+    bool TryEnter(const T& data) {
+        LogIsFull();
+        return queue_.size() != capacity_ && Admit(data);
     }
 
     // Returns when an element was popped, when the queue has quit, or after a `period` in which
@@ -189,6 +224,7 @@ private:
     std::condition_variable notFull_;
     // Guarded by mutex_, as are the members of the base.
     bool quit_ = false;
+    bool isToldFull_ = false;   // by TryPush
     uint64_t pushCount_ = 0;    // since the last report
     uint64_t historicMax_ = 0;  // the most elements that any Push has met
 };

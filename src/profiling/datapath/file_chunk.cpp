@@ -5,7 +5,7 @@
 
 #include <climits>
 #include <exception>
-#include <functional>
+#include <utility>
 
 #include "hdc/log_side.h"
 #include "proto/codec.h"
@@ -20,79 +20,93 @@ using proto::FileChunkReq;
 namespace {
 
 constexpr int64_t kNoOffset = -1;  // append
-// Envelope and fields in front of the chunk, but for the texts; and the chunk's length: at most.
-constexpr size_t kHeadRoom = 128;
-constexpr size_t kMaxVarint = 10;
+constexpr size_t kMaxLength = 5;   // bytes of the chunk's length in front of it
+constexpr size_t kTail = 64;       // more than the fields after the chunk take
+constexpr uint32_t kChunkTag = WireFormatLite::MakeTag(FileChunkReq::kChunkFieldNumber,
+                                                       WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
+static_assert(kChunkTag < 0x80, "one byte");
 
-bool Appended(const std::function<bool()>& append, const FileChunkInfo& info) {
-    try {
-        if (append()) {
-            return true;
-        }
-    } catch (const std::exception& e) {
-        PROF_LOGE("make shared failed, message: %s", e.what());
-        return false;
+// The envelope with the fields in front of the chunk, and the chunk's tag; fields are written in
+// the order of their numbers. Empty when it can't be made.
+std::string EncodeHead(const FileChunkInfo& info, const std::string& jobCtx) {
+    FileChunkReq head;
+    head.mutable_hdr()->set_job_ctx(jobCtx);
+    head.set_filename(info.fileName);
+    head.set_offset(kNoOffset);
+    std::string out;
+    if (!message::AppendEnvelope(head, &out)) {
+        return {};
     }
-    PROF_LOGE("fileChunk encode failed. fileName:%s", info.fileName.c_str());
-    return false;
+    out.push_back(static_cast<char>(kChunkTag));
+    return out;
 }
 
 }  // namespace
 
-// Fields are written in the order of their numbers: those in front of Chunk are the head, those
-// behind it the tail, each made as a message of its own.
+ChunkEncoder::ChunkEncoder(FileChunkInfo info, const std::string& jobCtx)
+    : fileName_(info.fileName),
+      isLastChunk_(info.isLastChunk),
+      dataModule_(info.dataModule),
+      head_(EncodeHead(info, jobCtx)),
+      dataAt_(kFrontRoom + head_.size() + kMaxLength) {}
 
-bool AppendChunkHead(const FileChunkInfo& info, const std::string& jobCtx, std::string* out) {
-    const auto append = [&] {
-        FileChunkReq head;
-        head.mutable_hdr()->set_job_ctx(jobCtx);
-        head.set_filename(info.fileName);
-        head.set_offset(kNoOffset);
-        constexpr uint32_t kTag = WireFormatLite::MakeTag(
-            FileChunkReq::kChunkFieldNumber, WireFormatLite::WIRETYPE_LENGTH_DELIMITED);
-        static_assert(kTag < 0x80, "one byte");
-        if (!message::AppendEnvelope(head, out)) {
-            return false;
-        }
-        out->push_back(static_cast<char>(kTag));
-        return true;
-    };
-    return Appended(append, info);
+MessageBuffer ChunkEncoder::Encode(std::string_view data) const {
+    if (data.size() > INT_MAX - dataAt_ - kTail) {
+        PROF_LOGE("data size %zu is out of range", data.size());
+        return nullptr;
+    }
+    MessageBuffer buffer = TakeMessageBuffer(dataAt_ - kFrontRoom + data.size() + kTail);
+    if (buffer == nullptr) {
+        return nullptr;
+    }
+    buffer->bytes.resize(dataAt_);
+    buffer->bytes.append(data);
+    return Finish(*buffer, data.size()) ? std::move(buffer) : nullptr;
 }
 
-bool AppendChunkTail(size_t size, const FileChunkInfo& info, std::string* out) {
-    const auto append = [&] {
-        FileChunkReq tail;
-        tail.set_chunksizeinbytes(static_cast<int32_t>(size));
-        tail.set_islastchunk(info.isLastChunk);
-        tail.set_needack(false);
-        tail.set_datamodule(static_cast<int32_t>(info.dataModule));
-        return tail.AppendToString(out);
-    };
-    return Appended(append, info);
+MessageBuffer ChunkEncoder::TakeRoom(size_t size) const {
+    return TakeFilledBuffer(dataAt_ - kFrontRoom + size + kTail);
+}
+
+char* ChunkEncoder::DataOf(MessageBlock& block) const {
+    return block.bytes.data() + dataAt_;
+}
+
+bool ChunkEncoder::Finish(MessageBlock& block, size_t used) const {
+    FileChunkReq tail;
+    tail.set_chunksizeinbytes(static_cast<int32_t>(used));
+    tail.set_islastchunk(isLastChunk_);
+    tail.set_needack(false);
+    tail.set_datamodule(static_cast<int32_t>(dataModule_));
+    const size_t end = dataAt_ + used;
+    const size_t size = tail.ByteSizeLong();
+    if (head_.empty() || size > kTail) {
+        PROF_LOGE("fileChunk encode failed. fileName:%s", fileName_.c_str());
+        return false;
+    }
+    block.bytes.resize(end + size);  // there is room for it
+    tail.SerializeWithCachedSizesToArray(reinterpret_cast<uint8_t*>(block.bytes.data()) + end);
+    // A field without bytes is not written, nor are its tag and its length.
+    const auto length = static_cast<uint32_t>(used);
+    const size_t lengthBytes = used == 0 ? 0 : CodedOutputStream::VarintSize32(length);
+    const size_t headBytes = head_.size() - (used == 0 ? 1 : 0);
+    block.begin = dataAt_ - lengthBytes - headBytes;
+    head_.copy(block.data(), headBytes);
+    if (used != 0) {
+        CodedOutputStream::WriteVarint32ToArray(
+            length, reinterpret_cast<uint8_t*>(block.data() + headBytes));
+    }
+    return true;
 }
 
 MessageBuffer EncodeFileChunk(std::string_view data, const FileChunkInfo& info,
                               const std::string& jobCtx) {
-    const size_t around = jobCtx.size() + info.fileName.size() + kHeadRoom + kChunkTailRoom;
-    if (data.size() > INT_MAX - around) {
-        PROF_LOGE("data size %zu is out of range", data.size());
+    try {
+        return ChunkEncoder(info, jobCtx).Encode(data);
+    } catch (const std::exception& e) {
+        PROF_LOGE("make shared failed, message: %s", e.what());
         return nullptr;
     }
-    const MessageBuffer buffer = TakeMessageBuffer(data.size() + around);
-    if (buffer == nullptr || !AppendChunkHead(info, jobCtx, buffer.get())) {
-        return nullptr;
-    }
-    if (data.empty()) {
-        buffer->pop_back();  // a field without bytes is not written, nor is its tag
-    } else {
-        uint8_t length[kMaxVarint];
-        const uint8_t* end =
-            CodedOutputStream::WriteVarint32ToArray(static_cast<uint32_t>(data.size()), length);
-        buffer->append(reinterpret_cast<const char*>(length), static_cast<size_t>(end - length));
-        buffer->append(data);
-    }
-    return AppendChunkTail(data.size(), info, buffer.get()) ? buffer : nullptr;
 }
 
 }  // namespace analysis::nedra::transport

@@ -1,7 +1,14 @@
 // The message that carries profiling data: a FileChunkReq, encoded straight from the producer's
-// bytes. Every producer fills the same fields, so this is the one place that does.
+// bytes, or around bytes that lie in their place already. Every producer fills the same fields, so
+// this is the one place that does.
 //
-// Any thread; no state.
+//     0            kFrontRoom                           Data()
+//     | front room | unused | head | length of the data | data | tail | tail room |
+//
+// The length takes as many bytes as it needs, so the head is written when the length is known, with
+// its end against the data.
+//
+// An encoder is used by one thread at a time.
 #pragma once
 
 #include <cstddef>
@@ -20,18 +27,34 @@ struct FileChunkInfo {
     uint32_t dataModule = 0;
 };
 
-// The envelope of the FileChunkReq with `data`, byte for byte what the codec makes of that message,
-// but with `data` copied only once. `jobCtx` is the text of the job's context. Null, with a log
-// line, when it cannot be made.
+// Makes the messages of one file. They are byte for byte what the codec makes of a FileChunkReq.
+// Whatever can fail does so with a log line.
+class ChunkEncoder {
+public:
+    // `jobCtx` is the text of the job's context.
+    ChunkEncoder(FileChunkInfo info, const std::string& jobCtx);
+
+    // The message with `data`, which is copied once. Null when it cannot be made.
+    [[nodiscard]] MessageBuffer Encode(std::string_view data) const;
+
+    // A buffer with room for `size` bytes of any content where DataOf says. Null when memory is
+    // out.
+    [[nodiscard]] MessageBuffer TakeRoom(size_t size) const;
+    [[nodiscard]] char* DataOf(MessageBlock& block) const;
+    // Makes the message of a block that TakeRoom gave and of the first `used` bytes of its data.
+    // False when it cannot be made; the bytes are then as they were.
+    [[nodiscard]] bool Finish(MessageBlock& block, size_t used) const;
+
+private:
+    const std::string fileName_;  // for log lines
+    const bool isLastChunk_;
+    const uint32_t dataModule_;
+    std::string head_;  // all in front of the chunk's length; empty: it can't be made
+    size_t dataAt_ = 0;
+};
+
+// The message for a producer that makes only one of its kind, see ChunkEncoder::Encode.
 [[nodiscard]] MessageBuffer EncodeFileChunk(std::string_view data, const FileChunkInfo& info,
                                             const std::string& jobCtx);
-
-// What stands around the bytes in that message, for who has them in their place already: head,
-// length of `data`, one or more, as a varint, data, tail. Each is appended to `out`; false, with a
-// log line, when it cannot be made, and `out` is then undefined.
-constexpr size_t kChunkTailRoom = 64;  // more than a tail needs
-[[nodiscard]] bool AppendChunkHead(const FileChunkInfo& info, const std::string& jobCtx,
-                                   std::string* out);
-[[nodiscard]] bool AppendChunkTail(size_t size, const FileChunkInfo& info, std::string* out);
 
 }  // namespace analysis::nedra::transport

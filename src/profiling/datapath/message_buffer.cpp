@@ -1,9 +1,9 @@
 #include "profiling/datapath/message_buffer.h"
 
-#include <algorithm>
+#include <array>
 #include <exception>
-#include <iterator>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "hdc/log_side.h"
@@ -12,63 +12,86 @@ namespace analysis::nedra::transport {
 
 namespace {
 
-// Below this the allocator is quick by itself.
-constexpr size_t kSmallestKept = 64 * 1024;
-constexpr size_t kMaxKept = 16;
-constexpr size_t kMaxKeptBytes = 40u * 1024 * 1024;
+constexpr size_t kSmall = 64 * 1024;  // capacities below come in whole steps
+constexpr size_t kStep = 1024;
+constexpr size_t kMaxSmallBytes = 8u * 1024 * 1024;
+constexpr size_t kMaxLarge = 16;
+constexpr size_t kMaxLargeBytes = 40u * 1024 * 1024;
 
-using Buffer = std::unique_ptr<std::string>;
+using Block = std::unique_ptr<MessageBlock>;
+using Blocks = std::vector<Block>;
+
+size_t Capacity(const Block& block) {
+    return block->bytes.capacity();
+}
 
 class FreeList {
 public:
-    FreeList() { kept_.reserve(kMaxKept); }
-
-    // The smallest that fits, of equals the last to come back: the caches know it best. Null when
-    // none does.
-    Buffer Take(size_t capacity) {
+    // Null when no block fits.
+    Block Take(size_t capacity) {
         const std::lock_guard<std::mutex> lock(mutex_);
-        const auto best = std::min_element(
-            kept_.rbegin(), kept_.rend(), [capacity](const Buffer& left, const Buffer& right) {
-                return Waste(*left, capacity) < Waste(*right, capacity);
-            });
-        if (best == kept_.rend() || (*best)->capacity() < capacity) {
-            return nullptr;
-        }
-        Buffer buffer = std::move(*best);
-        kept_.erase(std::next(best).base());
-        bytes_ -= buffer->capacity();
-        return buffer;
+        return capacity < kSmall ? TakeSmall(capacity) : TakeLarge(capacity);
     }
 
-    // Whatever is not kept ends outside the lock.
-    void Give(Buffer buffer) {
-        const size_t capacity = buffer->capacity();
+    // What is not kept ends outside the lock.
+    void Give(Block block) {
+        const size_t capacity = Capacity(block);
         const std::lock_guard<std::mutex> lock(mutex_);
-        if (capacity >= kSmallestKept && kept_.size() < kMaxKept &&
-            capacity <= kMaxKeptBytes - bytes_) {
-            bytes_ += capacity;
-            kept_.push_back(std::move(buffer));
+        const bool isSmall = capacity < kSmall;
+        Blocks& blocks = isSmall ? small_[capacity / kStep] : large_;
+        size_t& bytes = isSmall ? smallBytes_ : largeBytes_;
+        const size_t limit = isSmall ? kMaxSmallBytes : kMaxLargeBytes;
+        if (capacity <= limit - bytes && (isSmall || blocks.size() < kMaxLarge)) {
+            blocks.push_back(std::move(block));
+            bytes += capacity;
         }
     }
 
     void Clear() {
-        std::vector<Buffer> released;
-        released.reserve(kMaxKept);
+        std::array<Blocks, kSmall / kStep> small;
+        Blocks large;
         const std::lock_guard<std::mutex> lock(mutex_);
-        released.swap(kept_);
-        bytes_ = 0;
+        small.swap(small_);
+        large.swap(large_);
+        smallBytes_ = largeBytes_ = 0;
     }
 
 private:
-    // Of one that is too small: more than of any that fits.
-    static size_t Waste(const std::string& buffer, size_t capacity) {
-        return buffer.capacity() - capacity;
+    Block TakeSmall(size_t capacity) {
+        Blocks& blocks = small_[capacity / kStep];
+        if (blocks.empty()) {
+            return nullptr;
+        }
+        Block block = std::move(blocks.back());
+        blocks.pop_back();
+        smallBytes_ -= Capacity(block);
+        return block;
+    }
+
+    // The smallest that fits, of equals the last to come back: the caches know it best.
+    Block TakeLarge(size_t capacity) {
+        auto best = large_.end();
+        for (auto at = large_.begin(); at != large_.end(); ++at) {
+            const bool fits = Capacity(*at) >= capacity && Capacity(*at) / 2 <= capacity;
+            if (fits && (best == large_.end() || Capacity(*at) <= Capacity(*best))) {
+                best = at;
+            }
+        }
+        if (best == large_.end()) {
+            return nullptr;
+        }
+        Block block = std::move(*best);
+        large_.erase(best);
+        largeBytes_ -= Capacity(block);
+        return block;
     }
 
     std::mutex mutex_;
     // Guarded by mutex_.
-    std::vector<Buffer> kept_;
-    size_t bytes_ = 0;  // capacity of all in kept_
+    std::array<Blocks, kSmall / kStep> small_;  // by capacity in steps
+    Blocks large_;
+    size_t smallBytes_ = 0;  // capacity of all in small_
+    size_t largeBytes_ = 0;
 };
 
 // Never destroyed: buffers may come back while the process runs its exit handlers.
@@ -77,20 +100,20 @@ FreeList& TheFreeList() {
     return *list;
 }
 
-}  // namespace
-
-namespace {
-
 MessageBuffer TakeBuffer(size_t size, size_t capacity) {
     try {
-        Buffer buffer = TheFreeList().Take(capacity);
-        if (buffer == nullptr) {
-            buffer = std::make_unique<std::string>();
-            buffer->reserve(capacity);
+        if (capacity < kSmall) {
+            capacity = (capacity / kStep + 1) * kStep;
+        }
+        Block block = TheFreeList().Take(capacity);
+        if (block == nullptr) {
+            block = std::make_unique<MessageBlock>();
+            block->bytes.reserve(capacity);
         }
         // A used one has kept what was in it, which spares it most of the filling.
-        buffer->resize(size);
-        return {buffer.release(), [](std::string* used) { TheFreeList().Give(Buffer(used)); }};
+        block->bytes.resize(size);
+        block->begin = kFrontRoom;
+        return MessageBuffer(block.release());
     } catch (const std::exception& e) {
         PROF_LOGE("make shared failed, message: %s", e.what());
         return nullptr;
@@ -98,6 +121,13 @@ MessageBuffer TakeBuffer(size_t size, size_t capacity) {
 }
 
 }  // namespace
+
+void ReturnBlock::operator()(MessageBlock* block) const {
+    try {
+        TheFreeList().Give(Block(block));
+    } catch (const std::exception&) {  // no memory for the list: the block has ended
+    }
+}
 
 MessageBuffer TakeMessageBuffer(size_t messageSize) {
     return TakeBuffer(kFrontRoom, kFrontRoom + messageSize + kTailRoom);

@@ -1,15 +1,17 @@
 // The buffers in which messages wait for their way to the host, and the room in them that spares
 // every copy on that way.
 //
-//     0                        kFrontRoom            size - kTailRoom       size
+//     0                        begin                 end of the message
 //     | heads of packet and    | message             | end of the last      |
 //     | first segment          |                     | segment              |
 //
 // A producer takes a buffer, which holds the front room and nothing more, and appends its message
-// (AppendEnvelope does just that). The uploader adds the tail room, and the transport writes the
-// heads in front of the message where it lies. When the last owner lets a buffer go it returns to
-// a small list and serves the next message: to fault in the pages of a fresh block takes longer
-// than to copy into them.
+// (AppendEnvelope does just that), or puts the message anywhere behind the front room. The uploader
+// adds the tail room, and the transport writes the heads in front of the message where it lies.
+// When its owner lets a buffer go it returns to a list and serves the next message: to fault in the
+// pages of a fresh block takes longer than to copy into them, and a sampler allocates nothing once
+// it has sent its first messages. A block serves only messages of at least half its size, so that
+// a queue of small ones doesn't hold large blocks.
 //
 // Any thread may take a buffer and any thread may release it.
 #pragma once
@@ -23,10 +25,22 @@ namespace analysis::nedra::transport {
 constexpr size_t kFrontRoom = 24;  // bytes; at least what ITransport::SendInPlace overwrites
 constexpr size_t kTailRoom = 3;
 
-using MessageBuffer = std::shared_ptr<std::string>;
+struct MessageBlock {
+    std::string bytes;
+    size_t begin = kFrontRoom;  // of the message in `bytes`; kFrontRoom at least
 
-// A buffer that holds kFrontRoom bytes and has the capacity for a message of `messageSize` bytes
-// and the tail room. Null, with a log line, when memory is out.
+    [[nodiscard]] char* data() { return bytes.data() + begin; }
+    [[nodiscard]] size_t size() const { return bytes.size() - begin; }
+};
+
+// Gives a block back to the list.
+struct ReturnBlock {
+    void operator()(MessageBlock* block) const;
+};
+using MessageBuffer = std::unique_ptr<MessageBlock, ReturnBlock>;
+
+// A buffer that holds kFrontRoom bytes and has the capacity for `messageSize` bytes more and the
+// tail room. Null, with a log line, when memory is out.
 [[nodiscard]] MessageBuffer TakeMessageBuffer(size_t messageSize);
 
 // The same with `messageSize` bytes of any content behind the front room, to be written over.

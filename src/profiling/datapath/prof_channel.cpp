@@ -36,6 +36,8 @@ constexpr uint64_t kMaxDrain = uint64_t{1} << 30;
 constexpr uint32_t kMaxDispatches = 2;
 constexpr uint32_t kChannelData = 3;  // DataModule of a chunk
 constexpr std::chrono::seconds kDrvFlushLimit{2};
+// How long a reader whose host's queue was full leaves its channel to the driver.
+constexpr uint64_t kHeldUpNs = 5000000;
 constexpr char kSpeedName[] = "ChannelReaderSpeed";
 constexpr char kSpeedAllName[] = "ChannelReaderSpeedAll";
 
@@ -102,7 +104,7 @@ void ChannelReader::Uninit() {
             perfCountAll_->OutPerfInfo(kSpeedAllName + tag);
         }
         inited_ = false;
-        UploadData();
+        static_cast<void>(UploadData(true));
     }
     const std::lock_guard<std::mutex> lock(flushMtx_);
     EndFlush();
@@ -137,7 +139,8 @@ int ChannelReader::Execute() {
         PROF_LOGE("read device %d, channel:%d, message: %s", deviceId_, channelId_, e.what());
     }
     if (flushAsked_.exchange(false)) {
-        Flush();
+        const std::lock_guard<std::mutex> lock(mtx_);
+        static_cast<void>(UploadData(false));
     }
     // Also after an exception, or the channel would never be dispatched again.
     SetSchedulingStatus(false);
@@ -166,20 +169,22 @@ void ChannelReader::Drain() {
 }
 
 // Whether the driver can be asked for at least one byte.
-bool ChannelReader::MakeRoom() {
+bool ChannelReader::MakeRoom(bool mayWait) {
     const auto most = static_cast<uint32_t>(uint64_t{bufSize_} * 4 / 5);
     const uint32_t threshold = std::min(kUploadThreshold, most);
-    if (dataSize_ > threshold) {
-        UploadData();
+    const bool isDue = pending_ != nullptr || dataSize_ > threshold;
+    if (isDue && !UploadData(mayWait)) {
+        return false;
     }
     spaceSize_ = bufSize_ - dataSize_;
     return spaceSize_ != 0;
 }
 
 // Bytes read; 0 when there is nothing to read or no room, negative on an error. `isStopped`: the
-// driver has been told to stop the channel, and may well say so.
+// driver has been told to stop the channel, and may well say so; the caller is no worker then, and
+// may wait for the host.
 int ChannelReader::ReadOnce(bool isStopped) {
-    char* const data = MakeRoom() ? buffer_->Data() : nullptr;
+    char* const data = MakeRoom(isStopped) ? buffer_->Data() : nullptr;
     if (data == nullptr) {
         return 0;
     }
@@ -212,27 +217,41 @@ int ChannelReader::ReadOnce(bool isStopped) {
     return ret;
 }
 
-void ChannelReader::UploadData() {
+// False when all that is buffered waits for room in the host's queue.
+bool ChannelReader::UploadData(bool mayWait) {
     if (dataSize_ == 0) {
-        return;
+        return true;
     }
-    const std::string& jobId = jobCtx_ == nullptr ? std::string() : jobCtx_->job_id;
-    int ret = -1;
+    const std::string jobId = jobCtx_ == nullptr ? std::string() : jobCtx_->job_id;
+    auto& uploaders = UploaderMgr::instance();
+    auto taken = Uploader::Taken::kLost;
     try {
-        MessageBuffer message = buffer_->TakeMessage(dataSize_);
-        if (message == nullptr) {
-            return;  // the bytes are kept
+        if (pending_ == nullptr) {
+            pending_ = buffer_->TakeMessage(dataSize_);
         }
-        ret = UploaderMgr::instance().UploadData(jobId, std::move(message));
+        if (pending_ == nullptr) {
+            return true;  // the bytes are kept
+        }
+        if (!mayWait) {
+            taken = uploaders.TryUpload(jobId, pending_);
+        } else if (uploaders.UploadData(jobId, std::move(pending_)) == 0) {
+            taken = Uploader::Taken::kQueued;
+        }
     } catch (const std::exception& e) {
         // The buffer may be gone with the message.
         PROF_LOGE("make shared failed, message: %s", e.what());
     }
-    if (ret != 0) {
+    if (taken == Uploader::Taken::kFull) {
+        heldUpUntil_ = Utils::GetClockMonotonicRaw() + kHeldUpNs;
+        return false;
+    }
+    pending_.reset();
+    if (taken == Uploader::Taken::kLost) {
         PROF_LOGE("Upload data failed, jobId: %s", jobId.c_str());
         ReportLoss();
     }
     dataSize_ = 0;
+    return true;
 }
 
 void ChannelReader::ReportLoss() const {
@@ -243,7 +262,7 @@ void ChannelReader::ReportLoss() const {
 
 void ChannelReader::Flush() {
     const std::lock_guard<std::mutex> lock(mtx_);
-    UploadData();
+    static_cast<void>(UploadData(true));
 }
 
 bool ChannelReader::AskFlush() {
@@ -303,7 +322,7 @@ void ChannelReader::FlushDrvBuff() {
 }
 
 bool ChannelReader::GetSchedulingStatus() const {
-    return schedulingCount_ > kMaxDispatches;
+    return schedulingCount_ > kMaxDispatches || Utils::GetClockMonotonicRaw() < heldUpUntil_;
 }
 
 void ChannelReader::SetSchedulingStatus(bool isDispatched) {
@@ -325,7 +344,7 @@ constexpr uint32_t kMaxWorkers = 64;
 constexpr uint64_t kWorkerQueue = 8192;
 constexpr int kPollEvents = 6;
 constexpr int kPollTimeout = 1;  // in the driver's unit
-constexpr uint32_t kStoppedPauseMs = 1;
+constexpr uint32_t kPauseMs = 1;
 constexpr uint64_t kFlushPeriodNs = 9999999999;
 
 }  // namespace
@@ -343,6 +362,7 @@ void ChannelPoll::AddReader(uint32_t devId, uint32_t channel,
     const std::lock_guard<std::mutex> lock(readersMtx_);
     PROF_LOGI("AddReader, devId:%u, channel:%u", devId, channel);
     readers_[devId][channel].swap(replaced);
+    readersCv_.notify_all();
 }
 
 void ChannelPoll::RemoveReader(uint32_t devId, uint32_t channel) {
@@ -404,6 +424,10 @@ int ChannelPoll::Stop() {
     if (!isStarted_.exchange(false)) {
         return 0;
     }
+    {
+        const std::lock_guard<std::mutex> lock(readersMtx_);
+        readersCv_.notify_all();
+    }
     static_cast<void>(Thread::Stop());
     threadPool_->Stop();
     PROF_EVENT(
@@ -419,8 +443,21 @@ int ChannelPoll::Stop() {
 void ChannelPoll::Run(const TraceletErrorContext& context) {
     TraceletErrorManager::instance().SetErrorContext(context);
     uint64_t lastFlushTime = Utils::GetClockMonotonicRaw();
-    while (isStarted_ && PollOnce(&lastFlushTime)) {
+    bool goesOn = true;
+    while (isStarted_ && goesOn) {
+        try {
+            AwaitReader();
+            goesOn = PollOnce(&lastFlushTime);
+        } catch (const std::exception& e) {  // out of memory: the next poll may fare better
+            PROF_LOGE("A poll of the channels is lost, message: %s", e.what());
+            mmSleep(kPauseMs);
+        }
     }
+}
+
+void ChannelPoll::AwaitReader() {
+    std::unique_lock<std::mutex> lock(readersMtx_);
+    readersCv_.wait(lock, [this] { return !readers_.empty() || !isStarted_; });
 }
 
 // False when there is nothing to poll any more.
@@ -434,7 +471,7 @@ bool ChannelPoll::PollOnce(uint64_t* lastFlushTime) {
             PROF_LOGI("Exit poll channel thread.");
             return false;
         }
-        mmSleep(kStoppedPauseMs);
+        mmSleep(kPauseMs);
         ++sleepCount_;
         return true;
     }
@@ -449,29 +486,33 @@ bool ChannelPoll::PollOnce(uint64_t* lastFlushTime) {
         ++flushAllCount_;
     }
     ++dispatchCount_;
+    bool isAnyTaken = false;
     for (int i = 0; i < ret; ++i) {
         PROF_LOGD("DispatchChannel devId: %d, channelID: %d, ret: %d",
                   static_cast<int>(events[i].device), static_cast<int>(events[i].channel), ret);
         if (JsonParser::instance().GetChannelReporterSwitch(events[i].channel)) {
-            DispatchChannel(events[i].device, events[i].channel);
+            isAnyTaken |= DispatchChannel(events[i].device, events[i].channel);
             ++dispatchChannelCount_;
         }
+    }
+    if (ret > 0 && !isAnyTaken) {
+        mmSleep(kPauseMs);  // a driver may tell of the same data at once again
     }
     return true;
 }
 
-void ChannelPoll::DispatchChannel(uint32_t devId, uint32_t channel) {
+bool ChannelPoll::DispatchChannel(uint32_t devId, uint32_t channel) {
     const auto reader = GetReader(devId, channel);
     if (reader == nullptr) {
         PROF_LOGW("Failed to find devId:%u, channel:%u", devId, channel);
-        return;
+        return false;
     }
-    Dispatch(reader);
+    return Dispatch(reader);
 }
 
-void ChannelPoll::Dispatch(const std::shared_ptr<ChannelReader>& reader) {
+bool ChannelPoll::Dispatch(const std::shared_ptr<ChannelReader>& reader) {
     if (reader->GetSchedulingStatus()) {
-        return;
+        return false;
     }
     reader->SetSchedulingStatus(true);
     bool isDispatched = false;
@@ -483,6 +524,7 @@ void ChannelPoll::Dispatch(const std::shared_ptr<ChannelReader>& reader) {
     if (!isDispatched) {
         reader->SetSchedulingStatus(false);
     }
+    return isDispatched;
 }
 
 std::vector<std::shared_ptr<ChannelReader>> ChannelPoll::Snapshot() {
@@ -499,7 +541,7 @@ std::vector<std::shared_ptr<ChannelReader>> ChannelPoll::Snapshot() {
 void ChannelPoll::FlushAllChannel() {
     for (const auto& reader : Snapshot()) {
         if (reader->AskFlush()) {
-            Dispatch(reader);
+            static_cast<void>(Dispatch(reader));
         }
     }
 }

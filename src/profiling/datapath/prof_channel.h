@@ -5,10 +5,13 @@
 //     ChannelPoll ("TLET_ChanPoll") --Dispatch--> worker ("TLET_ChanPool_" n): ChannelReader
 //          | every 10 s: AskFlush of all              DrvChannelRead -> buffer -> UploaderMgr
 //
-// A reader always runs on the same worker. The only back-pressure is the uploader's full queue:
-// it holds the worker up, and the driver buffers meanwhile. The poll thread never waits for a host:
-// the workers do the periodic flush, too. readersMtx_ is held for a look-up only; of the others, a
-// reader's mtx_ comes before its flushMtx_.
+// The poll thread sleeps while there is no reader: a driver may answer a poll at once while no
+// channel is started. A reader always runs on the same worker. The only back-pressure is the
+// uploader's full queue: the reader then leaves the channel unread and comes back, and the driver
+// buffers meanwhile. Neither the poll thread nor a worker waits for a host, so a host that doesn't
+// read costs no other one a byte. Only the thread that ends a channel waits, for what is left of
+// it. readersMtx_ is held for a look-up only; of the others, a reader's mtx_ comes before its
+// flushMtx_.
 #pragma once
 
 #include <atomic>
@@ -44,16 +47,17 @@ public:
     // Ends a running Execute after the read at hand, and a waiting FlushDrvBuff.
     void SetQuit();
 
-    // Reads until the channel is empty or 32 MiB have come. Always 0. On a worker.
+    // Reads until the channel is empty, 32 MiB have come or the uploader's queue is full. Always 0.
+    // On a worker; doesn't wait for the host.
     int Execute() override;
     uint64_t HashId() override;
 
-    // Reads what a stopped channel still holds, to its end, unless the tuning file keeps the
-    // channel from the host. A channel that goes on all the same is left after 1 GiB, with a log
-    // line. On the thread that has stopped it.
+    // Reads what a stopped channel still holds, to its end, waiting for the host, unless the tuning
+    // file keeps the channel from the host. A channel that goes on all the same is left after 1
+    // GiB, with a log line. On the thread that has stopped it.
     void Drain();
-    // Uploads what the buffer holds. What cannot be uploaded is lost, with a log line that says
-    // how much.
+    // Uploads what the buffer holds, waiting for the host. What cannot be uploaded is lost, with a
+    // log line that says how much.
     void Flush();
     // Asks the next Execute to flush at its end. False for a channel that is kept from the host: it
     // must not be executed.
@@ -63,7 +67,7 @@ public:
     // failed read as well.
     void FlushDrvBuff();
 
-    // Whether more than 2 dispatches are not finished yet.
+    // Whether more than 2 dispatches are not finished yet, or the host's queue was full just now.
     [[nodiscard]] bool GetSchedulingStatus() const;
     // One dispatch more, or one less if there is any.
     void SetSchedulingStatus(bool isDispatched);
@@ -74,8 +78,8 @@ private:
 
     // These need mtx_.
     int ReadOnce(bool isStopped);
-    bool MakeRoom();
-    void UploadData();
+    bool MakeRoom(bool mayWait);
+    bool UploadData(bool mayWait);
     // What the buffer holds does not reach the host.
     void ReportLoss() const;
 
@@ -92,12 +96,14 @@ private:
     std::atomic<bool> inited_{false};
     std::atomic<bool> flushAsked_{false};
     std::atomic<uint32_t> schedulingCount_{0};
+    std::atomic<uint64_t> heldUpUntil_{0};  // ns; the queue is not tried again before
 
     std::mutex mtx_;
     // Guarded by mtx_.
     std::unique_ptr<ReaderBuffer> buffer_;
+    MessageBuffer pending_;  // of all that is buffered, for a queue that was full; else null
     uint32_t bufSize_;
-    uint32_t dataSize_ = 0;   // bytes in the buffer
+    uint32_t dataSize_ = 0;   // bytes in the buffer, or in pending_
     uint32_t spaceSize_;      // bytes free at the last read
     uint64_t totalSize_ = 0;  // bytes read, ever
     std::unique_ptr<Analysis::Nedra::Common::Statistics::PerfCount> perfCount_;
@@ -140,14 +146,18 @@ private:
     using Readers = std::map<uint32_t, std::shared_ptr<ChannelReader>>;  // by channel
 
     std::vector<std::shared_ptr<ChannelReader>> Snapshot();
+    // Returns when there is a reader, or the poll stops.
+    void AwaitReader();
     bool PollOnce(uint64_t* lastFlushTime);
-    void DispatchChannel(uint32_t devId, uint32_t channel);
-    void Dispatch(const std::shared_ptr<ChannelReader>& reader);
+    // Both tell whether a worker has got it.
+    bool DispatchChannel(uint32_t devId, uint32_t channel);
+    bool Dispatch(const std::shared_ptr<ChannelReader>& reader);
 
     std::shared_ptr<common::thread::ThreadPool> threadPool_;  // of Start and Stop, and the thread
     std::atomic<bool> isStarted_{false};
 
     std::mutex readersMtx_;
+    std::condition_variable readersCv_;    // there is a reader, or the poll stops
     std::map<uint32_t, Readers> readers_;  // by device; guarded by readersMtx_
 
     // The thread's; Stop reads them when it has ended.

@@ -102,9 +102,10 @@ struct Channels : orla::device_test::DeviceTest {
         }
         return streams;
     }
-    static std::shared_ptr<ChannelReader> MakeReader(int device, int channel) {
+    static std::shared_ptr<ChannelReader> MakeReader(int device, int channel,
+                                                     const char* job = "job") {
         const auto jobCtx = std::make_shared<message::JobContext>();
-        jobCtx->job_id = "job";
+        jobCtx->job_id = job;
         auto reader =
             std::make_shared<ChannelReader>(device, channel, File(device, channel), jobCtx);
         EXPECT_EQ(reader->Init(), 0);
@@ -174,6 +175,30 @@ TEST_F(Channels, WhatTheDriverHandsOutReachesAHostThatPauses) {
         EXPECT_TRUE(hasSideBuffer || counts.delivered + counts.lost == counts.produced);
     });
     EXPECT_THAT(log.Take("W"), Contains(testing::HasSubstr("prof_stop: device 0, channel 1: ")));
+}
+
+TEST_F(Channels, OfAHostThatStallsHoldUpNoOtherOnTheirWorker) {
+    orla::control::SetLogLevel(orla::control::LogLevel::kWarning);
+    Use(R"({"id": 2, "rate": "unlimited"}, {"id": 6, "rate": 100000})");
+    Connect(1);
+    host->Read(false);
+    const auto other = std::make_shared<orla::test::PacedHost>();
+    ASSERT_EQ(UploaderMgr::instance().CreateUploader("other", other, 1), 0);
+    ChannelPoll poll;
+    ASSERT_EQ(poll.Start(), 0);
+    Open(poll, 0, 2);
+    EXPECT_TRUE(WaitFor([] { return CountsOf(0, 2).delivered >= 3 * 65536; }));  // as much as fits
+    poll.AddReader(0, 6, MakeReader(0, 6, "other"));  // of four workers the same one
+    Start(0, 6);
+    EXPECT_TRUE(WaitFor([] { return CountsOf(0, 6).delivered > 10000; }));
+    EXPECT_EQ(CountsOf(0, 2).delivered, 3U * 65536);
+    host->Read(true);
+    EXPECT_TRUE(WaitFor([] { return CountsOf(0, 2).delivered > 6 * 65536; }));
+    Close(poll, 0, 2);
+    Close(poll, 0, 6);
+    const Stream stream = Received()[File(0, 2)];
+    EXPECT_EQ(stream.records, CountsOf(0, 2).delivered);
+    EXPECT_EQ(stream.missing, CountsOf(0, 2).lost);
 }
 
 TEST_F(Channels, MayComeAndGoWhileOthersRun) {
@@ -351,6 +376,13 @@ TEST_F(Channels, PollDispatchesWhoIsNotBusy) {
     EXPECT_EQ(poll.GetReader(0, 2), nullptr);
     Close(poll, 0, 4);  // nor is what it holds at its end
     EXPECT_EQ(CountsOf(0, 4).delivered, 0U);
+    // Nobody is left, and a driver that answers at once is not asked again and again.
+    Answer("prof_channel_poll", PROF_STOPPED_ALREADY, 0, orla::control::Fault::kForever);
+    EXPECT_TRUE(WaitFor([] {
+        const uint64_t before = CallCount("prof_channel_poll");
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        return CallCount("prof_channel_poll") == before;
+    }));
 }
 
 TEST_F(Channels, PollEndsWithAnErrorAndNotBefore) {
@@ -362,6 +394,7 @@ TEST_F(Channels, PollEndsWithAnErrorAndNotBefore) {
         Answer("prof_channel_poll", result, 3, orla::control::Fault::kForever);
         ChannelPoll poll;
         ASSERT_EQ(poll.Start(), 0);
+        poll.AddReader(0, 2, MakeReader(0, 2));
         ASSERT_TRUE(orla::control::WaitForLine(
             [](const auto& line) {
                 return line.text.find("Failed to poll channel") != std::string::npos;

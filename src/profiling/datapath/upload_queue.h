@@ -18,11 +18,11 @@ public:
         : BoundQueue(capacity), share_(std::move(budget)) {}
 
 private:
-    // What a message costs is its block: a short one may lie in a large recycled block.
+    // What a message costs is its block.
     [[nodiscard]] bool Admit(const MessageBuffer& message) override {
-        return share_.TryTake(message->capacity());
+        return share_.TryTake(message->bytes.capacity());
     }
-    void Leave(const MessageBuffer& message) override { share_.Give(message->capacity()); }
+    void Leave(const MessageBuffer& message) override { share_.Give(message->bytes.capacity()); }
 
     QueueBudget::Share share_;  // guarded by the lock of the queue
 };

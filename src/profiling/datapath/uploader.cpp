@@ -18,12 +18,7 @@ namespace {
 constexpr char kQueueName[] = "UploaderQueue";
 // How often those who wait look after the host.
 constexpr std::chrono::milliseconds kCheckPeriod{100};
-constexpr size_t kMaxMessage = INT_MAX - kFrontRoom - kTailRoom;
-
-// Of a message with both rooms around it.
-size_t MessageLength(const std::string& message) {
-    return message.size() - kFrontRoom - kTailRoom;
-}
+constexpr size_t kMaxMessage = INT_MAX - kTailRoom;  // with all in front of it
 
 }  // namespace
 
@@ -85,28 +80,38 @@ int Uploader::UploadData(const void* data, int len) {
         PROF_LOGE("[Uploader::UploadData]data of %d bytes is no message.", len);
         return -1;
     }
-    const MessageBuffer message = TakeMessageBuffer(static_cast<size_t>(len));
+    MessageBuffer message = TakeMessageBuffer(static_cast<size_t>(len));
     if (message == nullptr) {
         return -1;
     }
-    message->append(static_cast<const char*>(data), static_cast<size_t>(len));
-    return UploadData(message);
+    message->bytes.append(static_cast<const char*>(data), static_cast<size_t>(len));
+    return UploadData(std::move(message));
+}
+
+bool Uploader::Accepts(const MessageBuffer& message) const {
+    if (!Accepts(static_cast<const void*>(message.get()))) {
+        return false;
+    }
+    const size_t size = message->bytes.size();
+    const bool isMessage = message->begin >= kFrontRoom && message->begin <= size;
+    if (!isMessage || size > kMaxMessage) {
+        PROF_LOGE("[Uploader::UploadData]data of %zu bytes is no message.", size);
+        return false;
+    }
+    return true;
+}
+
+void Uploader::Expect() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    ++unsent_;
 }
 
 int Uploader::UploadData(MessageBuffer message) {
-    if (!Accepts(message.get())) {
+    if (!Accepts(message)) {
         return -1;
     }
-    if (message->size() < kFrontRoom || message->size() - kFrontRoom > kMaxMessage) {
-        PROF_LOGE("[Uploader::UploadData]data of %zu bytes is no message.", message->size());
-        return -1;
-    }
-    {
-        const std::lock_guard<std::mutex> lock(mutex_);
-        ++unsent_;
-    }
+    Expect();
     try {
-        message->append(kTailRoom, '\0');
         if (queue_->Push(std::move(message), kCheckPeriod, [this] { CheckHost(); })) {
             return 0;
         }
@@ -116,6 +121,30 @@ int Uploader::UploadData(MessageBuffer message) {
     }
     Settle();  // the producer knows what it has lost
     return -1;
+}
+
+Uploader::Taken Uploader::TryUpload(MessageBuffer& message) {
+    if (!Accepts(message)) {
+        return Taken::kLost;
+    }
+    Expect();
+    auto entry = UploadQueue::Entry::kQuit;
+    try {
+        entry = queue_->TryPush(message);
+    } catch (const std::exception& e) {
+        PROF_LOGE("make shared failed, message: %s", e.what());
+    }
+    if (entry == UploadQueue::Entry::kIn) {
+        return Taken::kQueued;
+    }
+    Settle();
+    if (entry == UploadQueue::Entry::kFull) {
+        CheckHost();
+        return Taken::kFull;
+    }
+    Refuse();
+    message.reset();
+    return Taken::kLost;
 }
 
 // A host that has gone costs its job a message each time that something is sampled: one line tells
@@ -186,16 +215,16 @@ void Uploader::SendQueued() {
     }
 }
 
-void Uploader::Send(ITransport* transport, std::string& message) {
-    const auto length = static_cast<int>(MessageLength(message));
-    const int sent =
-        transport == nullptr ? -1 : transport->SendInPlace(message.data() + kFrontRoom, length);
+void Uploader::Send(ITransport* transport, MessageBlock& message) {
+    const auto length = static_cast<int>(message.size());
+    message.bytes.append(kTailRoom, '\0');  // without a move: there is room for it
+    const int sent = transport == nullptr ? -1 : transport->SendInPlace(message.data(), length);
     if (sent == length) {
         const std::lock_guard<std::mutex> lock(mutex_);
         lastSent_ = Clock::now();
     } else {
         PROF_LOGE("Failed to upload data, data_len=%d, sent len=%d", length, sent);
-        Lose(message);
+        Lose(static_cast<uint64_t>(length));
         if (transport == nullptr || !transport->IsUsable()) {
             GiveUp("A send has failed");
         }
@@ -210,16 +239,16 @@ void Uploader::Settle() {
     }
 }
 
-void Uploader::Lose(const std::string& message) {
+void Uploader::Lose(uint64_t length) {
     const std::lock_guard<std::mutex> lock(mutex_);
     ++lostMessages_;
-    lostBytes_ += MessageLength(message);
+    lostBytes_ += length;
 }
 
 void Uploader::DropQueued() {
     if (gaveUp_ || forceQuit_) {
         for (MessageBuffer message; queue_->TryPop(message); message.reset()) {
-            Lose(*message);
+            Lose(message->size());
             Settle();
         }
     }

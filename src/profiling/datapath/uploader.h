@@ -6,13 +6,14 @@
 //                                     `--- given up ----^
 //
 // Any number of threads upload at the same time. A full queue holds them up for as long as the
-// host does not read; that is the back-pressure of the data path. Messages go out in the order of
+// host does not read, or tells those that serve other hosts as well and may not wait (TryUpload);
+// that is the back-pressure of the data path. Messages go out in the order of
 // their upload, each once.
 //
 // Patience with the host. While the job ends (BoundStall), its host is given up when not one
 // segment has gone to the driver for the stall limit. Only those who wait for the host look at the
-// limit: a producer at a full queue, Flush, Stop. So nothing is given up while nobody waits, and
-// no thread is needed to watch.
+// limit: a producer at a full queue, whether it waits there or comes again, Flush, Stop. So nothing
+// is given up while nobody waits, and no thread is needed to watch.
 //
 // Giving up happens once, for any of four reasons: the limit, a failed send after which the
 // session is of no use, a data session that takes this one's place, the end of the agent. The
@@ -60,10 +61,13 @@ public:
     // log line when the message is lost: not inited, no data, no memory, stopped or given up.
     // The bytes are copied.
     [[nodiscard]] int UploadData(const void* data, int len);
-    // The same without a copy, for a buffer that holds kFrontRoom bytes and the message behind
-    // them. It is the uploader's from the call on, whatever the result: the caller keeps no
-    // reference that it uses.
+    // The same without a copy. The buffer is the uploader's from the call on, whatever the result.
     [[nodiscard]] int UploadData(MessageBuffer message);
+
+    enum class Taken { kQueued, kFull, kLost };
+    // The same without waiting, for a producer that comes again when the queue is full. `message`
+    // is then as it was; after any other result it is the uploader's.
+    [[nodiscard]] Taken TryUpload(MessageBuffer& message);
 
     // Returns when the driver has taken all that was queued, or when nothing will take any more:
     // given up, or ended. True when every message ever queued went to the driver and no loss was
@@ -103,14 +107,17 @@ protected:
 private:
     // Whether there is a queue, and `data` for it; a log line when not.
     bool Accepts(const void* data) const;
+    bool Accepts(const MessageBuffer& message) const;
+    // One message more that waits for its end.
+    void Expect();
     // Counts a message that came when nothing is sent any more.
     void Refuse();
     void SendQueued();
-    void Send(ITransport* transport, std::string& message);
+    void Send(ITransport* transport, MessageBlock& message);
     // One message fewer that waits for its end.
     void Settle();
-    // Counts a message that was accepted and does not reach the driver.
-    void Lose(const std::string& message);
+    // Counts a message of `length` bytes that was accepted and does not reach the driver.
+    void Lose(uint64_t length);
     // Counts what nobody will send any more, and reports all that was lost.
     void DropQueued();
     // Nothing will be taken from the queue any more.

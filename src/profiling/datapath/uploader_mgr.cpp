@@ -16,6 +16,10 @@ namespace {
 constexpr char kDefaultMode[] = "def_mode";
 constexpr uint32_t kLastSendsMs = 20;
 
+size_t LengthOf(const MessageBuffer& message) {
+    return message == nullptr ? 0 : message->size();
+}
+
 }  // namespace
 
 std::string DevModeKey(int64_t devId, const std::string& mode) {
@@ -219,9 +223,13 @@ int UploaderMgr::UploadData(const std::string& id, const void* data, uint32_t le
 }
 
 int UploaderMgr::UploadData(const std::string& id, MessageBuffer message) {
-    const size_t size = message == nullptr ? 0 : message->size();
-    const auto uploader = UploaderFor(id, size > kFrontRoom ? size - kFrontRoom : 0);
+    const auto uploader = UploaderFor(id, LengthOf(message));
     return uploader == nullptr ? -1 : uploader->UploadData(std::move(message));
+}
+
+Uploader::Taken UploaderMgr::TryUpload(const std::string& id, MessageBuffer& message) {
+    const auto uploader = UploaderFor(id, LengthOf(message));
+    return uploader == nullptr ? Uploader::Taken::kLost : uploader->TryUpload(message);
 }
 
 int UploaderMgr::UploadData(const std::string& id, const std::string& data,

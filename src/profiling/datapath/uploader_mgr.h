@@ -79,12 +79,14 @@ public:
     // before when they take nothing for the stall limit. Until Uninit.
     void EndAllUntil(Uploader::Clock::time_point latest);
 
-    // ---- Sending: 0, or -1 with a log line. Blocks while the queue is full --------------------
+    // ---- Sending: 0, or -1 with a log line. All but TryUpload block while the queue is full ----
 
     // One encoded message of `len` bytes, copied.
     [[nodiscard]] int UploadData(const std::string& id, const void* data, uint32_t len);
     // The same in a buffer that is handed over, see Uploader::UploadData.
     [[nodiscard]] int UploadData(const std::string& id, MessageBuffer message);
+    // The same without waiting, see Uploader::TryUpload.
+    [[nodiscard]] Uploader::Taken TryUpload(const std::string& id, MessageBuffer& message);
     // One FileChunkReq with the bytes `data`, at least one.
     [[nodiscard]] int UploadData(const std::string& id, const std::string& data,
                                  const FileChunkInfo& info,

@@ -194,7 +194,7 @@ TEST(Uploader, RefusesWhatItCannotSend) {
     EXPECT_EQ(-1, raw.UploadData(nullptr, 3));
     EXPECT_EQ(-1, raw.UploadData(nullptr));
     EXPECT_EQ(-1, raw.UploadData("a", -1));
-    EXPECT_EQ(-1, raw.UploadData(std::make_shared<std::string>("no front room")));
+    EXPECT_EQ(-1, raw.UploadData(MessageBuffer(new MessageBlock{"no front room"})));
     EXPECT_EQ(0u, raw.GetQueueSize());
     EXPECT_EQ(0, raw.UploadData("", 0));
     EXPECT_EQ(0, raw.Uninit());
@@ -314,7 +314,7 @@ TEST(UploaderMgr, KnowsItsIdsAndModes) {
         EXPECT_EQ(nullptr, found) << id;
     }
     EXPECT_EQ(-1, mgr.UploadData("nobody", "abc", 3));
-    EXPECT_EQ(-1, mgr.UploadData("nobody", std::make_shared<std::string>(kFrontRoom + 5, 'x')));
+    EXPECT_EQ(-1, mgr.UploadData("nobody", TakeFilledBuffer(5)));
     EXPECT_EQ(-1, mgr.UploadData("job", "", {}, std::make_shared<message::JobContext>()));
     EXPECT_EQ(-1, mgr.UploadData("job", "x", {}, nullptr));
     EXPECT_EQ(-1, mgr.CreateUploader("job", nullptr, 1));
@@ -362,17 +362,26 @@ TEST(FileChunk, IsWhatTheCodecWouldMakeWhicheverWayItWasEncoded) {
     }
 }
 
-TEST(MessageBuffer, LargeOnesServeAgainUntilTrimmed) {
-    constexpr size_t kLarge = 1 << 20;
-    TrimMessageBuffers();
-    MessageBuffer first = TakeMessageBuffer(kLarge);
-    const std::string* block = first.get();
-    first->append(kLarge, 'x');
-    first.reset();
-    EXPECT_NE(block, TakeMessageBuffer(2 * kLarge).get());  // too small for that
-    const MessageBuffer again = TakeMessageBuffer(kLarge / 2);
-    EXPECT_EQ(block, again.get());
-    EXPECT_EQ(kFrontRoom, again->size());
+TEST(MessageBuffer, ABlockServesAgainForWhatIsNotMuchSmaller) {
+    const struct {
+        size_t first, next;
+        bool again;
+    } rows[] = {{1 << 20, 1 << 20, true}, {1 << 20, 600000, true},   {1 << 20, 300000, false},
+                {1 << 20, 100, false},    {1 << 20, 2 << 20, false}, {4200, 4100, true},
+                {4200, 2000, false},      {100, 4200, false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.first) + ", " + std::to_string(row.next));
+        TrimMessageBuffers();
+        MessageBuffer first = TakeMessageBuffer(row.first);
+        const char* block = first->bytes.data();
+        first->bytes.append(row.first, 'x');
+        first->begin = kFrontRoom + 1;
+        first.reset();
+        const MessageBuffer next = TakeMessageBuffer(row.next);
+        EXPECT_EQ(block == next->bytes.data(), row.again);
+        EXPECT_EQ(0U, next->size());
+        EXPECT_EQ(kFrontRoom, next->begin);
+    }
     TrimMessageBuffers();
 }
 
