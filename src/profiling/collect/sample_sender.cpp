@@ -1,7 +1,10 @@
 #include "profiling/collect/sample_sender.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
+
+#include "hdc/log_side.h"
 
 namespace Analysis::Nedra::JobWrapper {
 
@@ -19,10 +22,18 @@ bool SampleSender::Send(MessageBuffer message) {
     if (kept_.empty()) {
         taken = uploader_->TryUpload(message);
     }
-    if (taken == Taken::kFull) {
+    return taken == Taken::kFull ? Keep(std::move(message)) : taken != Taken::kLost;
+}
+
+bool SampleSender::Keep(MessageBuffer message) {
+    try {
         kept_.push_back(std::move(message));
+        return true;
+    } catch (const std::exception& e) {
+        PROF_LOGE("make shared failed, message: %s", e.what());
+        uploader_->NoteLoss();
+        return false;
     }
-    return taken != Taken::kLost;
 }
 
 uint64_t SampleSender::SendKept() {

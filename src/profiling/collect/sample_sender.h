@@ -34,6 +34,9 @@ public:
 private:
     using Taken = analysis::nedra::transport::Uploader::Taken;
 
+    // False when there is no memory for it: the uploader then knows of the loss.
+    bool Keep(analysis::nedra::transport::MessageBuffer message);
+
     const std::shared_ptr<analysis::nedra::transport::Uploader> uploader_;
     std::deque<analysis::nedra::transport::MessageBuffer> kept_;  // in the order of their sending
     uint64_t delay_ = 0;                                          // ns, of the last try; 0: none

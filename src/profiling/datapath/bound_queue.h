@@ -76,8 +76,7 @@ public:
             }
             return false;
         }
-        queue_.push_back(std::move(data));
-        notEmpty_.notify_all();
+        Append(data);
         return true;
     }
 
@@ -99,8 +98,7 @@ public:
         }
         isToldFull_ = false;
         CountPush();
-        queue_.push_back(std::move(data));
-        notEmpty_.notify_all();
+        Append(data);
         return Entry::kIn;
     }
 
@@ -175,6 +173,17 @@ private:
     bool TryEnter(const T& data) {
         LogIsFull();
         return queue_.size() != capacity_ && Admit(data);
+    }
+
+    // Takes in what Admit has accounted for.
+    void Append(T& data) {
+        try {
+            queue_.push_back(std::move(data));
+        } catch (...) {  // out of memory, and `data` is as it was
+            Leave(data);
+            throw;
+        }
+        notEmpty_.notify_all();
     }
 
     // Returns when an element was popped, when the queue has quit, or after a `period` in which

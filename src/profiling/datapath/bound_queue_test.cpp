@@ -58,6 +58,34 @@ TEST(BoundQueue, EveryFiveHundredthPushReports) {
                                         "HisMaxCut:2, Percent:33.3333%"));
 }
 
+TEST(BoundQueue, WhatFailsToGoInTakesNoRoom) {
+    struct Element {
+        explicit Element(bool breaks) : isBreaking(breaks) {}
+        Element(Element&& other) : isBreaking(other.isBreaking) {
+            if (isBreaking) {
+                throw std::bad_alloc();
+            }
+        }
+        Element& operator=(Element&&) = default;
+        bool isBreaking;
+    };
+    struct Queue : BoundQueue<Element> {
+        using BoundQueue::BoundQueue;
+        bool Admit(const Element& /*element*/) override { return ++held < 3; }
+        void Leave(const Element& /*element*/) override { --held; }
+        int held = 0;
+    };
+    Queue queue(4);
+    for (int i = 0; i < 3; ++i) {
+        Element element(true);
+        EXPECT_THROW(static_cast<void>(queue.TryPush(element)), std::bad_alloc);
+        EXPECT_EQ(queue.held, 0);
+    }
+    Element element(false);
+    EXPECT_EQ(queue.TryPush(element), Queue::Entry::kIn);
+    EXPECT_EQ(queue.held, 1);
+}
+
 // Four producers push numbers that tell where they come from, three consumers take them, and
 // somebody quits after a given number of pops. What was accepted must come out, once, and in the
 // order of its producer.

@@ -5,6 +5,7 @@
 
 #include <climits>
 #include <exception>
+#include <stdexcept>
 #include <utility>
 
 #include "hdc/log_side.h"
@@ -27,7 +28,7 @@ constexpr uint32_t kChunkTag = WireFormatLite::MakeTag(FileChunkReq::kChunkField
 static_assert(kChunkTag < 0x80, "one byte");
 
 // The envelope with the fields in front of the chunk, and the chunk's tag; fields are written in
-// the order of their numbers. Empty when it can't be made.
+// the order of their numbers.
 std::string EncodeHead(const FileChunkInfo& info, const std::string& jobCtx) {
     FileChunkReq head;
     head.mutable_hdr()->set_job_ctx(jobCtx);
@@ -35,7 +36,7 @@ std::string EncodeHead(const FileChunkInfo& info, const std::string& jobCtx) {
     head.set_offset(kNoOffset);
     std::string out;
     if (!message::AppendEnvelope(head, &out)) {
-        return {};
+        throw std::runtime_error("fileChunk encode failed. fileName:" + info.fileName);
     }
     out.push_back(static_cast<char>(kChunkTag));
     return out;
@@ -80,7 +81,7 @@ bool ChunkEncoder::Finish(MessageBlock& block, size_t used) const {
     tail.set_datamodule(static_cast<int32_t>(dataModule_));
     const size_t end = dataAt_ + used;
     const size_t size = tail.ByteSizeLong();
-    if (head_.empty() || size > kTail) {
+    if (size > kTail) {
         PROF_LOGE("fileChunk encode failed. fileName:%s", fileName_.c_str());
         return false;
     }

@@ -31,7 +31,8 @@ struct FileChunkInfo {
 // Whatever can fail does so with a log line.
 class ChunkEncoder {
 public:
-    // `jobCtx` is the text of the job's context.
+    // `jobCtx` is the text of the job's context. Throws when the head cannot be made, for lack of
+    // memory: an encoder without it would lose all that comes.
     ChunkEncoder(FileChunkInfo info, const std::string& jobCtx);
 
     // The message with `data`, which is copied once. Null when it cannot be made.
@@ -49,8 +50,8 @@ private:
     const std::string fileName_;  // for log lines
     const bool isLastChunk_;
     const uint32_t dataModule_;
-    std::string head_;  // all in front of the chunk's length; empty: it can't be made
-    size_t dataAt_ = 0;
+    const std::string head_;  // all in front of the chunk's length
+    const size_t dataAt_;
 };
 
 // The message for a producer that makes only one of its kind, see ChunkEncoder::Encode.

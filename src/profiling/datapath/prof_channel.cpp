@@ -245,6 +245,7 @@ bool ChannelReader::UploadData(bool mayWait) {
         heldUpUntil_ = Utils::GetClockMonotonicRaw() + kHeldUpNs;
         return false;
     }
+    heldUpUntil_ = 0;
     pending_.reset();
     if (taken == Uploader::Taken::kLost) {
         PROF_LOGE("Upload data failed, jobId: %s", jobId.c_str());
@@ -323,6 +324,11 @@ void ChannelReader::FlushDrvBuff() {
 
 bool ChannelReader::GetSchedulingStatus() const {
     return schedulingCount_ > kMaxDispatches || Utils::GetClockMonotonicRaw() < heldUpUntil_;
+}
+
+bool ChannelReader::IsRetryDue() const {
+    const uint64_t until = heldUpUntil_;
+    return until != 0 && Utils::GetClockMonotonicRaw() >= until;
 }
 
 void ChannelReader::SetSchedulingStatus(bool isDispatched) {
@@ -485,6 +491,7 @@ bool ChannelPoll::PollOnce(uint64_t* lastFlushTime) {
         FlushAllChannel();
         ++flushAllCount_;
     }
+    DispatchHeldUp();
     ++dispatchCount_;
     bool isAnyTaken = false;
     for (int i = 0; i < ret; ++i) {
@@ -527,15 +534,29 @@ bool ChannelPoll::Dispatch(const std::shared_ptr<ChannelReader>& reader) {
     return isDispatched;
 }
 
-std::vector<std::shared_ptr<ChannelReader>> ChannelPoll::Snapshot() {
-    std::vector<std::shared_ptr<ChannelReader>> all;
+template <typename Condition>
+std::vector<std::shared_ptr<ChannelReader>> ChannelPoll::Select(const Condition& condition) {
+    std::vector<std::shared_ptr<ChannelReader>> selected;
     const std::lock_guard<std::mutex> lock(readersMtx_);
     for (const auto& [devId, readers] : readers_) {
         for (const auto& [channel, reader] : readers) {
-            all.push_back(reader);
+            if (condition(*reader)) {
+                selected.push_back(reader);
+            }
         }
     }
-    return all;
+    return selected;
+}
+
+std::vector<std::shared_ptr<ChannelReader>> ChannelPoll::Snapshot() {
+    return Select([](const ChannelReader&) { return true; });
+}
+
+// The driver doesn't tell of a channel that has gone quiet meanwhile.
+void ChannelPoll::DispatchHeldUp() {
+    for (const auto& reader : Select([](const ChannelReader& each) { return each.IsRetryDue(); })) {
+        static_cast<void>(Dispatch(reader));
+    }
 }
 
 void ChannelPoll::FlushAllChannel() {

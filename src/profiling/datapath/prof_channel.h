@@ -7,11 +7,11 @@
 //
 // The poll thread sleeps while there is no reader: a driver may answer a poll at once while no
 // channel is started. A reader always runs on the same worker. The only back-pressure is the
-// uploader's full queue: the reader then leaves the channel unread and comes back, and the driver
-// buffers meanwhile. Neither the poll thread nor a worker waits for a host, so a host that doesn't
-// read costs no other one a byte. Only the thread that ends a channel waits, for what is left of
-// it. readersMtx_ is held for a look-up only; of the others, a reader's mtx_ comes before its
-// flushMtx_.
+// uploader's full queue: the reader then leaves the channel unread and comes back with a later
+// poll, whether the channel has data by then or not, and the driver buffers meanwhile. Neither the
+// poll thread nor a worker waits for a host, so a host that doesn't read costs no other one a byte.
+// Only the thread that ends a channel waits, for what is left of it. readersMtx_ is held for a
+// look-up only; of the others, a reader's mtx_ comes before its flushMtx_.
 #pragma once
 
 #include <atomic>
@@ -69,6 +69,8 @@ public:
 
     // Whether more than 2 dispatches are not finished yet, or the host's queue was full just now.
     [[nodiscard]] bool GetSchedulingStatus() const;
+    // Whether a message waits for room in the host's queue, and may be tried again.
+    [[nodiscard]] bool IsRetryDue() const;
     // One dispatch more, or one less if there is any.
     void SetSchedulingStatus(bool isDispatched);
 
@@ -96,7 +98,8 @@ private:
     std::atomic<bool> inited_{false};
     std::atomic<bool> flushAsked_{false};
     std::atomic<uint32_t> schedulingCount_{0};
-    std::atomic<uint64_t> heldUpUntil_{0};  // ns; the queue is not tried again before
+    // ns; the queue is not tried again before. 0: it was not full.
+    std::atomic<uint64_t> heldUpUntil_{0};
 
     std::mutex mtx_;
     // Guarded by mtx_.
@@ -145,10 +148,14 @@ protected:
 private:
     using Readers = std::map<uint32_t, std::shared_ptr<ChannelReader>>;  // by channel
 
+    template <typename Condition>
+    std::vector<std::shared_ptr<ChannelReader>> Select(const Condition& condition);
     std::vector<std::shared_ptr<ChannelReader>> Snapshot();
     // Returns when there is a reader, or the poll stops.
     void AwaitReader();
     bool PollOnce(uint64_t* lastFlushTime);
+    // Has the workers go on with those that were held up.
+    void DispatchHeldUp();
     // Both tell whether a worker has got it.
     bool DispatchChannel(uint32_t devId, uint32_t channel);
     bool Dispatch(const std::shared_ptr<ChannelReader>& reader);

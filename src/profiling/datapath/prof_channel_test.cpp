@@ -201,6 +201,24 @@ TEST_F(Channels, OfAHostThatStallsHoldUpNoOtherOnTheirWorker) {
     EXPECT_EQ(stream.missing, CountsOf(0, 2).lost);
 }
 
+TEST_F(Channels, ThatGoQuietWhileTheirHostStallsAreGoneOnWithSoon) {
+    Use(R"({"id": 2, "rate": "unlimited", "records": 196608})");
+    Connect(1);
+    host->Read(false);
+    ChannelPoll poll;
+    ASSERT_EQ(poll.Start(), 0);
+    Open(poll, 0, 2);  // a message is being sent, one is queued, and the last one is refused
+    ASSERT_TRUE(orla::control::WaitForLine(
+        [](const auto& line) { return line.text.find("QueueFull") != std::string::npos; },
+        std::chrono::minutes(1)));
+    const auto begin = std::chrono::steady_clock::now();
+    host->Read(true);
+    EXPECT_TRUE(WaitFor([this] { return host->Begun() == 3; }));
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(8));  // no flush
+    Close(poll, 0, 2);
+    EXPECT_EQ(Received()[File(0, 2)].records, 196608U);
+}
+
 TEST_F(Channels, MayComeAndGoWhileOthersRun) {
     orla::control::SetLogLevel(orla::control::LogLevel::kWarning);
     constexpr int kJobs = 4;

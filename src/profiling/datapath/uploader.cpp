@@ -128,10 +128,10 @@ Uploader::Taken Uploader::TryUpload(MessageBuffer& message) {
         return Taken::kLost;
     }
     Expect();
-    auto entry = UploadQueue::Entry::kQuit;
+    auto entry = UploadQueue::Entry::kFull;
     try {
         entry = queue_->TryPush(message);
-    } catch (const std::exception& e) {
+    } catch (const std::exception& e) {  // there may be memory when the producer comes again
         PROF_LOGE("make shared failed, message: %s", e.what());
     }
     if (entry == UploadQueue::Entry::kIn) {

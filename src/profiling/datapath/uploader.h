@@ -65,8 +65,9 @@ public:
     [[nodiscard]] int UploadData(MessageBuffer message);
 
     enum class Taken { kQueued, kFull, kLost };
-    // The same without waiting, for a producer that comes again when the queue is full. `message`
-    // is then as it was; after any other result it is the uploader's.
+    // The same without waiting, for a producer that comes again when the queue is full or there is
+    // no memory for its place. `message` is then as it was; after any other result it is the
+    // uploader's.
     [[nodiscard]] Taken TryUpload(MessageBuffer& message);
 
     // Returns when the driver has taken all that was queued, or when nothing will take any more:
@@ -83,7 +84,7 @@ public:
     // Gives the host up at once; `reason` begins the log line. Any thread. Returns whether
     // something is lost by now that was queued.
     bool GiveUp(const std::string& reason);
-    // The job has lost data before this uploader was there: Flush must not say otherwise.
+    // The job has lost data that this uploader never had: Flush must not say otherwise.
     void NoteLoss();
 
     // Starts the thread, as Thread::Start.
