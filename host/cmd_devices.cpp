@@ -82,7 +82,7 @@ int RunDevices(const CommonOptions& options) {
     }
     options.json ? PrintJson(states) : PrintTable(states);
     const auto listens = [](const DeviceState& state) { return state.requests; };
-    // Of devices that were named every one matters, else that there is one at all.
+    // Every device that was named must listen; without names a single one is enough.
     const bool isWell = options.devices.empty()
                             ? std::any_of(states.begin(), states.end(), listens)
                             : std::all_of(states.begin(), states.end(), listens);

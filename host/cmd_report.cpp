@@ -183,7 +183,7 @@ void ReadFiles(const std::vector<DataFile>& files, ReportBuilder* builder, Repor
     }
 }
 
-// Empty on success, else what went wrong.
+// Returns an empty text on success, else the problem.
 std::string Write(const fs::path& path, const std::string& content) {
     const std::string problem = WriteWhole(path, content);
     return problem.empty() ? "" : fmt::format("{}: {}", path.string(), problem);
@@ -215,7 +215,7 @@ bool WriteFiles(const Report& report, const ReportInput& input, const fs::path& 
     return isWritten;
 }
 
-// False when there is no whole report; why stands on standard error.
+// Returns false when the report is not whole; standard error then has the reason.
 bool ReportOn(const fs::path& dir, const ReportOptions& options, bool json, Json* list) {
     ReportInput input;
     input.directory = dir.string();

@@ -14,7 +14,7 @@ EndSignals::EndSignals() {
 }
 
 EndSignals::~EndSignals() {
-    // What was counted has had its effect; one that came since then has it now.
+    // Signals that were counted have had their effect. A signal that is still pending has it now.
     pthread_sigmask(SIG_SETMASK, &before_, nullptr);
 }
 

@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if ((incoming.kind == IncomingKind::kChunk) != (incoming.chunk != nullptr)) {
         std::abort();
     }
-    // What is shown is valid text, and holds neither the controls of ASCII nor their doubles above.
+    // The text that is shown is valid UTF-8 and has no control characters, of ASCII or above it.
     const std::string shown = Printable({reinterpret_cast<const char*>(data), size});
     const bool isText = utf8::is_valid(shown.begin(), shown.end());
     for (auto at = shown.begin(); isText && at != shown.end();) {

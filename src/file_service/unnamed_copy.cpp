@@ -94,8 +94,8 @@ int CopyBytes(int source, int target, uint64_t size) {
 }
 
 int CopyWhole(int source, int target, uint64_t size, uint64_t present) {
-    // A clone would leave what an earlier, longer copy holds behind the end of a file that shrinks
-    // now.
+    // Only an empty target is cloned into. When the source shrinks meanwhile, a clone would leave
+    // bytes of an earlier, longer copy past the new end.
     if (present == 0 && ioctl(target, FICLONE, source) == 0) {
         return 0;
     }

@@ -115,9 +115,10 @@ public:
                                      uint32_t timeout);
 
     // A driver may hand out in one receive what several sends brought. Keeps a copy of a buffer
-    // that belongs to the next message. False when memory is out, or without the turn.
+    // that belongs to the next message. Returns false when memory is out, or without the turn.
     [[nodiscard]] bool Keep(const char* buffer, uint32_t size) noexcept;
-    // The buffers that were kept, in their order, once; whoever takes them keeps the rest again.
+    // Returns the buffers that were kept, in their order, and forgets them. The caller keeps those
+    // again that its message does not need.
     [[nodiscard]] std::vector<std::string> TakeKept();
 
 private:

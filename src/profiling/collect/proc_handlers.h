@@ -151,7 +151,7 @@ private:
     const std::shared_ptr<ProcTick> tick_;
     std::map<uint32_t, ProcPidFileHandler> pidsMap_;
     Pids prevPids_;
-    // Of one sample, used again by the next one.
+    // Lists of one sample. Each sample uses the memory of the sample before.
     Pids currentPids_;
     Pids newPids_;
     Pids exitPids_;

@@ -34,7 +34,7 @@ public:
 private:
     using Taken = analysis::nedra::transport::Uploader::Taken;
 
-    // False when there is no memory for it: the uploader then knows of the loss.
+    // Returns false when memory is out; the loss is then reported to the uploader.
     bool Keep(analysis::nedra::transport::MessageBuffer message);
 
     const std::shared_ptr<analysis::nedra::transport::Uploader> uploader_;

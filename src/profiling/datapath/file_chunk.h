@@ -43,7 +43,7 @@ public:
     [[nodiscard]] MessageBuffer TakeRoom(size_t size) const;
     [[nodiscard]] char* DataOf(MessageBlock& block) const;
     // Makes the message of a block that TakeRoom gave and of the first `used` bytes of its data.
-    // False when it cannot be made; the bytes are then as they were.
+    // Returns false when the message cannot be made; the data is then unchanged.
     [[nodiscard]] bool Finish(MessageBlock& block, size_t used) const;
 
 private:

@@ -27,13 +27,13 @@ size_t Capacity(const Block& block) {
 
 class FreeList {
 public:
-    // Null when no block fits.
+    // Returns null when no block fits.
     Block Take(size_t capacity) {
         const std::lock_guard<std::mutex> lock(mutex_);
         return capacity < kSmall ? TakeSmall(capacity) : TakeLarge(capacity);
     }
 
-    // What is not kept ends outside the lock.
+    // A block that is not kept is freed after the lock is released.
     void Give(Block block) {
         const size_t capacity = Capacity(block);
         const std::lock_guard<std::mutex> lock(mutex_);

@@ -6,7 +6,7 @@
 //     | first segment          |                     | segment              |
 //
 // A producer takes a buffer, which holds the front room and nothing more, and appends its message
-// (AppendEnvelope does just that), or puts the message anywhere behind the front room. The uploader
+// (AppendEnvelope does so), or writes the message anywhere after the front room. The uploader
 // adds the tail room, and the transport writes the heads in front of the message where it lies.
 // When its owner lets a buffer go it returns to a list and serves the next message: to fault in the
 // pages of a fresh block takes longer than to copy into them, and a sampler allocates nothing once
